@@ -1,0 +1,165 @@
+/*
+ * orvane.h - the MSG_ interface of liborvane.
+ *
+ * liborvane lets the processes of one device exchange typed messages over
+ * LINX.  Every operation is a plain C function over plain records and
+ * returns a status code (0 is success; 1xx outcomes a caller must expect,
+ * 2xx resource and system failures, 3xx misuse and state errors).
+ *
+ * The library has no thread of its own: every call runs on the caller's
+ * thread.  Diagnostics go to the system log (and to standard error when
+ * MSG_DEBUG_STDERR is set in DebugFlag); every line starts with the program
+ * name and the halvo index of the process.
+ *
+ * This header compiles as C99 and as C++.
+ */
+#ifndef ORVANE_H
+#define ORVANE_H
+
+#include <stdint.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define MSG_API __attribute__((visibility("default")))
+
+/* ---- Status codes ------------------------------------------------------ */
+
+typedef uint32_t MSG_Status;
+
+#define MSG_OK                        0u
+#define MSG_ERR_OPEN_REMOTE_TIMEOUT   101u /* "open remote timeout" */
+#define MSG_ERR_RECEIVE_TIMEOUT       102u /* "receive timeout" */
+#define MSG_ERR_CONNECTION_RESET      103u /* "connection reset" */
+#define MSG_ERR_LOCAL_NOT_FOUND       104u /* "local endpoint not found" */
+#define MSG_ERR_REMOTE_NOT_FOUND      105u /* "remote endpoint not found" */
+#define MSG_ERR_MEMORY                201u /* "memory overflow" */
+#define MSG_ERR_LINX                  202u /* "Linx error" */
+#define MSG_ERR_SYSTEM                203u /* "system error" */
+#define MSG_ERR_UNKNOWN               300u /* "unknown error" */
+#define MSG_ERR_WRONG_PARAMETER       301u /* "wrong parameter" */
+#define MSG_ERR_NOT_OPEN              302u /* "endpoint not open" */
+#define MSG_ERR_NAME_CONFLICT         303u /* "endpoint name conflict" */
+#define MSG_ERR_CALLBACK_NOT_FOUND    304u /* "callback not found" */
+#define MSG_ERR_NTFY_NOT_FOUND        305u /* "notification not found" */
+#define MSG_ERR_REMOTE_ALREADY_OPEN   306u /* "remote already open" */
+#define MSG_ERR_MSG_CORRUPT           307u /* "message corrupt" */
+#define MSG_ERR_OWNER_MISMATCH        308u /* "message owner mismatch" */
+#define MSG_ERR_OPEN_IN_PROGRESS      309u /* "remote open already in progress" */
+
+/* The text of a status code; "UndefinedError" for a code not in the table. */
+MSG_API const char *MSG_DebugStrError(MSG_Status Status);
+
+/* ---- The message header ------------------------------------------------
+ * Every message is a LINX signal whose first 56 bytes are this header; the
+ * caller's payload follows.  The header crosses process boundaries, so its
+ * layout is fixed on every ABI: pOwner is a process-local 32-bit token that
+ * the owning process maps back to its endpoint record, never an address.
+ */
+#define MSG_SEND_STACK_ELEM               8
+#define MSG_HEADER_BYTES                  56
+#define MAGIC_NUM_MSG_ALLOC               0x1357BD11u
+#define MSG_TYPE_USER_SHIFT               0x80000000u
+#define MSG_TYPE_USER_MAX                 0x00FFFFFFu
+#define MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN  0x10000000u
+#define MSG_TYPE_INTERNAL_OPEN_CLOSE_MAX  0x1FFFFFFFu
+#define MSG_NTFY_REQ_REGISTER             0x20000000u
+#define MSG_NTFY_REQ_UNREGISTER           0x20000001u
+
+typedef uint32_t MSG_Type;
+
+typedef struct MSG_Msg {
+    MSG_Type MsgType;                       /* offset 0: also the LINX signal number */
+    uint32_t Sequence;                      /* offset 4 */
+    uint8_t  SendStackSize;                 /* offset 8: valid SendStack entries */
+    uint8_t  ExtraFlags[3];                 /* offset 9: bits 8..31 of the word at 8 */
+    uint32_t SendStack[MSG_SEND_STACK_ELEM];/* offset 12: SPIDs, entry 0 = origin */
+    uint32_t pOwner;                        /* offset 44: owner token, process-local */
+    uint32_t InUseMagic;                    /* offset 48 */
+    int32_t  PayloadBytes;                  /* offset 52 */
+} MSG_Msg;
+
+/* Fails to compile on an ABI where the header is not 56 bytes (C99 and C++). */
+typedef char MSG_HeaderIs56Bytes[(sizeof(MSG_Msg) == MSG_HEADER_BYTES) ? 1 : -1];
+
+/* Extra flags: bits 8..31 of the header word at offset 8.  They travel with
+ * the message; the library never interprets them.  A null message aborts. */
+MSG_API MSG_Status MSG_SetExtraFlags(MSG_Msg *pMsg, uint32_t Flags);
+MSG_API uint32_t MSG_GetExtraFlags(const MSG_Msg *pMsg);
+
+/* ---- Callback descriptor ----------------------------------------------- */
+
+typedef uint32_t (*MSG_CallbackFunc)(void *pContext, MSG_Msg *pMsg);
+
+typedef struct MSG_Callback {
+    MSG_CallbackFunc pFunc;   /* called for each matching message */
+    void    *pContext;        /* handed back to pFunc unchanged */
+    uint32_t MsgTypeMin;      /* lowest type of the range */
+    uint32_t MsgTypeMax;      /* highest type of the range, inclusive */
+    uint32_t bOneShot;        /* 1: removed after its first dispatch */
+} MSG_Callback;
+
+/* ---- Debug flag word ---------------------------------------------------
+ * Process-wide, 0 at load, read and written without a lock. */
+#define MSG_DEBUG_FILL_PAYLOAD     0x00000001u /* fill new payloads with 0xCC */
+#define MSG_DEBUG_LOG_RECV_TIMEOUT 0x00000020u /* write status 102 lines */
+#define MSG_DEBUG_LOG_OPEN_PENDING 0x00000040u /* write status 309 lines */
+#define MSG_DEBUG_LOG_ALREADY_OPEN 0x00000080u /* write status 306 lines */
+#define MSG_DEBUG_LOG_NO_CALLBACK  0x00000100u /* write status 304 lines */
+#define MSG_DEBUG_LOG_NO_NTFY      0x00000200u /* write status 305 lines */
+#define MSG_DEBUG_LOG_SUCCESS      0x00000400u /* write status 0 lines */
+#define MSG_DEBUG_STDERR           0x02000000u /* copy every line to stderr */
+#define MSG_DEBUG_TELEMETRY_SEND   0x04000000u /* copy sent traffic to telemetry */
+#define MSG_DEBUG_TELEMETRY_RECV   0x08000000u /* copy received traffic to telemetry */
+#define MSG_DEBUG_TRACKER          0x80000000u /* create the buffer tracker */
+
+MSG_API extern uint32_t DebugFlag;
+
+MSG_API MSG_Status MSG_DebugSetFlag(uint32_t Flag);
+MSG_API uint32_t MSG_DebugGetFlag(void);
+/* Kept for programs written against older releases: does nothing. */
+MSG_API MSG_Status MSG_DebugSetName(void);
+
+/* ---- Diagnostic log ----------------------------------------------------
+ * Formats take printf conversions d, u, x, p, s (flags, width and precision
+ * allowed, no length modifiers) and $ tokens ($err, $errno, $func, $file,
+ * $line, $progname, $halvo, $pid, $local, $plocal, $remote, $premote,
+ * $message, $callback, $pint, $signal, $psignal, $sigselect).  A line holds
+ * at most 511 characters.  An unknown conversion or token aborts: it is a
+ * fault of the calling program's format. */
+MSG_API MSG_Status MSG_LogOs(int Level, const char *pFile, int Line,
+                             const char *pFunc, const char *pFormat, ...);
+/* Writes the line only when Status and DebugFlag ask for it: status 0 at
+ * level 6 with MSG_DEBUG_LOG_SUCCESS, 102/304/305/306/309 at level 4 with
+ * their bit, every other status always at level 3. */
+MSG_API MSG_Status MSG_LogErrFilter(int Status, const char *pFile, int Line,
+                                    const char *pFunc, const char *pFormat, ...);
+
+/* ---- Small helpers ---------------------------------------------------- */
+
+MSG_API int32_t MSG_CalcElapsedMsec(struct timespec Start, struct timespec End);
+MSG_API int32_t MSG_GetMsecSince(struct timespec Start);
+/* 1, 2, ... 0xFFFFFF, then 0, 1, ... */
+MSG_API uint32_t MSG_GetNextSequence(void);
+/* malloc filled with 0xCC; null when out of memory. */
+MSG_API void *MSG_Malloc(uint32_t Size);
+/* free; a null block aborts. */
+MSG_API void MSG_Free(void *pBlock);
+MSG_API char *MSG_Strdup(const char *pString);
+/* Pointer just after the last '/', or the path itself. */
+MSG_API const char *MSG_Basename(const char *pPath);
+
+/* ---- Process identity -------------------------------------------------
+ * The halvo index (from the kernel command line: 1 for "ep0", 2 for "ep1",
+ * 0 otherwise, -1 while unreadable), the process id and the program name,
+ * read once per process.  Each out pointer may be null; always returns 0. */
+MSG_API MSG_Status MSG_GetProcessInfo(int32_t *pHalvoIdx, uint32_t *pPid,
+                                      const char **ppProgName);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ORVANE_H */

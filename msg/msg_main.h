@@ -1,0 +1,44 @@
+/*
+ * msg_main.h - the library's frame: assertions, log shorthands and the
+ * debug-flag read used by every module.
+ *
+ * Every library line goes through MSG_LogOs or MSG_LogErrFilter with the
+ * caller's source file, line and function, so these macros supply them.
+ * A precondition that only the calling program's own misuse can break is
+ * checked with MSG_ASSERT: an "ASSERTION FAILED" line at level 3, then
+ * abort.  Input from another process is never checked this way.
+ *
+ * DebugFlag is a plain exported word that programs may write directly; the
+ * library reads it with a relaxed atomic load so that a concurrent change is
+ * merely seen late, never a data race.
+ */
+#ifndef MSG_MAIN_H
+#define MSG_MAIN_H
+
+#include "orvane.h"
+
+#include <syslog.h>
+
+#define MSG_LOG_PREFIX "$progname: $halvo: liborvane: "
+
+#define MSG_LOG_OS(Level, Format, ...) \
+    MSG_LogOs((Level), __FILE__, __LINE__, __func__, (Format), ##__VA_ARGS__)
+
+#define MSG_LOG_OUTCOME(Status, Format, ...) \
+    MSG_LogErrFilter((int)(Status), __FILE__, __LINE__, __func__, (Format), ##__VA_ARGS__)
+
+#define MSG_ASSERT(Expr)                                                      \
+    do {                                                                      \
+        if (!(Expr)) {                                                        \
+            MSG_LOG_OS(LOG_ERR, MSG_LOG_PREFIX                                \
+                       "$file:$line: ASSERTION FAILED: " #Expr "\n");         \
+            abort();                                                          \
+        }                                                                     \
+    } while (0)
+
+static inline uint32_t jDebugFlag(void)
+{
+    return __atomic_load_n(&DebugFlag, __ATOMIC_RELAXED);
+}
+
+#endif /* MSG_MAIN_H */

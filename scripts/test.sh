@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Runs every test: the plain build, then the same tests under
+# AddressSanitizer+UndefinedBehaviorSanitizer, then the threaded tests under
+# ThreadSanitizer.  Stops at the first failing stage.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/setup.sh"
+jobs=$(nproc)
+
+run_stage() { # name dir ctest-args cmake-args...
+  local name=$1 dir=$2 args=$3; shift 3
+  echo "== $name"
+  "$root/scripts/build.sh" "$dir" "$@" >/dev/null
+  (cd "$root/$dir" && ctest --output-on-failure -j"$jobs" $args)
+}
+
+run_stage "tests" build ""
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_stage "tests under ASan+UBSan" build-asan "" -DORVANE_SANITIZE=address
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  run_stage "threaded tests under TSan" build-tsan "-L threaded" -DORVANE_SANITIZE=thread

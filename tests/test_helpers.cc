@@ -1,0 +1,100 @@
+// Shared helpers: elapsed time, sequence numbers, memory, base names and
+// the extra-flag bits of a message header.
+#include <gtest/gtest.h>
+
+#include <stddef.h>
+#include <string.h>
+
+#include "orvane.h"
+
+namespace {
+
+TEST(Helpers, HeaderLayoutIsFixed)
+{
+    EXPECT_EQ(0u, offsetof(MSG_Msg, MsgType));
+    EXPECT_EQ(4u, offsetof(MSG_Msg, Sequence));
+    EXPECT_EQ(8u, offsetof(MSG_Msg, SendStackSize));
+    EXPECT_EQ(12u, offsetof(MSG_Msg, SendStack));
+    EXPECT_EQ(44u, offsetof(MSG_Msg, pOwner));
+    EXPECT_EQ(48u, offsetof(MSG_Msg, InUseMagic));
+    EXPECT_EQ(52u, offsetof(MSG_Msg, PayloadBytes));
+    EXPECT_EQ(56u, sizeof(MSG_Msg));
+}
+
+TEST(Helpers, ElapsedTimeTruncatesTowardZero)
+{
+    EXPECT_EQ(1, MSG_CalcElapsedMsec({1, 999999999}, {2, 0}));
+    EXPECT_EQ(1000, MSG_CalcElapsedMsec({1, 1}, {2, 0}));
+    EXPECT_EQ(-1000, MSG_CalcElapsedMsec({5, 0}, {4, 0}));
+    EXPECT_EQ(1500, MSG_CalcElapsedMsec({10, 250000000}, {11, 750000000}));
+    EXPECT_EQ(-1, MSG_CalcElapsedMsec({3, 1500000}, {3, 0}));
+
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    Now.tv_sec -= 2;
+    const int32_t Since = MSG_GetMsecSince(Now);
+    EXPECT_GE(Since, 2000);
+    EXPECT_LT(Since, 60000);
+}
+
+TEST(Helpers, SequenceWrapsAfter24Bits)
+{
+    // The counter is process-wide: measure from wherever it stands now.
+    const uint32_t First = MSG_GetNextSequence();
+    EXPECT_EQ((First + 1) & 0xFFFFFFu, MSG_GetNextSequence());
+    uint32_t Last = 0;
+    for (uint32_t i = 0; i < 0x1000000u; i++)
+        Last = MSG_GetNextSequence();
+    EXPECT_EQ((First + 1) & 0xFFFFFFu, Last); // 2^24 calls bring it round
+    EXPECT_LE(Last, 0xFFFFFFu);
+}
+
+TEST(Helpers, MallocFillsWithCC)
+{
+    unsigned char *pBlock = (unsigned char *)MSG_Malloc(100);
+    ASSERT_NE(nullptr, pBlock);
+    for (int i = 0; i < 100; i++)
+        ASSERT_EQ(0xCC, pBlock[i]);
+    MSG_Free(pBlock);
+
+    char *pCopy = MSG_Strdup("radio");
+    ASSERT_NE(nullptr, pCopy);
+    EXPECT_STREQ("radio", pCopy);
+    MSG_Free(pCopy);
+}
+
+TEST(Helpers, BasenameIsThePartAfterTheLastSlash)
+{
+    EXPECT_STREQ("c", MSG_Basename("a/b/c"));
+    EXPECT_STREQ("c", MSG_Basename("c"));
+    EXPECT_STREQ("", MSG_Basename("a/"));
+    const char *pPath = "/system/bin/radiod";
+    EXPECT_EQ(pPath + 12, MSG_Basename(pPath));
+}
+
+TEST(Helpers, ExtraFlagsKeepTheSendStackSize)
+{
+    MSG_Msg Msg;
+    memset(&Msg, 0, sizeof Msg);
+    Msg.SendStackSize = 3;
+    EXPECT_EQ(0u, MSG_SetExtraFlags(&Msg, 0x3FF));
+    uint32_t Word;
+    memcpy(&Word, (const char *)&Msg + 8, sizeof Word);
+    EXPECT_EQ(0x303u, Word);
+    EXPECT_EQ(3u, Msg.SendStackSize);
+    EXPECT_EQ(0x300u, MSG_GetExtraFlags(&Msg));
+    MSG_SetExtraFlags(&Msg, 0xABCDEF00);
+    EXPECT_EQ(0xABCDEF00u, MSG_GetExtraFlags(&Msg));
+    EXPECT_EQ(3u, Msg.SendStackSize);
+}
+
+TEST(Helpers, DebugFlagWordIsStoredWhole)
+{
+    EXPECT_EQ(0u, MSG_DebugSetFlag(0x80000401u));
+    EXPECT_EQ(0x80000401u, MSG_DebugGetFlag());
+    EXPECT_EQ(0x80000401u, DebugFlag);
+    EXPECT_EQ(0u, MSG_DebugSetName());
+    MSG_DebugSetFlag(0);
+}
+
+} // namespace

@@ -1,0 +1,234 @@
+// Process identity, read from the kernel's and the program's command lines.
+// The test program interposes fopen and open so that each case can feed its
+// own command lines while the library keeps reading /proc/cmdline and
+// /proc/self/cmdline; each case runs in a fresh child process, since the
+// identity is loaded once per process.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "log_capture.h"
+#include "orvane.h"
+
+namespace {
+
+const char *gpKernelLine = nullptr;   // null: /proc/cmdline cannot be opened
+std::string gSelfLine;                // argv strings, NUL-separated
+bool gbSelfUnopenable = false;
+std::atomic<int> gKernelOpens{0};
+
+FILE *jFakeKernelFile()
+{
+    gKernelOpens++;
+    if (gpKernelLine == nullptr) {
+        errno = EACCES;
+        return nullptr;
+    }
+    return fmemopen((void *)gpKernelLine, strlen(gpKernelLine), "r");
+}
+
+int jFakeSelfFile()
+{
+    if (gbSelfUnopenable) {
+        errno = EACCES;
+        return -1;
+    }
+    int Fd = memfd_create("cmdline", 0);
+    if (write(Fd, gSelfLine.data(), gSelfLine.size()) != (ssize_t)gSelfLine.size())
+        abort();
+    lseek(Fd, 0, SEEK_SET);
+    return Fd;
+}
+
+template <typename Fn> Fn jReal(const char *pName)
+{
+    return (Fn)dlsym(RTLD_NEXT, pName);
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *pPath, const char *pMode)
+{
+    static auto pReal = jReal<FILE *(*)(const char *, const char *)>("fopen");
+    if (strcmp(pPath, "/proc/cmdline") == 0)
+        return jFakeKernelFile();
+    return pReal(pPath, pMode);
+}
+
+extern "C" __attribute__((visibility("default"))) int open(const char *pPath, int Flags, ...)
+{
+    static auto pReal = jReal<int (*)(const char *, int, ...)>("open");
+    if (strcmp(pPath, "/proc/self/cmdline") == 0)
+        return jFakeSelfFile();
+    va_list Args;
+    va_start(Args, Flags);
+    const mode_t Mode = va_arg(Args, mode_t);
+    va_end(Args);
+    return pReal(pPath, Flags, Mode);
+}
+
+namespace {
+
+struct Identity {
+    int32_t Halvo = 99;
+    uint32_t Pid = 12345;
+    std::string ProgName = "?";
+};
+
+Identity jRead()
+{
+    Identity Id;
+    const char *pName = nullptr;
+    EXPECT_EQ(0u, MSG_GetProcessInfo(&Id.Halvo, &Id.Pid, &pName));
+    Id.ProgName = pName;
+    return Id;
+}
+
+// Runs Body in a child process with a fresh identity cache; the child's
+// gtest failures are reported through its exit code.
+template <typename Body> void jInChild(Body Run)
+{
+    fflush(nullptr);
+    const pid_t Child = fork();
+    ASSERT_NE(-1, Child);
+    if (Child == 0) {
+        Run();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int Status = 0;
+    ASSERT_EQ(Child, waitpid(Child, &Status, 0));
+    ASSERT_TRUE(WIFEXITED(Status));
+    EXPECT_EQ(0, WEXITSTATUS(Status)) << "see the child's failures above";
+}
+
+std::string jArgv(const std::string &Argv0)
+{
+    return Argv0 + std::string("\0--flag\0", 8);
+}
+
+TEST(Identity, HalvoIndexIsAPlainSubstringTest)
+{
+    struct Case {
+        const char *pLine;
+        int32_t Halvo;
+    } Cases[] = {
+        {"console=ttyS0 mode=ep0\n", 1}, {"a=ep1 b=ep0\n", 1}, {"x sleep0 y\n", 1},
+        {"board=ep1\n", 2},              {"quiet splash\n", 0}, {"", -1},
+    };
+    gSelfLine = jArgv("/system/bin/radiod");
+    for (const Case &C : Cases) {
+        gpKernelLine = C.pLine;
+        jInChild([&] {
+            Identity Id = jRead();
+            EXPECT_EQ(C.Halvo, Id.Halvo) << C.pLine;
+            if (C.Halvo >= 0) {
+                EXPECT_EQ((uint32_t)getpid(), Id.Pid);
+                EXPECT_EQ("radiod", Id.ProgName);
+            }
+        });
+    }
+}
+
+TEST(Identity, ProgramNameIsTheCutBaseNameOfArgv0)
+{
+    gpKernelLine = "ep1\n";
+    const std::string Forty(40, 'n');
+    const std::string Long80 = "/" + std::string(77, 'a') + "/x";
+    struct Case {
+        std::string Argv0;
+        std::string ProgName;
+    } Cases[] = {
+        {"/system/bin/radiod", "radiod"},
+        {"radiod", "radiod"},
+        {Forty, Forty.substr(0, 31)},
+        {Long80, std::string(31, 'a')}, // the '/' before x lies past byte 63
+        {"/bin/", ""},
+    };
+    for (const Case &C : Cases) {
+        gSelfLine = jArgv(C.Argv0);
+        jInChild([&] { EXPECT_EQ(C.ProgName, jRead().ProgName) << C.Argv0; });
+    }
+}
+
+TEST(Identity, UnreadableKernelLineIsRetriedOnEveryCall)
+{
+    gSelfLine = jArgv("/system/bin/radiod");
+    gpKernelLine = nullptr;
+    jInChild([] {
+        Identity Id = jRead();
+        EXPECT_EQ(-1, Id.Halvo);
+        EXPECT_EQ(0u, Id.Pid);
+        EXPECT_EQ("", Id.ProgName);
+
+        TakeLoggedLines();
+        MSG_LogOs(3, "f.c", 1, "fn", "$progname: $halvo: liborvane: hi\n");
+        std::vector<LoggedLine> Lines = TakeLoggedLines();
+        ASSERT_EQ(1u, Lines.size());
+        EXPECT_EQ(": hd[-1]: liborvane: hi\n", Lines[0].Text);
+        const int OpensSoFar = gKernelOpens;
+        EXPECT_GE(OpensSoFar, 2);
+
+        gpKernelLine = "mode=ep0\n";
+        Id = jRead();
+        EXPECT_EQ(1, Id.Halvo);
+        EXPECT_EQ((uint32_t)getpid(), Id.Pid);
+        EXPECT_EQ("radiod", Id.ProgName);
+        jRead();
+        EXPECT_EQ(OpensSoFar + 1, gKernelOpens) << "a loaded cache is never read again";
+    });
+}
+
+TEST(Identity, UnopenableProgramLineLeavesTheNameEmptyForGood)
+{
+    gpKernelLine = "ep0\n";
+    gbSelfUnopenable = true;
+    jInChild([] {
+        EXPECT_EQ(0u, MSG_GetProcessInfo(nullptr, nullptr, nullptr));
+        gbSelfUnopenable = false;
+        Identity Id = jRead();
+        EXPECT_EQ(1, Id.Halvo);
+        EXPECT_EQ((uint32_t)getpid(), Id.Pid);
+        EXPECT_EQ("", Id.ProgName);
+    });
+    gbSelfUnopenable = false;
+}
+
+TEST(IdentityThreaded, ConcurrentFirstCallsLoadOnce)
+{
+    gpKernelLine = "ep1\n";
+    gSelfLine = jArgv("/usr/bin/worker");
+    gKernelOpens = 0;
+    jInChild([] {
+        std::vector<std::thread> Threads;
+        std::atomic<int> Mismatches{0};
+        for (int i = 0; i < 8; i++)
+            Threads.emplace_back([&] {
+                for (int j = 0; j < 100; j++) {
+                    int32_t Halvo;
+                    uint32_t Pid;
+                    const char *pName;
+                    MSG_GetProcessInfo(&Halvo, &Pid, &pName);
+                    // Once the pid shows, the rest of the cache must be there.
+                    if (Pid != 0 && (Halvo != 2 || strcmp(pName, "worker") != 0))
+                        Mismatches++;
+                }
+            });
+        for (std::thread &T : Threads)
+            T.join();
+        EXPECT_EQ(0, Mismatches.load());
+        EXPECT_EQ(1, gKernelOpens.load());
+    });
+}
+
+} // namespace
