@@ -1,0 +1,885 @@
+// Client side of the linxd stand-in: turns the module's requests into
+// linxd requests and moves signals through the receive-queue socket pairs.
+#include "linx_standin.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "linx.h"
+#include "linx_module.h"
+#include "linxd_address.h"
+
+namespace {
+
+constexpr int kConnectAttempts = 500;      // 5 ms apart: linxd gets 2.5 s to start
+constexpr size_t kInletCacheLimit = 4096;  // cached destinations before the cache is emptied
+constexpr uint32_t kForever = 0xFFFFFFFFu;
+
+// A signal waiting in the process-local queue: either taken from the outlet
+// (Data holds it) or handed over by a sender of this process (pTaken is the
+// sender's payload, delivered without a copy).
+struct Pending {
+    linxd_signal_header Header;
+    void *pTaken = nullptr;
+    std::string Data;
+};
+
+struct StandinSocket {
+    int PollFd = -1;     // the descriptor callers see: epoll of Outlet and Ready
+    int ConnFd = -1;     // control connection to linxd
+    int OutletFd = -1;   // receive queue
+    int ReadyFd = -1;    // eventfd, readable while Queue is not empty
+    int ArrivalFd = -1;  // eventfd, wakes a receive waiting for a local send
+    uint32_t Spid = 0;
+    uint32_t Slot = 0;
+    uint32_t QueueBytes = 0;
+    linxd_slot *pSlots = nullptr; // linxd's counter region
+    char *pSpill = nullptr;       // room for the part of a signal beyond the caller's buffer
+
+    std::mutex Mutex;             // guards everything below
+    std::deque<Pending> Queue;
+    uint64_t QueuedBytes = 0;
+    bool bReady = false;
+    bool bWaiting = false;
+    bool bClosed = false;
+};
+
+using SocketRef = std::shared_ptr<StandinSocket>;
+
+struct Inlet {
+    int Fd;
+    uint32_t Slot;
+    ~Inlet() { close(Fd); }
+};
+
+std::mutex gTableMutex;
+std::unordered_map<int, SocketRef> gByFd;
+std::unordered_map<uint32_t, SocketRef> gBySpid;
+
+std::mutex gInletMutex;
+std::unordered_map<uint32_t, std::shared_ptr<Inlet>> gInlets;
+
+SocketRef jFindByFd(int Fd)
+{
+    std::lock_guard<std::mutex> Lock(gTableMutex);
+    auto It = gByFd.find(Fd);
+    return It == gByFd.end() ? nullptr : It->second;
+}
+
+SocketRef jFindBySpid(uint32_t Spid)
+{
+    std::lock_guard<std::mutex> Lock(gTableMutex);
+    auto It = gBySpid.find(Spid);
+    return It == gBySpid.end() ? nullptr : It->second;
+}
+
+void jCount(uint64_t *pCounter, uint64_t Amount)
+{
+    __atomic_add_fetch(pCounter, Amount, __ATOMIC_RELAXED);
+}
+
+void jCountQueued(linxd_slot *pSlot, int64_t Delta)
+{
+    __atomic_add_fetch(&pSlot->queued, Delta, __ATOMIC_RELAXED);
+}
+
+// ---- Starting and reaching linxd ----------------------------------------
+
+const char *jInstance()
+{
+    const char *pName = getenv(LINXD_INSTANCE_ENV);
+    return pName != nullptr && *pName != '\0' ? pName : LINXD_DEFAULT_INSTANCE;
+}
+
+// The linxd program installed beside this library.
+std::string jLinxdPath()
+{
+    Dl_info Info;
+    if (dladdr((void *)&linx_standin_open, &Info) == 0 || Info.dli_fname == nullptr)
+        return "linxd";
+    std::string Path = Info.dli_fname;
+    const size_t Slash = Path.rfind('/');
+    return Slash == std::string::npos ? "linxd" : Path.substr(0, Slash + 1) + "linxd";
+}
+
+// Starts linxd detached from this process (its own session, reparented to
+// init), so that it outlives the client that started it.
+void jStartLinxd(const char *pInstance)
+{
+    const std::string Path = jLinxdPath();
+    const char *Argv[] = {"linxd", "--instance", pInstance, nullptr};
+    const pid_t Child = fork();
+    if (Child < 0)
+        return;
+    if (Child == 0) {
+        setsid();
+        if (fork() != 0)
+            _exit(0);
+        syscall(SYS_close_range, 3, ~0U, 0);
+        execv(Path.c_str(), (char *const *)Argv);
+        execvp("linxd", (char *const *)Argv);
+        _exit(127);
+    }
+    while (waitpid(Child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+int jConnect()
+{
+    const char *pInstance = jInstance();
+    if (!linxd_instance_valid(pInstance)) {
+        errno = EINVAL;
+        return -1;
+    }
+    struct sockaddr_un Addr;
+    const socklen_t Len = linxd_address(pInstance, &Addr);
+    bool bStarted = false;
+    for (int Attempt = 0; Attempt < kConnectAttempts; Attempt++) {
+        const int Fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        if (Fd < 0)
+            return -1;
+        if (connect(Fd, (struct sockaddr *)&Addr, Len) == 0)
+            return Fd;
+        const int Error = errno;
+        close(Fd);
+        if (Error != ECONNREFUSED && Error != ENOENT && Error != EAGAIN) {
+            errno = Error;
+            return -1;
+        }
+        if (!bStarted)
+            jStartLinxd(pInstance);
+        bStarted = true;
+        usleep(5000);
+    }
+    errno = EHOSTUNREACH;
+    return -1;
+}
+
+// One request to linxd and its reply.  Up to two descriptors may come back
+// (closed when the caller passes no room for them).
+struct Call {
+    linxd_request Request = {LINXD_PROTOCOL_MAGIC, 0, {0, 0}, 0, 0};
+    const void *pName = nullptr;
+    const void *pSignal = nullptr;
+    linxd_reply Reply = {};
+    char Data[LINXD_MAX_NAME_CHARS + 256];
+    int Fds[2] = {-1, -1};
+};
+
+void jTakeFds(struct msghdr *pMsg, int *pFds)
+{
+    int Count = 0;
+    for (struct cmsghdr *p = CMSG_FIRSTHDR(pMsg); p != nullptr; p = CMSG_NXTHDR(pMsg, p)) {
+        if (p->cmsg_level != SOL_SOCKET || p->cmsg_type != SCM_RIGHTS)
+            continue;
+        const size_t N = (p->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < N; i++) {
+            int Fd;
+            memcpy(&Fd, CMSG_DATA(p) + i * sizeof(int), sizeof Fd);
+            if (Count < 2)
+                pFds[Count++] = Fd;
+            else
+                close(Fd);
+        }
+    }
+}
+
+// Returns 0, or -1 with errno: linxd's answer, or ENOTCONN once linxd is gone.
+int jCall(int ConnFd, Call *pCall)
+{
+    struct iovec Out[3] = {{&pCall->Request, sizeof pCall->Request},
+                           {(void *)pCall->pName, pCall->Request.name_len},
+                           {(void *)pCall->pSignal, pCall->Request.sig_len}};
+    struct msghdr Msg = {};
+    Msg.msg_iov = Out;
+    Msg.msg_iovlen = 3;
+    ssize_t Sent;
+    while ((Sent = sendmsg(ConnFd, &Msg, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
+    }
+    if (Sent < 0) {
+        errno = errno == EMSGSIZE ? EMSGSIZE : ENOTCONN;
+        return -1;
+    }
+    struct iovec In[2] = {{&pCall->Reply, sizeof pCall->Reply}, {pCall->Data, sizeof pCall->Data}};
+    char Control[CMSG_SPACE(2 * sizeof(int))];
+    Msg = {};
+    Msg.msg_iov = In;
+    Msg.msg_iovlen = 2;
+    Msg.msg_control = Control;
+    Msg.msg_controllen = sizeof Control;
+    ssize_t Got;
+    while ((Got = recvmsg(ConnFd, &Msg, MSG_CMSG_CLOEXEC)) < 0 && errno == EINTR) {
+    }
+    if (Got < (ssize_t)sizeof pCall->Reply) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    jTakeFds(&Msg, pCall->Fds);
+    if ((size_t)Got - sizeof pCall->Reply < pCall->Reply.data_len)
+        pCall->Reply.data_len = (uint32_t)(Got - sizeof pCall->Reply);
+    if (pCall->Reply.result < 0) {
+        for (int &Fd : pCall->Fds)
+            if (Fd >= 0)
+                close(Fd);
+        errno = pCall->Reply.error;
+        return -1;
+    }
+    return 0;
+}
+
+// A request that carries only numbers; stores value[0] of the reply.
+int jSimpleCall(const StandinSocket &S, uint32_t Op, uint32_t Arg0, uint32_t Arg1, uint32_t *pValue)
+{
+    Call C;
+    C.Request.op = Op;
+    C.Request.arg[0] = Arg0;
+    C.Request.arg[1] = Arg1;
+    if (jCall(S.ConnFd, &C) != 0)
+        return -1;
+    if (pValue != nullptr)
+        *pValue = C.Reply.value[0];
+    return 0;
+}
+
+// A request that hands linxd a signal of the caller's (hunt, attach, timeout).
+int jSignalCall(const StandinSocket &S, uint32_t Op, uint32_t Arg0, const void *pSig,
+                uint32_t SigSize, const char *pName, uint32_t NameLen, uint32_t *pValue)
+{
+    if (SigSize > LINXD_MAX_CONTROL_SIGNAL || NameLen > LINXD_MAX_NAME_CHARS) {
+        errno = SigSize > LINXD_MAX_CONTROL_SIGNAL ? EMSGSIZE : ENAMETOOLONG;
+        return -1;
+    }
+    Call C;
+    C.Request.op = Op;
+    C.Request.arg[0] = Arg0;
+    C.Request.name_len = NameLen;
+    C.Request.sig_len = pSig != nullptr ? SigSize : 0;
+    C.pName = pName;
+    C.pSignal = pSig;
+    if (jCall(S.ConnFd, &C) != 0)
+        return -1;
+    if (pValue != nullptr)
+        *pValue = C.Reply.value[0];
+    return 0;
+}
+
+// ---- The process-local queue ----------------------------------------------
+
+// Keeps ReadyFd readable exactly while the queue holds a signal.
+void jUpdateReady_NeedsLock(StandinSocket &S)
+{
+    const bool bReady = !S.Queue.empty();
+    if (bReady == S.bReady)
+        return;
+    uint64_t One = 1;
+    if (bReady)
+        (void)!write(S.ReadyFd, &One, sizeof One);
+    else
+        (void)!read(S.ReadyFd, &One, sizeof One);
+    S.bReady = bReady;
+}
+
+void jPush_NeedsLock(StandinSocket &S, Pending &&Entry)
+{
+    S.QueuedBytes += Entry.Header.size;
+    S.Queue.push_back(std::move(Entry));
+    jUpdateReady_NeedsLock(S);
+    if (S.bWaiting) {
+        uint64_t One = 1;
+        (void)!write(S.ArrivalFd, &One, sizeof One);
+        S.bWaiting = false;
+    }
+}
+
+void jFreePending(Pending &Entry)
+{
+    if (Entry.pTaken != nullptr)
+        linx_release_taken_buffer(Entry.pTaken);
+    Entry.pTaken = nullptr;
+}
+
+// ---- Opening and closing ---------------------------------------------------
+
+int jMakeEventFd()
+{
+    return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
+void jCloseIf(int Fd)
+{
+    if (Fd >= 0)
+        close(Fd);
+}
+
+void jReleaseSocket(StandinSocket &S)
+{
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        S.bClosed = true;
+        for (Pending &Entry : S.Queue)
+            jFreePending(Entry);
+        S.Queue.clear();
+    }
+    jCloseIf(S.ConnFd);
+    jCloseIf(S.OutletFd);
+    jCloseIf(S.ReadyFd);
+    jCloseIf(S.ArrivalFd);
+    if (S.pSlots != nullptr)
+        munmap(S.pSlots, LINXD_REGION_BYTES);
+    if (S.pSpill != nullptr)
+        munmap(S.pSpill, LINXD_MAX_SIGNAL_BYTES);
+}
+
+int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
+{
+    if (S.Spid != 0) {
+        errno = EISCONN;
+        return -1;
+    }
+    Call C;
+    C.Request.op = LINXD_OP_REGISTER;
+    C.Request.name_len = pRec->namelen;
+    C.pName = pRec->name;
+    if (pRec->namelen > LINXD_MAX_NAME_CHARS) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    if (jCall(S.ConnFd, &C) != 0)
+        return -1;
+    void *pSlots = C.Fds[1] < 0 ? MAP_FAILED
+                                : mmap(nullptr, LINXD_REGION_BYTES, PROT_READ | PROT_WRITE,
+                                       MAP_SHARED, C.Fds[1], 0);
+    void *pSpill = mmap(nullptr, LINXD_MAX_SIGNAL_BYTES, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    jCloseIf(C.Fds[1]);
+    struct epoll_event Event = {};
+    Event.events = EPOLLIN;
+    if (C.Fds[0] < 0 || pSlots == MAP_FAILED || pSpill == MAP_FAILED ||
+        C.Reply.value[1] >= LINXD_MAX_SOCKETS ||
+        epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[0], &Event) != 0) {
+        jCloseIf(C.Fds[0]);
+        if (pSlots != MAP_FAILED)
+            munmap(pSlots, LINXD_REGION_BYTES);
+        if (pSpill != MAP_FAILED)
+            munmap(pSpill, LINXD_MAX_SIGNAL_BYTES);
+        errno = EPROTO;
+        return -1;
+    }
+    S.OutletFd = C.Fds[0];
+    S.pSlots = (linxd_slot *)pSlots;
+    S.pSpill = (char *)pSpill;
+    S.Spid = C.Reply.value[0];
+    S.Slot = C.Reply.value[1];
+    S.QueueBytes = C.Reply.value[2];
+    std::lock_guard<std::mutex> Lock(gTableMutex);
+    gBySpid[S.Spid] = gByFd[S.PollFd];
+    const_cast<struct linx_register_rec *>(pRec)->spid = S.Spid;
+    return 0;
+}
+
+// ---- Sending -----------------------------------------------------------------
+
+std::shared_ptr<Inlet> jGetInlet(const StandinSocket &S, uint32_t To)
+{
+    {
+        std::lock_guard<std::mutex> Lock(gInletMutex);
+        auto It = gInlets.find(To);
+        if (It != gInlets.end())
+            return It->second;
+    }
+    Call C;
+    C.Request.op = LINXD_OP_GET_INLET;
+    C.Request.arg[0] = To;
+    if (jCall(S.ConnFd, &C) != 0)
+        return nullptr;
+    if (C.Fds[0] < 0 || C.Reply.value[0] >= LINXD_MAX_SOCKETS) {
+        jCloseIf(C.Fds[0]);
+        errno = EPROTO;
+        return nullptr;
+    }
+    auto pInlet = std::make_shared<Inlet>(Inlet{C.Fds[0], C.Reply.value[0]});
+    std::lock_guard<std::mutex> Lock(gInletMutex);
+    if (gInlets.size() >= kInletCacheLimit)
+        gInlets.clear(); // inlets in use stay open until their senders let go
+    gInlets[To] = pInlet;
+    return pInlet;
+}
+
+void jForgetInlet(uint32_t To, const std::shared_ptr<Inlet> &pInlet)
+{
+    std::lock_guard<std::mutex> Lock(gInletMutex);
+    auto It = gInlets.find(To);
+    if (It != gInlets.end() && It->second == pInlet)
+        gInlets.erase(It);
+}
+
+// Delivery within the process: the receiver adopts the sender's buffer.
+int jSendLocal(StandinSocket &From, StandinSocket &To, const struct linx_transfer_rec *pRec)
+{
+    {
+        std::lock_guard<std::mutex> Lock(To.Mutex);
+        if (To.bClosed) {
+            errno = ECONNRESET;
+            return -1;
+        }
+        if (To.QueuedBytes + pRec->size > To.QueueBytes) {
+            jCount(&To.pSlots[To.Slot].refused_sends, 1);
+            errno = ENOBUFS;
+            return -1;
+        }
+        Pending Entry;
+        Entry.Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
+        Entry.pTaken = (void *)(uintptr_t)pRec->buffer;
+        jCountQueued(&To.pSlots[To.Slot], 1);
+        jPush_NeedsLock(To, std::move(Entry));
+    }
+    jCount(&From.pSlots[From.Slot].sent_signals, 1);
+    jCount(&From.pSlots[From.Slot].sent_bytes, pRec->size);
+    return 1;
+}
+
+int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
+{
+    std::shared_ptr<Inlet> pInlet = jGetInlet(S, pRec->to);
+    if (pInlet == nullptr)
+        return -1;
+    linxd_slot &Target = S.pSlots[pInlet->Slot];
+    const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
+    struct iovec Iov[2] = {{(void *)&Header, sizeof Header},
+                           {(void *)(uintptr_t)pRec->buffer, pRec->size}};
+    struct msghdr Msg = {};
+    Msg.msg_iov = Iov;
+    Msg.msg_iovlen = 2;
+    jCountQueued(&Target, 1); // counted before the receiver can take it
+    if (sendmsg(pInlet->Fd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        const int Error = errno;
+        jCountQueued(&Target, -1);
+        if (Error == EAGAIN) {
+            jCount(&Target.refused_sends, 1);
+            errno = ENOBUFS; // the receiver's queue is full
+        } else if (Error == EPIPE || Error == ECONNRESET || Error == ECONNREFUSED) {
+            jForgetInlet(pRec->to, pInlet);
+            errno = ECONNRESET; // the receiver closed
+        } else {
+            errno = Error;
+        }
+        return -1;
+    }
+    jCount(&S.pSlots[S.Slot].sent_signals, 1);
+    jCount(&S.pSlots[S.Slot].sent_bytes, pRec->size);
+    return 0;
+}
+
+int jSend(StandinSocket &S, const struct linx_transfer_rec *pRec)
+{
+    if (S.Spid == 0) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    if (pRec->size > LINXD_MAX_SIGNAL_BYTES) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    if (SocketRef pLocal = jFindBySpid(pRec->to))
+        return jSendLocal(S, *pLocal, pRec);
+    return jSendRemote(S, pRec);
+}
+
+// ---- Receiving -----------------------------------------------------------------
+
+struct Selection {
+    const int32_t *pSigselect; // count, then signal numbers; null takes anything
+    uint32_t From;             // 0: any sender
+};
+
+uint32_t jSigNo(const void *pPayload)
+{
+    uint32_t SigNo;
+    memcpy(&SigNo, pPayload, sizeof SigNo);
+    return SigNo;
+}
+
+bool jSelected(const Selection &Sel, const linxd_signal_header &Header, uint32_t SigNo)
+{
+    if (Sel.From != 0 && Header.from != Sel.From)
+        return false;
+    if (Sel.pSigselect == nullptr || Sel.pSigselect[0] == 0)
+        return true;
+    const int32_t Count = Sel.pSigselect[0];
+    const int32_t Listed = Count < 0 ? -Count : Count;
+    bool bListed = false;
+    for (int32_t i = 1; i <= Listed && !bListed; i++)
+        bListed = (uint32_t)Sel.pSigselect[i] == SigNo;
+    return Count > 0 ? bListed : !bListed;
+}
+
+const void *jPayloadOf(const Pending &Entry)
+{
+    return Entry.pTaken != nullptr ? Entry.pTaken : Entry.Data.data();
+}
+
+void jCountTaken(StandinSocket &S, uint32_t Size)
+{
+    linxd_slot &Slot = S.pSlots[S.Slot];
+    jCountQueued(&Slot, -1);
+    jCount(&Slot.received_signals, 1);
+    jCount(&Slot.received_bytes, Size);
+}
+
+void jFillRecord(struct linx_transfer_rec *pRec, const linxd_signal_header &Header, uint64_t RealBuffer)
+{
+    pRec->from = Header.from;
+    pRec->to = Header.to;
+    pRec->size = Header.size;
+    pRec->attributes = Header.attributes;
+    pRec->real_buffer = RealBuffer;
+}
+
+// Tells the caller that the selected signal needs a larger buffer: the
+// signal's size goes into the buffer's first word.
+int jTooLarge(struct linx_transfer_rec *pRec, uint32_t Size)
+{
+    memcpy((void *)(uintptr_t)pRec->buffer, &Size, sizeof Size);
+    return 0;
+}
+
+// Takes the first selected signal of the local queue.  Returns the size,
+// 0 when it does not fit, or -1 (errno EAGAIN) when none is selected.
+int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
+{
+    std::lock_guard<std::mutex> Lock(S.Mutex);
+    for (auto It = S.Queue.begin(); It != S.Queue.end(); ++It) {
+        if (!jSelected(Sel, It->Header, jSigNo(jPayloadOf(*It))))
+            continue;
+        const uint32_t Size = It->Header.size;
+        if (It->pTaken != nullptr) {
+            jFillRecord(pRec, It->Header, (uint64_t)(uintptr_t)It->pTaken);
+        } else if (Size <= pRec->size) {
+            memcpy((void *)(uintptr_t)pRec->buffer, It->Data.data(), Size);
+            jFillRecord(pRec, It->Header, pRec->buffer);
+        } else {
+            return jTooLarge(pRec, Size);
+        }
+        S.QueuedBytes -= Size;
+        S.Queue.erase(It);
+        jUpdateReady_NeedsLock(S);
+        jCountTaken(S, Size);
+        return (int)Size;
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+// Reads the next signal of the outlet straight into the caller's buffer
+// (the part that does not fit lands in the spill area).  A signal that is
+// not selected or does not fit moves to the local queue.  A malformed
+// datagram is dropped.  Returns as jTakeQueued; -1 with EAGAIN when the
+// outlet is empty and may be read again after a wait.
+int jTakeFromOutlet(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
+{
+    char *pBuffer = (char *)(uintptr_t)pRec->buffer;
+    const uint32_t Room = pRec->size;
+    for (;;) {
+        linxd_signal_header Header;
+        struct iovec Iov[3] = {{&Header, sizeof Header}, {pBuffer, Room}, {S.pSpill, LINXD_MAX_SIGNAL_BYTES}};
+        struct msghdr Msg = {};
+        Msg.msg_iov = Iov;
+        Msg.msg_iovlen = 3;
+        const ssize_t Got = recvmsg(S.OutletFd, &Msg, MSG_DONTWAIT);
+        if (Got < 0)
+            return -1;
+        if (Got == 0) {
+            // End of the queue (the socket was shut down), or an empty
+            // datagram from a careless sender, which is dropped.
+            struct pollfd Hangup = {S.OutletFd, POLLRDHUP, 0};
+            if (poll(&Hangup, 1, 0) > 0 && (Hangup.revents & (POLLHUP | POLLRDHUP))) {
+                errno = ENOTCONN;
+                return -1;
+            }
+            continue;
+        }
+        const uint64_t PayloadBytes = (uint64_t)Got - sizeof Header;
+        if ((size_t)Got < sizeof Header + sizeof(uint32_t) || (Msg.msg_flags & MSG_TRUNC) ||
+            Header.size != PayloadBytes || Header.to != S.Spid) {
+            jCountQueued(&S.pSlots[S.Slot], -1); // malformed: dropped
+            continue;
+        }
+        const uint32_t Size = Header.size;
+        if (Size <= Room && jSelected(Sel, Header, jSigNo(pBuffer))) {
+            jFillRecord(pRec, Header, pRec->buffer);
+            jCountTaken(S, Size);
+            return (int)Size;
+        }
+        Pending Entry;
+        Entry.Header = Header;
+        Entry.Data.assign(pBuffer, Size <= Room ? Size : Room);
+        if (Size > Room)
+            Entry.Data.append(S.pSpill, Size - Room);
+        const bool bSelected = jSelected(Sel, Header, jSigNo(Entry.Data.data()));
+        {
+            std::lock_guard<std::mutex> Lock(S.Mutex);
+            jPush_NeedsLock(S, std::move(Entry));
+        }
+        if (bSelected)
+            return jTooLarge(pRec, Size);
+    }
+}
+
+int jRemainingMs(uint32_t Tmo, const struct timespec &Start)
+{
+    if (Tmo == kForever)
+        return -1;
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    const int64_t Elapsed = (Now.tv_sec - Start.tv_sec) * 1000LL + (Now.tv_nsec - Start.tv_nsec) / 1000000;
+    return Elapsed >= Tmo ? 0 : (int)(Tmo - Elapsed);
+}
+
+int jTimedOut(struct linx_transfer_rec *pRec)
+{
+    const uint32_t Zero = 0;
+    memcpy((void *)(uintptr_t)pRec->buffer, &Zero, sizeof Zero);
+    pRec->tmo = 0;
+    return 0;
+}
+
+// Waits for the outlet, a local arrival or linxd's end.  Returns 1 to look
+// again, 0 on timeout, -1 with errno (EINTR, or ENOTCONN when linxd is gone).
+int jWait(StandinSocket &S, int TimeoutMs)
+{
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        S.bWaiting = true;
+    }
+    struct pollfd Fds[3] = {{S.OutletFd, POLLIN, 0}, {S.ArrivalFd, POLLIN, 0}, {S.ConnFd, POLLIN, 0}};
+    const int Ready = poll(Fds, 3, TimeoutMs);
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        S.bWaiting = false;
+    }
+    if (Ready < 0)
+        return -1;
+    if (Fds[2].revents != 0) {
+        errno = ENOTCONN; // linxd never writes unasked: it is gone
+        return -1;
+    }
+    if (Fds[1].revents != 0) {
+        uint64_t Count;
+        (void)!read(S.ArrivalFd, &Count, sizeof Count);
+    }
+    return Ready > 0 ? 1 : 0;
+}
+
+int jReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
+{
+    if (S.Spid == 0) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    const int32_t *pSigselect = (const int32_t *)(uintptr_t)pRec->sigselect;
+    if (pSigselect != nullptr &&
+        (pRec->sigselect_size < sizeof(int32_t) ||
+         pRec->sigselect_size < (std::abs((int64_t)pSigselect[0]) + 1) * sizeof(int32_t))) {
+        errno = EINVAL;
+        return -1;
+    }
+    const Selection Sel = {pSigselect, pRec->from};
+    struct timespec Start;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    for (;;) {
+        int Result = jTakeQueued(S, Sel, pRec);
+        if (Result >= 0)
+            return Result;
+        Result = jTakeFromOutlet(S, Sel, pRec);
+        if (Result >= 0 || errno != EAGAIN)
+            return Result;
+        const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start));
+        if (Waited <= 0)
+            return Waited == 0 ? jTimedOut(pRec) : -1;
+    }
+}
+
+// ---- Requests ------------------------------------------------------------------
+
+int jInfo(const StandinSocket &S, struct linx_info_rec *pInfo)
+{
+    switch (pInfo->type) {
+    case LINX_INFO_NAME: {
+        auto *pRec = (struct linx_info_name_rec *)pInfo->record;
+        Call C;
+        C.Request.op = LINXD_OP_INFO_NAME;
+        C.Request.arg[0] = pRec->spid;
+        if (jCall(S.ConnFd, &C) != 0)
+            return -1;
+        const int32_t Needed = (int32_t)C.Reply.data_len; // counts the terminator
+        if (Needed <= 0) {
+            errno = EPROTO;
+            return -1;
+        }
+        if (pRec->namelen == 0 && pRec->name == nullptr)
+            return Needed;
+        if (pRec->name == nullptr || pRec->namelen <= 0) {
+            errno = EINVAL;
+            return -1;
+        }
+        const int32_t Copied = Needed < pRec->namelen ? Needed : pRec->namelen;
+        memcpy(pRec->name, C.Data, Copied);
+        pRec->name[Copied - 1] = '\0';
+        return 0;
+    }
+    case LINX_INFO_OWNER: {
+        auto *pRec = (struct linx_info_owner_rec *)pInfo->record;
+        uint32_t Pid;
+        if (jSimpleCall(S, LINXD_OP_INFO_OWNER, pRec->spid, 0, &Pid) != 0)
+            return -1;
+        pRec->pid = (int32_t)Pid;
+        return 0;
+    }
+    case LINX_INFO_STAT: {
+        auto *pRec = (struct linx_info_stat *)pInfo->record;
+        Call C;
+        C.Request.op = LINXD_OP_INFO_STAT;
+        C.Request.arg[0] = pRec->spid;
+        if (jCall(S.ConnFd, &C) != 0)
+            return -1;
+        if (C.Reply.data_len != sizeof *pRec) {
+            errno = EPROTO;
+            return -1;
+        }
+        memcpy(pRec, C.Data, sizeof *pRec);
+        return 0;
+    }
+    case LINX_INFO_RECV_QUEUE: {
+        auto *pRec = (struct linx_info_recv_queue_rec *)pInfo->record;
+        return jSimpleCall(S, LINXD_OP_INFO_QUEUE, pRec->spid, 0, &pRec->count);
+    }
+    default:
+        errno = EINVAL;
+        return -1;
+    }
+}
+
+int jDispatch(StandinSocket &S, uint32_t Request, void *pRecord)
+{
+    switch (Request) {
+    case LINX_IOCTL_VERSION:
+        return jSimpleCall(S, LINXD_OP_VERSION, 0, 0, (uint32_t *)pRecord);
+    case LINX_IOCTL_REGISTER_NAME:
+        return jRegister(S, (const struct linx_register_rec *)pRecord);
+    case LINX_IOCTL_SEND:
+        return jSend(S, (const struct linx_transfer_rec *)pRecord);
+    case LINX_IOCTL_RECEIVE:
+        return jReceive(S, (struct linx_transfer_rec *)pRecord);
+    case LINX_IOCTL_HUNT: {
+        auto *pRec = (struct linx_hunt_rec *)pRecord;
+        return jSignalCall(S, LINXD_OP_HUNT, pRec->from, pRec->sig, pRec->sigsize, pRec->name,
+                           pRec->namelen, nullptr);
+    }
+    case LINX_IOCTL_ATTACH: {
+        auto *pRec = (struct linx_attach_rec *)pRecord;
+        return jSignalCall(S, LINXD_OP_ATTACH, pRec->spid, pRec->sig, pRec->sigsize, nullptr, 0,
+                           &pRec->attref);
+    }
+    case LINX_IOCTL_DETACH:
+        return jSimpleCall(S, LINXD_OP_DETACH, *(uint32_t *)pRecord, 0, nullptr);
+    case LINX_IOCTL_REQUEST_TMO: {
+        auto *pRec = (struct linx_tmo_rec *)pRecord;
+        return jSignalCall(S, LINXD_OP_REQUEST_TMO, (uint32_t)pRec->tmo, pRec->sig, pRec->sigsize,
+                           nullptr, 0, &pRec->tmoref);
+    }
+    case LINX_IOCTL_CANCEL_TMO: {
+        auto *pRec = (struct linx_tmo_rec *)pRecord;
+        return jSimpleCall(S, LINXD_OP_CANCEL_TMO, pRec->tmoref, 0, nullptr);
+    }
+    case LINX_IOCTL_MODIFY_TMO: {
+        auto *pRec = (struct linx_tmo_rec *)pRecord;
+        return jSimpleCall(S, LINXD_OP_MODIFY_TMO, pRec->tmoref, (uint32_t)pRec->tmo, nullptr);
+    }
+    case LINX_IOCTL_REQUEST_NEW_LINK: {
+        auto *pRec = (struct linx_new_link_rec *)pRecord;
+        return jSimpleCall(S, LINXD_OP_REQUEST_NEW_LINK, pRec->spid, 0, &pRec->token);
+    }
+    case LINX_IOCTL_CANCEL_NEW_LINK: {
+        auto *pRec = (struct linx_new_link_rec *)pRecord;
+        return jSimpleCall(S, LINXD_OP_CANCEL_NEW_LINK, pRec->token, 0, nullptr);
+    }
+    case LINX_IOCTL_INFO:
+        return jInfo(S, (struct linx_info_rec *)pRecord);
+    default:
+        errno = ENOTTY;
+        return -1;
+    }
+}
+
+} // namespace
+
+int linx_standin_open(void)
+{
+    auto pS = std::make_shared<StandinSocket>();
+    pS->ConnFd = jConnect();
+    pS->PollFd = epoll_create1(EPOLL_CLOEXEC);
+    pS->ReadyFd = jMakeEventFd();
+    pS->ArrivalFd = jMakeEventFd();
+    struct epoll_event Event = {};
+    Event.events = EPOLLIN;
+    if (pS->ConnFd < 0 || pS->PollFd < 0 || pS->ReadyFd < 0 || pS->ArrivalFd < 0 ||
+        epoll_ctl(pS->PollFd, EPOLL_CTL_ADD, pS->ReadyFd, &Event) != 0) {
+        const int Error = errno;
+        jReleaseSocket(*pS);
+        jCloseIf(pS->PollFd);
+        errno = Error;
+        return -1;
+    }
+    std::lock_guard<std::mutex> Lock(gTableMutex);
+    gByFd[pS->PollFd] = pS;
+    return pS->PollFd;
+}
+
+int linx_standin_request(int fd, uint32_t request, void *record)
+{
+    SocketRef pS = jFindByFd(fd);
+    if (pS == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    return jDispatch(*pS, request, record);
+}
+
+int linx_standin_close(int fd)
+{
+    SocketRef pS;
+    {
+        std::lock_guard<std::mutex> Lock(gTableMutex);
+        auto It = gByFd.find(fd);
+        if (It == gByFd.end()) {
+            errno = EBADF;
+            return -1;
+        }
+        pS = It->second;
+        gByFd.erase(It);
+        if (pS->Spid != 0)
+            gBySpid.erase(pS->Spid);
+    }
+    jReleaseSocket(*pS);
+    return close(fd);
+}

@@ -1,0 +1,653 @@
+// The linxd service loop: requests of the control connections, delivery of
+// linxd's own signals (hunt, attach, timeout), cleanup of closed sockets.
+#include "linxd.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "linx.h"
+#include "linxd_address.h"
+
+namespace {
+
+constexpr uint32_t kDefaultHuntSigNo = 251;
+constexpr uint32_t kDefaultAttachSigNo = 252;
+constexpr uint32_t kDefaultTmoSigNo = 253;
+
+int64_t jNowMs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return (int64_t)Now.tv_sec * 1000 + Now.tv_nsec / 1000000;
+}
+
+// What epoll reports: a client connection or an inlet waiting to drain.
+enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3 };
+
+// The key epoll hands back: the kind, and the descriptor (listener,
+// client) or the socket's SPID (inlet).
+uint64_t jWatchKey(Watch Kind, uint32_t Id)
+{
+    return ((uint64_t)Kind << 32) | Id;
+}
+
+struct Socket {
+    uint32_t Spid = 0;
+    std::string Name;
+    int ClientFd = -1;
+    pid_t Pid = 0;
+    int InletFd = -1;
+    uint32_t Slot = 0;
+    std::deque<std::string> Backlog; // linxd's signals waiting for queue room
+    bool bWatchingInlet = false;     // epoll waits for room in the inlet
+};
+
+struct Client {
+    int Fd = -1;
+    pid_t Pid = 0;
+    uint32_t Spid = 0; // 0 until the name is registered
+};
+
+struct Hunt {
+    uint32_t Requester;
+    uint32_t OnBehalf;
+    std::string Signal;
+};
+
+struct Attach {
+    uint32_t Attacher;
+    uint32_t Target;
+    std::string Signal;
+};
+
+struct Timer {
+    uint32_t Owner;
+    int64_t DeadlineMs;
+    std::string Signal;
+};
+
+struct Reply {
+    linxd_reply Header = {};
+    std::string Data;
+    int Fds[2] = {-1, -1};
+};
+
+class Service {
+public:
+    explicit Service(const LinxdOptions &Options) : mOptions(Options) {}
+    int Run();
+
+private:
+    bool jListen();
+    bool jMapRegion();
+    void jAccept();
+    void jServeClient(int Fd);
+    void jDropClient(int Fd);
+    void jCloseSocket(uint32_t Spid);
+    Reply jHandle(Client &C, const linxd_request &Req, const std::string &Name,
+                  const std::string &Signal);
+    Reply jRegister(Client &C, const std::string &Name);
+    Reply jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std::string Signal);
+    Reply jAttach(Client &C, uint32_t Target, std::string Signal);
+    Reply jRequestTmo(Client &C, int32_t Ms, std::string Signal);
+    Reply jInfo(uint32_t Op, uint32_t Spid);
+    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal);
+    void jFlushBacklog(Socket &S);
+    void jFireTimers();
+    int jNextTimeoutMs() const;
+    uint32_t jNewSpid();
+    uint32_t jNewRef();
+    Socket *jFindSocket(uint32_t Spid);
+    bool jSendReply(int Fd, const Reply &R);
+    void jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op);
+
+    LinxdOptions mOptions;
+    int mEpollFd = -1;
+    int mListenFd = -1;
+    int mRegionFd = -1;
+    linxd_slot *mpSlots = nullptr;
+    std::vector<uint32_t> mFreeSlots;
+    std::map<int, Client> mClients;
+    std::map<uint32_t, Socket> mSockets;
+    std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
+    std::multimap<std::string, Hunt> mHunts;              // pending, by name
+    std::map<uint32_t, Attach> mAttaches;
+    std::map<uint32_t, Timer> mTimers;
+    std::set<std::pair<int64_t, uint32_t>> mTimerOrder;   // (deadline, reference)
+    std::map<uint32_t, uint32_t> mNewLinks;               // token -> owner
+    uint32_t mNextSpid = 0x10000;
+    uint32_t mNextRef = 0;
+    int64_t mIdleSinceMs = 0;
+};
+
+Reply jError(int Error)
+{
+    Reply R;
+    R.Header.result = -1;
+    R.Header.error = Error;
+    return R;
+}
+
+Reply jValue(uint32_t Value)
+{
+    Reply R;
+    R.Header.value[0] = Value;
+    return R;
+}
+
+std::string jDefaultSignal(uint32_t SigNo)
+{
+    return std::string((const char *)&SigNo, sizeof SigNo);
+}
+
+void Service::jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op)
+{
+    struct epoll_event Event = {};
+    Event.events = Events;
+    Event.data.u64 = jWatchKey(Kind, Id);
+    epoll_ctl(mEpollFd, Op, Fd, &Event);
+}
+
+bool Service::jListen()
+{
+    mListenFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (mListenFd < 0)
+        return false;
+    struct sockaddr_un Addr;
+    const socklen_t Len = linxd_address(mOptions.Instance.c_str(), &Addr);
+    if (bind(mListenFd, (struct sockaddr *)&Addr, Len) != 0 || listen(mListenFd, 128) != 0)
+        return false;
+    jWatch(Watch::Listener, mListenFd, (uint32_t)mListenFd, EPOLLIN, EPOLL_CTL_ADD);
+    return true;
+}
+
+bool Service::jMapRegion()
+{
+    mRegionFd = memfd_create("linxd-counters", MFD_CLOEXEC);
+    if (mRegionFd < 0 || ftruncate(mRegionFd, (off_t)LINXD_REGION_BYTES) != 0)
+        return false;
+    void *p = mmap(nullptr, LINXD_REGION_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, mRegionFd, 0);
+    if (p == MAP_FAILED)
+        return false;
+    mpSlots = (linxd_slot *)p;
+    for (uint32_t Slot = LINXD_MAX_SOCKETS; Slot > 0; Slot--)
+        mFreeSlots.push_back(Slot - 1);
+    return true;
+}
+
+void Service::jAccept()
+{
+    for (;;) {
+        const int Fd = accept4(mListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (Fd < 0)
+            return;
+        struct ucred Cred;
+        socklen_t Len = sizeof Cred;
+        if (getsockopt(Fd, SOL_SOCKET, SO_PEERCRED, &Cred, &Len) != 0 || Cred.uid != geteuid()) {
+            close(Fd); // only processes of the same user are served
+            continue;
+        }
+        Client &C = mClients[Fd];
+        C.Fd = Fd;
+        C.Pid = Cred.pid;
+        jWatch(Watch::Client, Fd, (uint32_t)Fd, EPOLLIN, EPOLL_CTL_ADD);
+    }
+}
+
+uint32_t Service::jNewSpid()
+{
+    do {
+        mNextSpid++;
+    } while (mNextSpid == 0 || mSockets.count(mNextSpid) != 0);
+    return mNextSpid;
+}
+
+uint32_t Service::jNewRef()
+{
+    do {
+        mNextRef++;
+    } while (mNextRef == 0 || mAttaches.count(mNextRef) || mTimers.count(mNextRef) ||
+             mNewLinks.count(mNextRef));
+    return mNextRef;
+}
+
+Socket *Service::jFindSocket(uint32_t Spid)
+{
+    auto It = mSockets.find(Spid);
+    return It == mSockets.end() ? nullptr : &It->second;
+}
+
+bool Service::jSendReply(int Fd, const Reply &R)
+{
+    linxd_reply Header = R.Header;
+    Header.data_len = (uint32_t)R.Data.size();
+    struct iovec Iov[2] = {{&Header, sizeof Header}, {(void *)R.Data.data(), R.Data.size()}};
+    struct msghdr Msg = {};
+    Msg.msg_iov = Iov;
+    Msg.msg_iovlen = 2;
+    char Control[CMSG_SPACE(2 * sizeof(int))] = {};
+    const int FdCount = (R.Fds[0] >= 0) + (R.Fds[1] >= 0);
+    if (FdCount > 0) {
+        Msg.msg_control = Control;
+        Msg.msg_controllen = CMSG_SPACE(FdCount * sizeof(int));
+        struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg);
+        pCmsg->cmsg_level = SOL_SOCKET;
+        pCmsg->cmsg_type = SCM_RIGHTS;
+        pCmsg->cmsg_len = CMSG_LEN(FdCount * sizeof(int));
+        memcpy(CMSG_DATA(pCmsg), R.Fds, FdCount * sizeof(int));
+    }
+    return sendmsg(Fd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+}
+
+void Service::jServeClient(int Fd)
+{
+    static std::vector<char> Buffer(LINXD_MAX_REQUEST_BYTES);
+    const ssize_t Got = recv(Fd, Buffer.data(), Buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (Got < 0 && (errno == EAGAIN || errno == EINTR))
+        return;
+    if (Got <= 0) {
+        jDropClient(Fd); // the client closed its socket or vanished
+        return;
+    }
+    Client &C = mClients[Fd];
+    Reply R;
+    linxd_request Req = {};
+    if ((size_t)Got > Buffer.size()) {
+        R = jError(EMSGSIZE);
+    } else if ((size_t)Got < sizeof Req) {
+        R = jError(EPROTO);
+    } else {
+        memcpy(&Req, Buffer.data(), sizeof Req);
+        const uint64_t Expected = (uint64_t)sizeof Req + Req.name_len + Req.sig_len;
+        if (Req.magic != LINXD_PROTOCOL_MAGIC || Expected != (uint64_t)Got ||
+            Req.name_len > LINXD_MAX_NAME_CHARS || Req.sig_len > LINXD_MAX_CONTROL_SIGNAL) {
+            R = jError(EPROTO);
+        } else {
+            const char *pData = Buffer.data() + sizeof Req;
+            R = jHandle(C, Req, std::string(pData, Req.name_len),
+                        std::string(pData + Req.name_len, Req.sig_len));
+        }
+    }
+    const bool bSent = jSendReply(Fd, R);
+    if (R.Fds[0] >= 0 && R.Header.result == 0 && Req.op == LINXD_OP_REGISTER)
+        close(R.Fds[0]); // the outlet now belongs to the client alone
+    if (!bSent)
+        jDropClient(Fd); // a client that does not read its replies is gone
+}
+
+Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &Name,
+                       const std::string &Signal)
+{
+    if (Req.op == LINXD_OP_VERSION)
+        return jValue(mOptions.VersionWord);
+    if (Req.op == LINXD_OP_REGISTER)
+        return jRegister(C, Name);
+    if (C.Spid == 0)
+        return jError(ENOTCONN); // everything else needs a registered socket
+    if (!Signal.empty() && Signal.size() < sizeof(uint32_t))
+        return jError(EMSGSIZE);
+    const uint32_t Arg0 = Req.arg[0];
+    switch (Req.op) {
+    case LINXD_OP_HUNT:
+        return jHunt(C, Arg0, Name, Signal.empty() ? jDefaultSignal(kDefaultHuntSigNo) : Signal);
+    case LINXD_OP_ATTACH:
+        return jAttach(C, Arg0, Signal.empty() ? jDefaultSignal(kDefaultAttachSigNo) : Signal);
+    case LINXD_OP_DETACH: {
+        auto It = mAttaches.find(Arg0);
+        if (It == mAttaches.end() || It->second.Attacher != C.Spid)
+            return jError(EINVAL);
+        mAttaches.erase(It);
+        return jValue(0);
+    }
+    case LINXD_OP_REQUEST_TMO:
+        return jRequestTmo(C, (int32_t)Arg0, Signal.empty() ? jDefaultSignal(kDefaultTmoSigNo) : Signal);
+    case LINXD_OP_CANCEL_TMO:
+    case LINXD_OP_MODIFY_TMO: {
+        auto It = mTimers.find(Arg0);
+        if (It == mTimers.end() || It->second.Owner != C.Spid)
+            return jError(EINVAL);
+        if (Req.op == LINXD_OP_MODIFY_TMO && (int32_t)Req.arg[1] < 0)
+            return jError(EINVAL);
+        mTimerOrder.erase({It->second.DeadlineMs, Arg0});
+        if (Req.op == LINXD_OP_CANCEL_TMO) {
+            mTimers.erase(It);
+        } else {
+            It->second.DeadlineMs = jNowMs() + (int32_t)Req.arg[1];
+            mTimerOrder.insert({It->second.DeadlineMs, Arg0});
+        }
+        return jValue(0);
+    }
+    case LINXD_OP_REQUEST_NEW_LINK: {
+        // The stand-in has no links to other nodes, so no new-link signal
+        // ever arrives; the token is kept until cancelled or closed.
+        const uint32_t Token = jNewRef();
+        mNewLinks[Token] = C.Spid;
+        return jValue(Token);
+    }
+    case LINXD_OP_CANCEL_NEW_LINK:
+        if (mNewLinks.erase(Arg0) == 0)
+            return jError(EINVAL);
+        return jValue(0);
+    case LINXD_OP_INFO_NAME:
+    case LINXD_OP_INFO_OWNER:
+    case LINXD_OP_INFO_STAT:
+    case LINXD_OP_INFO_QUEUE:
+    case LINXD_OP_GET_INLET:
+        return jInfo(Req.op, Arg0);
+    default:
+        return jError(EINVAL);
+    }
+}
+
+Reply Service::jRegister(Client &C, const std::string &Name)
+{
+    if (C.Spid != 0)
+        return jError(EISCONN);
+    if (Name.find('\0') != std::string::npos)
+        return jError(EINVAL);
+    if (mFreeSlots.empty())
+        return jError(ENFILE);
+    int Pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, Pair) != 0)
+        return jError(errno);
+    const int QueueBytes = (int)mOptions.QueueBytes;
+    if (setsockopt(Pair[0], SOL_SOCKET, SO_SNDBUFFORCE, &QueueBytes, sizeof QueueBytes) != 0)
+        setsockopt(Pair[0], SOL_SOCKET, SO_SNDBUF, &QueueBytes, sizeof QueueBytes);
+    fcntl(Pair[0], F_SETFL, O_NONBLOCK);
+    int Effective = 0;
+    socklen_t Len = sizeof Effective;
+    getsockopt(Pair[0], SOL_SOCKET, SO_SNDBUF, &Effective, &Len);
+
+    Socket S;
+    S.Spid = jNewSpid();
+    S.Name = Name;
+    S.ClientFd = C.Fd;
+    S.Pid = C.Pid;
+    S.InletFd = Pair[0];
+    S.Slot = mFreeSlots.back();
+    mFreeSlots.pop_back();
+    linxd_slot &Slot = mpSlots[S.Slot];
+    memset(&Slot, 0, sizeof Slot);
+    __atomic_store_n(&Slot.spid, S.Spid, __ATOMIC_RELEASE);
+    C.Spid = S.Spid;
+    mNames[Name].push_back(S.Spid);
+    const uint32_t Spid = S.Spid;
+    mSockets.emplace(Spid, std::move(S));
+
+    Reply R;
+    R.Header.value[0] = Spid;
+    R.Header.value[1] = mSockets[Spid].Slot;
+    R.Header.value[2] = (uint32_t)Effective;
+    R.Fds[0] = Pair[1];
+    R.Fds[1] = mRegionFd;
+
+    // Hunts waiting for this name are answered now, from the new socket.
+    auto Range = mHunts.equal_range(Name);
+    std::vector<Hunt> Found;
+    for (auto It = Range.first; It != Range.second; ++It)
+        Found.push_back(It->second);
+    mHunts.erase(Range.first, Range.second);
+    for (const Hunt &H : Found)
+        jDeliver(H.OnBehalf, Spid, H.Signal);
+    return R;
+}
+
+Reply Service::jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std::string Signal)
+{
+    if (jFindSocket(OnBehalf) == nullptr)
+        return jError(EINVAL);
+    auto Named = mNames.find(Name);
+    if (Named != mNames.end()) {
+        // Several sockets may share a name: a hunt finds the oldest one.
+        jDeliver(OnBehalf, Named->second.front(), Signal);
+        return jValue(0);
+    }
+    mHunts.insert({Name, Hunt{C.Spid, OnBehalf, std::move(Signal)}});
+    return jValue(0);
+}
+
+Reply Service::jAttach(Client &C, uint32_t Target, std::string Signal)
+{
+    const uint32_t Ref = jNewRef();
+    if (jFindSocket(Target) == nullptr) {
+        jDeliver(C.Spid, Target, Signal); // not open: it is already gone
+        return jValue(Ref);
+    }
+    mAttaches[Ref] = Attach{C.Spid, Target, std::move(Signal)};
+    return jValue(Ref);
+}
+
+Reply Service::jRequestTmo(Client &C, int32_t Ms, std::string Signal)
+{
+    if (Ms < 0)
+        return jError(EINVAL);
+    const uint32_t Ref = jNewRef();
+    const int64_t Deadline = jNowMs() + Ms;
+    mTimers[Ref] = Timer{C.Spid, Deadline, std::move(Signal)};
+    mTimerOrder.insert({Deadline, Ref});
+    return jValue(Ref);
+}
+
+Reply Service::jInfo(uint32_t Op, uint32_t Spid)
+{
+    const Socket *pS = jFindSocket(Spid);
+    if (pS == nullptr)
+        return jError(ECONNRESET);
+    const linxd_slot &Slot = mpSlots[pS->Slot];
+    const int64_t Queued = __atomic_load_n(&Slot.queued, __ATOMIC_RELAXED);
+    Reply R;
+    switch (Op) {
+    case LINXD_OP_INFO_NAME:
+        R.Data.assign(pS->Name.c_str(), pS->Name.size() + 1);
+        break;
+    case LINXD_OP_INFO_OWNER:
+        R.Header.value[0] = (uint32_t)pS->Pid;
+        break;
+    case LINXD_OP_INFO_QUEUE:
+        R.Header.value[0] = Queued > 0 ? (uint32_t)Queued : 0;
+        break;
+    case LINXD_OP_GET_INLET:
+        R.Header.value[0] = pS->Slot;
+        R.Fds[0] = pS->InletFd;
+        break;
+    case LINXD_OP_INFO_STAT: {
+        struct linx_info_stat Stat = {};
+        Stat.spid = Spid;
+        Stat.state = 1;
+        Stat.sent_signals = __atomic_load_n(&Slot.sent_signals, __ATOMIC_RELAXED);
+        Stat.sent_bytes = __atomic_load_n(&Slot.sent_bytes, __ATOMIC_RELAXED);
+        Stat.received_signals = __atomic_load_n(&Slot.received_signals, __ATOMIC_RELAXED);
+        Stat.received_bytes = __atomic_load_n(&Slot.received_bytes, __ATOMIC_RELAXED);
+        Stat.queued_signals = Queued > 0 ? (uint64_t)Queued : 0;
+        Stat.send_failures = __atomic_load_n(&Slot.refused_sends, __ATOMIC_RELAXED);
+        for (const auto &A : mAttaches)
+            Stat.attaches += A.second.Target == Spid;
+        for (const auto &H : mHunts)
+            Stat.hunts += H.second.OnBehalf == Spid;
+        for (const auto &T : mTimers)
+            Stat.timeouts += T.second.Owner == Spid;
+        Stat.owner_pid = (uint32_t)pS->Pid;
+        R.Data.assign((const char *)&Stat, sizeof Stat);
+        break;
+    }
+    }
+    return R;
+}
+
+// Queues one of linxd's own signals for socket To, as sent by From.
+void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal)
+{
+    Socket *pS = jFindSocket(To);
+    if (pS == nullptr)
+        return;
+    linxd_signal_header Header = {From, To, (uint32_t)Signal.size(), 0};
+    pS->Backlog.push_back(std::string((const char *)&Header, sizeof Header) + Signal);
+    __atomic_add_fetch(&mpSlots[pS->Slot].queued, 1, __ATOMIC_RELAXED);
+    jFlushBacklog(*pS);
+}
+
+void Service::jFlushBacklog(Socket &S)
+{
+    while (!S.Backlog.empty()) {
+        const std::string &Datagram = S.Backlog.front();
+        if (send(S.InletFd, Datagram.data(), Datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+            if (errno == EAGAIN) {
+                // Queue full: try again when the owner has read some.
+                if (!S.bWatchingInlet)
+                    jWatch(Watch::Inlet, S.InletFd, S.Spid, EPOLLOUT, EPOLL_CTL_ADD);
+                S.bWatchingInlet = true;
+                return;
+            }
+            __atomic_sub_fetch(&mpSlots[S.Slot].queued, 1, __ATOMIC_RELAXED);
+        }
+        S.Backlog.pop_front();
+    }
+    if (S.bWatchingInlet)
+        epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.InletFd, nullptr);
+    S.bWatchingInlet = false;
+}
+
+void Service::jCloseSocket(uint32_t Spid)
+{
+    auto It = mSockets.find(Spid);
+    if (It == mSockets.end())
+        return;
+    Socket &S = It->second;
+    std::vector<uint32_t> &Named = mNames[S.Name];
+    Named.erase(std::find(Named.begin(), Named.end(), Spid));
+    if (Named.empty())
+        mNames.erase(S.Name);
+    // Shutting the inlet down makes every sender's duplicate fail at once.
+    shutdown(S.InletFd, SHUT_RDWR);
+    epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.InletFd, nullptr);
+    close(S.InletFd);
+    memset(&mpSlots[S.Slot], 0, sizeof(linxd_slot));
+    mFreeSlots.push_back(S.Slot);
+    mSockets.erase(It);
+
+    for (auto H = mHunts.begin(); H != mHunts.end();)
+        H = (H->second.OnBehalf == Spid || H->second.Requester == Spid) ? mHunts.erase(H) : ++H;
+    std::vector<Attach> Fired;
+    for (auto A = mAttaches.begin(); A != mAttaches.end();) {
+        if (A->second.Target == Spid)
+            Fired.push_back(A->second);
+        A = (A->second.Target == Spid || A->second.Attacher == Spid) ? mAttaches.erase(A) : ++A;
+    }
+    for (auto T = mTimers.begin(); T != mTimers.end();) {
+        if (T->second.Owner == Spid) {
+            mTimerOrder.erase({T->second.DeadlineMs, T->first});
+            T = mTimers.erase(T);
+        } else {
+            ++T;
+        }
+    }
+    for (auto L = mNewLinks.begin(); L != mNewLinks.end();)
+        L = L->second == Spid ? mNewLinks.erase(L) : ++L;
+    for (const Attach &A : Fired)
+        jDeliver(A.Attacher, Spid, A.Signal);
+}
+
+void Service::jDropClient(int Fd)
+{
+    auto It = mClients.find(Fd);
+    if (It == mClients.end())
+        return;
+    const uint32_t Spid = It->second.Spid;
+    mClients.erase(It);
+    epoll_ctl(mEpollFd, EPOLL_CTL_DEL, Fd, nullptr);
+    close(Fd);
+    jCloseSocket(Spid);
+    if (mClients.empty())
+        mIdleSinceMs = jNowMs();
+}
+
+void Service::jFireTimers()
+{
+    const int64_t Now = jNowMs();
+    while (!mTimerOrder.empty() && mTimerOrder.begin()->first <= Now) {
+        const uint32_t Ref = mTimerOrder.begin()->second;
+        mTimerOrder.erase(mTimerOrder.begin());
+        Timer T = std::move(mTimers[Ref]);
+        mTimers.erase(Ref);
+        jDeliver(T.Owner, T.Owner, T.Signal);
+    }
+}
+
+int Service::jNextTimeoutMs() const
+{
+    int64_t Wait = -1;
+    const int64_t Now = jNowMs();
+    if (!mTimerOrder.empty())
+        Wait = std::max<int64_t>(0, mTimerOrder.begin()->first - Now);
+    if (mClients.empty() && mOptions.IdleExitSeconds > 0) {
+        const int64_t IdleLeft = std::max<int64_t>(0, mIdleSinceMs + mOptions.IdleExitSeconds * 1000LL - Now);
+        Wait = Wait < 0 ? IdleLeft : std::min(Wait, IdleLeft);
+    }
+    return (int)std::min<int64_t>(Wait, 60000);
+}
+
+int Service::Run()
+{
+    signal(SIGPIPE, SIG_IGN);
+    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
+    if (mEpollFd < 0 || !jMapRegion())
+        return 1;
+    if (!jListen()) {
+        if (errno == EADDRINUSE && !mOptions.bForeground)
+            return 0; // another linxd won the race to serve this instance
+        fprintf(stderr, "linxd: cannot listen for instance \"%s\": %s\n", mOptions.Instance.c_str(),
+                strerror(errno));
+        return 1;
+    }
+    if (mOptions.bForeground)
+        fprintf(stderr, "linxd: serving instance \"%s\"\n", mOptions.Instance.c_str());
+    mIdleSinceMs = jNowMs();
+    struct epoll_event Events[64];
+    for (;;) {
+        const int Count = epoll_wait(mEpollFd, Events, 64, jNextTimeoutMs());
+        for (int i = 0; i < Count; i++) {
+            const Watch Kind = (Watch)(Events[i].data.u64 >> 32);
+            const uint32_t Id = (uint32_t)Events[i].data.u64;
+            if (Kind == Watch::Listener) {
+                jAccept();
+            } else if (Kind == Watch::Client) {
+                jServeClient((int)Id);
+            } else if (Socket *pS = jFindSocket(Id)) {
+                jFlushBacklog(*pS);
+            }
+        }
+        jFireTimers();
+        if (mClients.empty() && mOptions.IdleExitSeconds > 0 &&
+            jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
+            jAccept(); // a client that connected just now keeps us alive
+            if (mClients.empty())
+                break;
+        }
+    }
+    close(mListenFd);
+    if (mOptions.bForeground)
+        fprintf(stderr, "linxd: idle for %d s, exiting\n", mOptions.IdleExitSeconds);
+    return 0;
+}
+
+} // namespace
+
+int LinxdRun(const LinxdOptions &Options)
+{
+    Service S(Options);
+    return S.Run();
+}

@@ -1,0 +1,33 @@
+/*
+ * linxd.h - the LINX stand-in service: plays the LINX kernel module's part
+ * for every process of one user on a host without the module.
+ *
+ * One thread runs an epoll loop over the listening socket, the control
+ * connections (one per emulated LINX socket) and the inlets whose queue was
+ * full when linxd had a signal of its own to deliver.  linxd owns names,
+ * SPIDs, hunts, attaches, timeouts and new-link tokens; signals between
+ * sockets flow through the socket pairs it hands out and never through it
+ * (see linxd_protocol.h).  Nothing a client sends can stop the loop: every
+ * request is checked and answered, and a client that misbehaves or
+ * vanishes is dropped with everything it held, firing its attaches.
+ */
+#ifndef LINXD_H
+#define LINXD_H
+
+#include <stdint.h>
+#include <string>
+
+struct LinxdOptions {
+    std::string Instance;
+    bool bForeground = false;
+    int IdleExitSeconds = 30;       // 0: never exit for lack of clients
+    uint32_t QueueBytes = 512 * 1024;
+    uint32_t VersionWord;           // reported to clients; tests may change it
+};
+
+// Runs the service until it has been idle for IdleExitSeconds; returns the
+// process exit code (0, or 1 when it could not start, 0 too when another
+// linxd already serves the instance and bForeground is false).
+int LinxdRun(const LinxdOptions &Options);
+
+#endif /* LINXD_H */

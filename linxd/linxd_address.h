@@ -1,0 +1,44 @@
+/*
+ * linxd_address.h - where an instance of linxd listens.  Part of the wire
+ * protocol: the client library and linxd both derive the address from the
+ * instance name this way.
+ */
+#ifndef LINXD_ADDRESS_H
+#define LINXD_ADDRESS_H
+
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "linxd_protocol.h"
+
+/* Instance names are 1 to 64 characters of [A-Za-z0-9._-]. */
+static inline int linxd_instance_valid(const char *name)
+{
+    size_t len = strlen(name);
+    if (len == 0 || len > LINXD_MAX_INSTANCE_CHARS)
+        return 0;
+    for (size_t i = 0; i < len; i++) {
+        char c = name[i];
+        if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+              c == '.' || c == '_' || c == '-'))
+            return 0;
+    }
+    return 1;
+}
+
+/* Fills addr with the abstract address "\0linxd/<uid>/<instance>" and
+ * returns its length for bind/connect. */
+static inline socklen_t linxd_address(const char *instance, struct sockaddr_un *addr)
+{
+    memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    int len = snprintf(addr->sun_path + 1, sizeof addr->sun_path - 1, "linxd/%u/%s",
+                       (unsigned)geteuid(), instance);
+    return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + (size_t)len);
+}
+
+#endif /* LINXD_ADDRESS_H */

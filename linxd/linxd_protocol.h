@@ -1,0 +1,103 @@
+/*
+ * linxd_protocol.h - the wire protocol between LINX stand-in clients and
+ * the linxd service.  It is the only thing the two sides share.
+ *
+ * Control: each emulated LINX socket is one SOCK_SEQPACKET connection to
+ * linxd at the abstract address "\0linxd/<uid>/<instance>".  The client
+ * sends one request datagram and waits for one reply datagram; file
+ * descriptors travel as SCM_RIGHTS.  Closing the connection (or the death of
+ * its process) closes the emulated socket.
+ *
+ * Data: each emulated socket's receive queue is the kernel queue of a
+ * SOCK_SEQPACKET socket pair made by linxd.  The owner reads the outlet;
+ * linxd keeps the inlet and hands duplicates to senders (GET_INLET), so a
+ * signal goes from sender to receiver in one datagram without passing
+ * through linxd.  The inlet's send buffer is the socket's queue limit.
+ * When the socket closes, linxd shuts the inlet down: every sender's
+ * duplicate then fails with EPIPE.
+ *
+ * Counters: linxd shares one memory region of slots with every client; a
+ * socket's slot counts its queued, sent and received signals, so any
+ * process can ask how many signals wait for any socket.
+ */
+#ifndef LINXD_PROTOCOL_H
+#define LINXD_PROTOCOL_H
+
+#include <stdint.h>
+
+#define LINXD_PROTOCOL_MAGIC 0x4C584431u /* "LXD1" */
+#define LINXD_VERSION_WORD   0x02000501u /* 2.5.1 */
+
+#define LINXD_INSTANCE_ENV       "LINXD_INSTANCE"
+#define LINXD_DEFAULT_INSTANCE   "default"
+#define LINXD_MAX_INSTANCE_CHARS 64
+
+#define LINXD_MAX_NAME_CHARS     1024          /* endpoint names */
+#define LINXD_MAX_SIGNAL_BYTES   (256u * 1024)  /* largest signal payload */
+#define LINXD_MAX_CONTROL_SIGNAL (64u * 1024)   /* hunt, attach and timeout signals */
+#define LINXD_MAX_REQUEST_BYTES  (sizeof(struct linxd_request) + LINXD_MAX_NAME_CHARS + 1 + LINXD_MAX_CONTROL_SIGNAL)
+#define LINXD_MAX_SOCKETS        16384u        /* slots in the counter region */
+
+enum linxd_op {
+    LINXD_OP_VERSION = 1,     /* -> value[0] version word */
+    LINXD_OP_REGISTER,        /* name -> value[0] spid, value[1] slot, value[2] queue bytes;
+                                 fds: outlet, counter region */
+    LINXD_OP_HUNT,            /* arg[0] on behalf of, name, signal -> 0 */
+    LINXD_OP_ATTACH,          /* arg[0] spid, signal -> value[0] reference */
+    LINXD_OP_DETACH,          /* arg[0] reference */
+    LINXD_OP_REQUEST_TMO,     /* arg[0] ms, signal -> value[0] reference */
+    LINXD_OP_CANCEL_TMO,      /* arg[0] reference */
+    LINXD_OP_MODIFY_TMO,      /* arg[0] reference, arg[1] ms */
+    LINXD_OP_REQUEST_NEW_LINK,/* arg[0] spid -> value[0] token */
+    LINXD_OP_CANCEL_NEW_LINK, /* arg[0] token */
+    LINXD_OP_INFO_NAME,       /* arg[0] spid -> trailing name (with terminator) */
+    LINXD_OP_INFO_OWNER,      /* arg[0] spid -> value[0] pid */
+    LINXD_OP_INFO_STAT,       /* arg[0] spid -> trailing 120-byte linx_info_stat */
+    LINXD_OP_INFO_QUEUE,      /* arg[0] spid -> value[0] signals waiting */
+    LINXD_OP_GET_INLET,       /* arg[0] spid -> value[0] slot; fd: inlet */
+};
+
+/* A request: this header, then name_len name bytes (no terminator), then
+ * sig_len signal bytes. */
+struct linxd_request {
+    uint32_t magic;
+    uint32_t op;
+    uint32_t arg[2];
+    uint32_t name_len;
+    uint32_t sig_len;
+};
+
+/* A reply: this header, then data_len bytes. */
+struct linxd_reply {
+    int32_t result;           /* 0 or -1 */
+    int32_t error;            /* errno when result is -1 */
+    uint32_t value[3];
+    uint32_t data_len;
+};
+
+/* The header of every signal in a receive queue, followed by the payload. */
+struct linxd_signal_header {
+    uint32_t from;
+    uint32_t to;
+    uint32_t size;            /* payload bytes */
+    uint32_t attributes;
+};
+
+/* One socket's counters in the shared region.  Written with atomic
+ * operations by every process that sends to or receives from the socket;
+ * linxd stamps spid when it hands the slot out. */
+struct linxd_slot {
+    uint32_t spid;
+    uint32_t reserved;
+    int64_t queued;
+    uint64_t sent_signals;
+    uint64_t sent_bytes;
+    uint64_t received_signals;
+    uint64_t received_bytes;
+    uint64_t refused_sends;   /* sends to this socket refused: queue full */
+    uint64_t pad;
+};
+
+#define LINXD_REGION_BYTES ((uint64_t)LINXD_MAX_SOCKETS * sizeof(struct linxd_slot))
+
+#endif /* LINXD_PROTOCOL_H */
