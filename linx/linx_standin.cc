@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -19,9 +21,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 
@@ -55,40 +60,96 @@ struct StandinSocket {
     uint32_t QueueBytes = 0;
     linxd_slot *pSlots = nullptr; // linxd's counter region
     char *pSpill = nullptr;       // room for the part of a signal beyond the caller's buffer
+    bool bLastLocal = false;      // the last signal taken came from this process
 
     std::mutex Mutex;             // guards everything below
     std::deque<Pending> Queue;
     uint64_t QueuedBytes = 0;
-    bool bReady = false;
+    std::atomic<uint64_t> Pushes{0}; // signals ever queued: tells a waiter what it missed
     bool bWaiting = false;
     bool bClosed = false;
+
+    // Senders of this process may still hold the record after its close:
+    // what they touch lives until the last of them lets go.
+    ~StandinSocket()
+    {
+        for (int Fd : {ReadyFd, ArrivalFd})
+            if (Fd >= 0)
+                close(Fd);
+        if (pSlots != nullptr)
+            munmap(pSlots, LINXD_REGION_BYTES);
+        if (pSpill != nullptr)
+            munmap(pSpill, LINXD_MAX_SIGNAL_BYTES);
+    }
 };
 
 using SocketRef = std::shared_ptr<StandinSocket>;
 
+// A destination's inlet, shared by the senders of the process; closed when
+// the last of them lets go.
 struct Inlet {
-    int Fd;
-    uint32_t Slot;
+    Inlet(int InletFd, uint32_t InletSlot) : Fd(InletFd), Slot(InletSlot) {}
+    Inlet(const Inlet &) = delete;
+    Inlet &operator=(const Inlet &) = delete;
     ~Inlet() { close(Fd); }
+    const int Fd;
+    const uint32_t Slot;
 };
 
-std::mutex gTableMutex;
+// Read on every request by every thread; written only by open and close.
+std::shared_mutex gTableMutex;
 std::unordered_map<int, SocketRef> gByFd;
 std::unordered_map<uint32_t, SocketRef> gBySpid;
 
 std::mutex gInletMutex;
 std::unordered_map<uint32_t, std::shared_ptr<Inlet>> gInlets;
 
+// A child of fork() does not own its parent's sockets: it closes its copies
+// of their descriptors (so that a close in the parent still reaches linxd)
+// and forgets them, so that its sends never take the local path to them.
+void jForkPrepare()
+{
+    gTableMutex.lock();
+    gInletMutex.lock();
+}
+
+void jForkParent()
+{
+    gInletMutex.unlock();
+    gTableMutex.unlock();
+}
+
+void jForkChild()
+{
+    // The parent's thread holds these locks: the child starts them afresh.
+    new (&gInletMutex) std::mutex();
+    new (&gTableMutex) std::shared_mutex();
+    for (auto &Entry : gByFd) {
+        StandinSocket &S = *Entry.second;
+        for (int Fd : {S.PollFd, S.ConnFd, S.OutletFd, S.ReadyFd, S.ArrivalFd})
+            if (Fd >= 0)
+                close(Fd);
+    }
+    gByFd.clear();
+    gBySpid.clear();
+}
+
+void jWatchForks()
+{
+    static std::once_flag Once;
+    std::call_once(Once, [] { pthread_atfork(jForkPrepare, jForkParent, jForkChild); });
+}
+
 SocketRef jFindByFd(int Fd)
 {
-    std::lock_guard<std::mutex> Lock(gTableMutex);
+    std::shared_lock<std::shared_mutex> Lock(gTableMutex);
     auto It = gByFd.find(Fd);
     return It == gByFd.end() ? nullptr : It->second;
 }
 
 SocketRef jFindBySpid(uint32_t Spid)
 {
-    std::lock_guard<std::mutex> Lock(gTableMutex);
+    std::shared_lock<std::shared_mutex> Lock(gTableMutex);
     auto It = gBySpid.find(Spid);
     return It == gBySpid.end() ? nullptr : It->second;
 }
@@ -285,30 +346,53 @@ int jSignalCall(const StandinSocket &S, uint32_t Op, uint32_t Arg0, const void *
 
 // ---- The process-local queue ----------------------------------------------
 
-// Keeps ReadyFd readable exactly while the queue holds a signal.
-void jUpdateReady_NeedsLock(StandinSocket &S)
+// ReadyFd counts the queued signals (a semaphore eventfd), so the caller's
+// descriptor is readable exactly while one waits.  A signal is counted
+// before it becomes visible and uncounted after it is taken, so the count
+// never lags behind the queue, and no system call is made under the mutex.
+void jCountReady(StandinSocket &S, bool bAdd)
 {
-    const bool bReady = !S.Queue.empty();
-    if (bReady == S.bReady)
-        return;
     uint64_t One = 1;
-    if (bReady)
+    if (bAdd)
         (void)!write(S.ReadyFd, &One, sizeof One);
     else
         (void)!read(S.ReadyFd, &One, sizeof One);
-    S.bReady = bReady;
 }
 
-void jPush_NeedsLock(StandinSocket &S, Pending &&Entry)
+// Queues a signal for S unless S is closed or, when bLimit is set, its
+// queue is full (errno ECONNRESET or ENOBUFS then).  Wakes a waiting
+// receiver.  Any thread of the process may queue.
+bool jEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
 {
-    S.QueuedBytes += Entry.Header.size;
-    S.Queue.push_back(std::move(Entry));
-    jUpdateReady_NeedsLock(S);
-    if (S.bWaiting) {
+    jCountReady(S, true);
+    bool bQueued = false;
+    bool bWake = false;
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        if (S.bClosed) {
+            errno = ECONNRESET;
+        } else if (bLimit && S.QueuedBytes + Entry.Header.size > S.QueueBytes) {
+            errno = ENOBUFS;
+        } else {
+            S.QueuedBytes += Entry.Header.size;
+            S.Pushes.fetch_add(1, std::memory_order_relaxed);
+            S.Queue.push_back(std::move(Entry));
+            bWake = S.bWaiting;
+            S.bWaiting = false;
+            bQueued = true;
+        }
+    }
+    if (!bQueued) {
+        const int Error = errno;
+        jCountReady(S, false);
+        errno = Error;
+        return false;
+    }
+    if (bWake) {
         uint64_t One = 1;
         (void)!write(S.ArrivalFd, &One, sizeof One);
-        S.bWaiting = false;
     }
+    return true;
 }
 
 void jFreePending(Pending &Entry)
@@ -320,9 +404,9 @@ void jFreePending(Pending &Entry)
 
 // ---- Opening and closing ---------------------------------------------------
 
-int jMakeEventFd()
+int jMakeEventFd(int Flags)
 {
-    return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | Flags);
 }
 
 void jCloseIf(int Fd)
@@ -342,12 +426,6 @@ void jReleaseSocket(StandinSocket &S)
     }
     jCloseIf(S.ConnFd);
     jCloseIf(S.OutletFd);
-    jCloseIf(S.ReadyFd);
-    jCloseIf(S.ArrivalFd);
-    if (S.pSlots != nullptr)
-        munmap(S.pSlots, LINXD_REGION_BYTES);
-    if (S.pSpill != nullptr)
-        munmap(S.pSpill, LINXD_MAX_SIGNAL_BYTES);
 }
 
 int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
@@ -391,7 +469,7 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
     S.Spid = C.Reply.value[0];
     S.Slot = C.Reply.value[1];
     S.QueueBytes = C.Reply.value[2];
-    std::lock_guard<std::mutex> Lock(gTableMutex);
+    std::lock_guard<std::shared_mutex> Lock(gTableMutex);
     gBySpid[S.Spid] = gByFd[S.PollFd];
     const_cast<struct linx_register_rec *>(pRec)->spid = S.Spid;
     return 0;
@@ -417,7 +495,7 @@ std::shared_ptr<Inlet> jGetInlet(const StandinSocket &S, uint32_t To)
         errno = EPROTO;
         return nullptr;
     }
-    auto pInlet = std::make_shared<Inlet>(Inlet{C.Fds[0], C.Reply.value[0]});
+    auto pInlet = std::make_shared<Inlet>(C.Fds[0], C.Reply.value[0]);
     std::lock_guard<std::mutex> Lock(gInletMutex);
     if (gInlets.size() >= kInletCacheLimit)
         gInlets.clear(); // inlets in use stay open until their senders let go
@@ -436,22 +514,18 @@ void jForgetInlet(uint32_t To, const std::shared_ptr<Inlet> &pInlet)
 // Delivery within the process: the receiver adopts the sender's buffer.
 int jSendLocal(StandinSocket &From, StandinSocket &To, const struct linx_transfer_rec *pRec)
 {
-    {
-        std::lock_guard<std::mutex> Lock(To.Mutex);
-        if (To.bClosed) {
-            errno = ECONNRESET;
-            return -1;
-        }
-        if (To.QueuedBytes + pRec->size > To.QueueBytes) {
-            jCount(&To.pSlots[To.Slot].refused_sends, 1);
-            errno = ENOBUFS;
-            return -1;
-        }
-        Pending Entry;
-        Entry.Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
-        Entry.pTaken = (void *)(uintptr_t)pRec->buffer;
-        jCountQueued(&To.pSlots[To.Slot], 1);
-        jPush_NeedsLock(To, std::move(Entry));
+    Pending Entry;
+    Entry.Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
+    Entry.pTaken = (void *)(uintptr_t)pRec->buffer;
+    linxd_slot &Target = From.pSlots[To.Slot]; // one region: linxd's
+    jCountQueued(&Target, 1);
+    if (!jEnqueue(To, std::move(Entry), true)) {
+        const int Error = errno;
+        jCountQueued(&Target, -1);
+        if (Error == ENOBUFS)
+            jCount(&Target.refused_sends, 1);
+        errno = Error;
+        return -1;
     }
     jCount(&From.pSlots[From.Slot].sent_signals, 1);
     jCount(&From.pSlots[From.Slot].sent_bytes, pRec->size);
@@ -564,13 +638,22 @@ int jTooLarge(struct linx_transfer_rec *pRec, uint32_t Size)
 }
 
 // Takes the first selected signal of the local queue.  Returns the size,
-// 0 when it does not fit, or -1 (errno EAGAIN) when none is selected.
-int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
+// 0 when it does not fit, or -1 (errno EAGAIN) when none is selected; then
+// *pSeen tells how many signals had been queued when it looked.
+int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec,
+                uint64_t *pSeen)
 {
-    std::lock_guard<std::mutex> Lock(S.Mutex);
-    for (auto It = S.Queue.begin(); It != S.Queue.end(); ++It) {
-        if (!jSelected(Sel, It->Header, jSigNo(jPayloadOf(*It))))
-            continue;
+    int Result = -1;
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        *pSeen = S.Pushes.load(std::memory_order_relaxed);
+        auto It = S.Queue.begin();
+        while (It != S.Queue.end() && !jSelected(Sel, It->Header, jSigNo(jPayloadOf(*It))))
+            ++It;
+        if (It == S.Queue.end()) {
+            errno = EAGAIN;
+            return -1;
+        }
         const uint32_t Size = It->Header.size;
         if (It->pTaken != nullptr) {
             jFillRecord(pRec, It->Header, (uint64_t)(uintptr_t)It->pTaken);
@@ -580,14 +663,14 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
         } else {
             return jTooLarge(pRec, Size);
         }
+        S.bLastLocal = It->pTaken != nullptr;
         S.QueuedBytes -= Size;
         S.Queue.erase(It);
-        jUpdateReady_NeedsLock(S);
-        jCountTaken(S, Size);
-        return (int)Size;
+        Result = (int)Size;
     }
-    errno = EAGAIN;
-    return -1;
+    jCountReady(S, false);
+    jCountTaken(S, (uint32_t)Result);
+    return Result;
 }
 
 // Reads the next signal of the outlet straight into the caller's buffer
@@ -626,6 +709,7 @@ int jTakeFromOutlet(StandinSocket &S, const Selection &Sel, struct linx_transfer
         }
         const uint32_t Size = Header.size;
         if (Size <= Room && jSelected(Sel, Header, jSigNo(pBuffer))) {
+            S.bLastLocal = false;
             jFillRecord(pRec, Header, pRec->buffer);
             jCountTaken(S, Size);
             return (int)Size;
@@ -636,10 +720,7 @@ int jTakeFromOutlet(StandinSocket &S, const Selection &Sel, struct linx_transfer
         if (Size > Room)
             Entry.Data.append(S.pSpill, Size - Room);
         const bool bSelected = jSelected(Sel, Header, jSigNo(Entry.Data.data()));
-        {
-            std::lock_guard<std::mutex> Lock(S.Mutex);
-            jPush_NeedsLock(S, std::move(Entry));
-        }
+        jEnqueue(S, std::move(Entry), false);
         if (bSelected)
             return jTooLarge(pRec, Size);
     }
@@ -665,10 +746,14 @@ int jTimedOut(struct linx_transfer_rec *pRec)
 
 // Waits for the outlet, a local arrival or linxd's end.  Returns 1 to look
 // again, 0 on timeout, -1 with errno (EINTR, or ENOTCONN when linxd is gone).
-int jWait(StandinSocket &S, int TimeoutMs)
+// A signal queued locally since the caller looked (Seen) ends the wait at
+// once: its sender saw no waiter and rang no bell.
+int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen)
 {
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
+        if (S.Pushes.load(std::memory_order_relaxed) != Seen)
+            return 1;
         S.bWaiting = true;
     }
     struct pollfd Fds[3] = {{S.OutletFd, POLLIN, 0}, {S.ArrivalFd, POLLIN, 0}, {S.ConnFd, POLLIN, 0}};
@@ -690,6 +775,23 @@ int jWait(StandinSocket &S, int TimeoutMs)
     return Ready > 0 ? 1 : 0;
 }
 
+// A thread talking to another thread of this process usually gets its
+// answer within microseconds: yielding for that long beats the cost of
+// falling asleep and being woken.  Returns true when a signal was queued.
+bool jSpinForLocal(StandinSocket &S, uint64_t Seen)
+{
+    constexpr int64_t kSpinNs = 100000;
+    struct timespec Start, Now;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    do {
+        if (S.Pushes.load(std::memory_order_relaxed) != Seen)
+            return true;
+        __builtin_ia32_pause();
+        clock_gettime(CLOCK_MONOTONIC, &Now);
+    } while ((Now.tv_sec - Start.tv_sec) * 1000000000LL + (Now.tv_nsec - Start.tv_nsec) < kSpinNs);
+    return false;
+}
+
 int jReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
 {
     if (S.Spid == 0) {
@@ -707,13 +809,16 @@ int jReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     for (;;) {
-        int Result = jTakeQueued(S, Sel, pRec);
+        uint64_t Seen = 0;
+        int Result = jTakeQueued(S, Sel, pRec, &Seen);
         if (Result >= 0)
             return Result;
         Result = jTakeFromOutlet(S, Sel, pRec);
         if (Result >= 0 || errno != EAGAIN)
             return Result;
-        const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start));
+        if (S.bLastLocal && pRec->tmo != 0 && jSpinForLocal(S, Seen))
+            continue;
+        const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start), Seen);
         if (Waited <= 0)
             return Waited == 0 ? jTimedOut(pRec) : -1;
     }
@@ -835,11 +940,12 @@ int jDispatch(StandinSocket &S, uint32_t Request, void *pRecord)
 
 int linx_standin_open(void)
 {
+    jWatchForks();
     auto pS = std::make_shared<StandinSocket>();
     pS->ConnFd = jConnect();
     pS->PollFd = epoll_create1(EPOLL_CLOEXEC);
-    pS->ReadyFd = jMakeEventFd();
-    pS->ArrivalFd = jMakeEventFd();
+    pS->ReadyFd = jMakeEventFd(EFD_SEMAPHORE);
+    pS->ArrivalFd = jMakeEventFd(0);
     struct epoll_event Event = {};
     Event.events = EPOLLIN;
     if (pS->ConnFd < 0 || pS->PollFd < 0 || pS->ReadyFd < 0 || pS->ArrivalFd < 0 ||
@@ -850,7 +956,7 @@ int linx_standin_open(void)
         errno = Error;
         return -1;
     }
-    std::lock_guard<std::mutex> Lock(gTableMutex);
+    std::lock_guard<std::shared_mutex> Lock(gTableMutex);
     gByFd[pS->PollFd] = pS;
     return pS->PollFd;
 }
@@ -869,7 +975,7 @@ int linx_standin_close(int fd)
 {
     SocketRef pS;
     {
-        std::lock_guard<std::mutex> Lock(gTableMutex);
+        std::lock_guard<std::shared_mutex> Lock(gTableMutex);
         auto It = gByFd.find(fd);
         if (It == gByFd.end()) {
             errno = EBADF;

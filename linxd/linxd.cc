@@ -292,6 +292,8 @@ void Service::jServeClient(int Fd)
 Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &Name,
                        const std::string &Signal)
 {
+    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_GET_INLET)
+        return jError(EINVAL);
     if (Req.op == LINXD_OP_VERSION)
         return jValue(mOptions.VersionWord);
     if (Req.op == LINXD_OP_REGISTER)
@@ -342,14 +344,8 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
         if (mNewLinks.erase(Arg0) == 0)
             return jError(EINVAL);
         return jValue(0);
-    case LINXD_OP_INFO_NAME:
-    case LINXD_OP_INFO_OWNER:
-    case LINXD_OP_INFO_STAT:
-    case LINXD_OP_INFO_QUEUE:
-    case LINXD_OP_GET_INLET:
+    default: // the queries: name, owner, statistics, queue, inlet
         return jInfo(Req.op, Arg0);
-    default:
-        return jError(EINVAL);
     }
 }
 

@@ -1,0 +1,268 @@
+// LINX on the stand-in against a raw AF_UNIX SOCK_SEQPACKET socket pair,
+// measured side by side in one run:
+//   - round trip of a 64-byte signal between two processes (medians, ratio),
+//   - round trip between two threads of one process (no payload copy),
+//   - one-way throughput of 64 B and 64 KiB signals between two processes.
+#include <errno.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "linx.h"
+
+namespace {
+
+constexpr uint32_t kPayload = 64;
+constexpr int kBlocks = 6;
+constexpr int kRoundsPerBlock = 3000;
+constexpr uint32_t kEcho = 0x10;
+constexpr uint32_t kStop = 0x11;
+
+double NowUs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return Now.tv_sec * 1e6 + Now.tv_nsec / 1e3;
+}
+
+double Median(std::vector<double> Samples)
+{
+    std::sort(Samples.begin(), Samples.end());
+    return Samples[Samples.size() / 2];
+}
+
+void Fail(const char *pWhat)
+{
+    fprintf(stderr, "bench_linx: %s: %s\n", pWhat, strerror(errno));
+    exit(1);
+}
+
+// ---- raw socket pair -------------------------------------------------------
+
+struct RawPeer {
+    int Fd;
+    pid_t Child;
+};
+
+RawPeer StartRawEcho()
+{
+    int Pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, Pair) != 0)
+        Fail("socketpair");
+    const pid_t Child = fork();
+    if (Child == 0) {
+        close(Pair[0]);
+        char Buffer[kPayload];
+        ssize_t Got;
+        while ((Got = recv(Pair[1], Buffer, sizeof Buffer, 0)) > 0)
+            send(Pair[1], Buffer, Got, 0);
+        _exit(0);
+    }
+    close(Pair[1]);
+    return {Pair[0], Child};
+}
+
+void RawRounds(const RawPeer &Peer, int Rounds, std::vector<double> *pSamples)
+{
+    char Buffer[kPayload] = {};
+    for (int i = 0; i < Rounds; i++) {
+        const double Start = NowUs();
+        if (send(Peer.Fd, Buffer, sizeof Buffer, 0) != (ssize_t)sizeof Buffer ||
+            recv(Peer.Fd, Buffer, sizeof Buffer, 0) != (ssize_t)sizeof Buffer)
+            Fail("raw round trip");
+        if (pSamples)
+            pSamples->push_back(NowUs() - Start);
+    }
+}
+
+// ---- LINX -----------------------------------------------------------------------
+
+// Echoes every signal back to its sender until a stop signal arrives; counts
+// and answers the stop with the number of signals it took.
+int LinxEchoLoop(LINX *pLinx, bool bEcho)
+{
+    uint32_t Taken = 0;
+    for (;;) {
+        union LINX_SIGNAL *pSig = nullptr;
+        if (linx_receive(pLinx, &pSig, nullptr) <= 0)
+            return 1;
+        uint32_t SigNo;
+        memcpy(&SigNo, pSig, sizeof SigNo);
+        const LINX_SPID From = linx_sender(pLinx, &pSig);
+        if (SigNo == kStop) {
+            memcpy((char *)pSig + 4, &Taken, sizeof Taken);
+            linx_send(pLinx, &pSig, From);
+            return 0;
+        }
+        Taken++;
+        if (bEcho)
+            linx_send(pLinx, &pSig, From);
+        else
+            linx_free_buf(pLinx, &pSig);
+    }
+}
+
+LINX_SPID Hunt(LINX *pLinx, const char *pName)
+{
+    if (linx_hunt(pLinx, pName, nullptr) != 0)
+        Fail("hunt");
+    union LINX_SIGNAL *pSig = nullptr;
+    if (linx_receive_w_tmo(pLinx, &pSig, 10000, nullptr) <= 0)
+        Fail("hunt answer");
+    const LINX_SPID Peer = linx_sender(pLinx, &pSig);
+    linx_free_buf(pLinx, &pSig);
+    return Peer;
+}
+
+pid_t StartLinxPeer(const char *pName, bool bEcho)
+{
+    const pid_t Child = fork();
+    if (Child == 0) {
+        LINX *pLinx = linx_open(pName, 0, nullptr);
+        _exit(pLinx == nullptr ? 1 : LinxEchoLoop(pLinx, bEcho));
+    }
+    return Child;
+}
+
+// Sends a new signal, waiting while the receiver's queue is full.
+void SendWaiting(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t SigNo)
+{
+    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, SigNo);
+    while (linx_send(pLinx, &pSig, Peer) != 0) {
+        if (errno != ENOBUFS)
+            Fail("send");
+        sched_yield(); // let the receiver catch up
+        pSig = linx_alloc(pLinx, Size, SigNo);
+    }
+}
+
+uint32_t StopPeer(LINX *pLinx, LINX_SPID Peer)
+{
+    SendWaiting(pLinx, Peer, 8, kStop);
+    union LINX_SIGNAL *pSig = nullptr;
+    const LINX_SIGSELECT Stop[] = {1, kStop};
+    if (linx_receive_w_tmo(pLinx, &pSig, 60000, Stop) <= 0)
+        Fail("stop");
+    uint32_t Taken;
+    memcpy(&Taken, (char *)pSig + 4, sizeof Taken);
+    linx_free_buf(pLinx, &pSig);
+    return Taken;
+}
+
+void LinxRounds(LINX *pLinx, LINX_SPID Peer, int Rounds, std::vector<double> *pSamples)
+{
+    for (int i = 0; i < Rounds; i++) {
+        const double Start = NowUs();
+        union LINX_SIGNAL *pSig = linx_alloc(pLinx, kPayload, kEcho);
+        if (linx_send(pLinx, &pSig, Peer) != 0 || linx_receive(pLinx, &pSig, nullptr) <= 0)
+            Fail("linx round trip");
+        linx_free_buf(pLinx, &pSig);
+        if (pSamples)
+            pSamples->push_back(NowUs() - Start);
+    }
+}
+
+// Sends Count signals of Size bytes one way; returns seconds until the
+// receiver confirmed it took them all.
+double LinxOneWay(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t Count)
+{
+    const double Start = NowUs();
+    for (uint32_t i = 0; i < Count; i++)
+        SendWaiting(pLinx, Peer, Size, kEcho);
+    if (StopPeer(pLinx, Peer) != Count)
+        Fail("one-way count");
+    return (NowUs() - Start) / 1e6;
+}
+
+void Throughput(LINX *pLinx, uint32_t Size, uint32_t Count)
+{
+    const pid_t Child = StartLinxPeer("bench-sink", false);
+    const LINX_SPID Peer = Hunt(pLinx, "bench-sink");
+    const double Seconds = LinxOneWay(pLinx, Peer, Size, Count);
+    waitpid(Child, nullptr, 0);
+    printf("one-way %6u B: %9.0f signals/s  %8.1f MB/s\n", Size, Count / Seconds,
+           Count * (double)Size / Seconds / 1e6);
+}
+
+// Two threads of this process; also checks that the receiver got the very
+// buffer the sender sent.
+void IntraProcess(std::vector<double> *pSamples, int *pCopies)
+{
+    LINX *pA = linx_open("bench-a", 0, nullptr);
+    LINX *pB = linx_open("bench-b", 0, nullptr);
+    if (!pA || !pB)
+        Fail("open");
+    std::thread Echo([pB] { LinxEchoLoop(pB, true); });
+    const LINX_SPID Peer = linx_get_spid(pB);
+    for (int i = 0; i < kBlocks * kRoundsPerBlock; i++) {
+        const double Start = NowUs();
+        union LINX_SIGNAL *pSig = linx_alloc(pA, kPayload, kEcho);
+        union LINX_SIGNAL *const pSent = pSig;
+        linx_send(pA, &pSig, Peer);
+        linx_receive(pA, &pSig, nullptr);
+        *pCopies += pSig != pSent;
+        linx_free_buf(pA, &pSig);
+        pSamples->push_back(NowUs() - Start);
+    }
+    StopPeer(pA, Peer);
+    Echo.join();
+    linx_close(pA);
+    linx_close(pB);
+}
+
+} // namespace
+
+int main()
+{
+    const std::string Instance = "bench-" + std::to_string(getpid());
+    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
+
+    LINX *pLinx = linx_open("bench-client", 0, nullptr);
+    if (pLinx == nullptr)
+        Fail("linx_open");
+    const pid_t LinxChild = StartLinxPeer("bench-echo", true);
+    const LINX_SPID Peer = Hunt(pLinx, "bench-echo");
+    const RawPeer Raw = StartRawEcho();
+
+    // Warm up both, then alternate blocks so that both see the same machine.
+    RawRounds(Raw, 2000, nullptr);
+    LinxRounds(pLinx, Peer, 2000, nullptr);
+    std::vector<double> RawSamples, LinxSamples;
+    for (int Block = 0; Block < kBlocks; Block++) {
+        RawRounds(Raw, kRoundsPerBlock, &RawSamples);
+        LinxRounds(pLinx, Peer, kRoundsPerBlock, &LinxSamples);
+    }
+    StopPeer(pLinx, Peer);
+    waitpid(LinxChild, nullptr, 0);
+    close(Raw.Fd);
+    waitpid(Raw.Child, nullptr, 0);
+
+    const double RawMedian = Median(RawSamples);
+    const double LinxMedian = Median(LinxSamples);
+    printf("round trip, 64 B, two processes (median of %zu):\n", RawSamples.size());
+    printf("  raw AF_UNIX SOCK_SEQPACKET   %7.2f us\n", RawMedian);
+    printf("  linx_send/linx_receive       %7.2f us   ratio %.2fx (target <= 2x)\n", LinxMedian,
+           LinxMedian / RawMedian);
+
+    std::vector<double> IntraSamples;
+    int Copies = 0;
+    IntraProcess(&IntraSamples, &Copies);
+    printf("round trip, 64 B, two threads of one process: %.2f us (%.2fx the cross-process "
+           "linx round trip), payload copies: %d\n",
+           Median(IntraSamples), Median(IntraSamples) / LinxMedian, Copies);
+
+    Throughput(pLinx, 64, 200000);
+    Throughput(pLinx, 64 * 1024, 20000);
+    linx_close(pLinx);
+    return 0;
+}

@@ -1,0 +1,262 @@
+// linxd and its clients facing broken peers: garbage requests, truncated
+// requests, clients that vanish, malformed signals in a receive queue, a
+// linxd that dies, and a module of another major version.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "linx_test_util.h"
+#include "linxd_address.h"
+
+namespace {
+
+int RawConnect(const std::string &Instance)
+{
+    struct sockaddr_un Addr;
+    const socklen_t Len = linxd_address(Instance.c_str(), &Addr);
+    for (int Attempt = 0; Attempt < 400; Attempt++) {
+        const int Fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        if (connect(Fd, (struct sockaddr *)&Addr, Len) == 0)
+            return Fd;
+        close(Fd);
+        usleep(5000);
+    }
+    return -1;
+}
+
+struct RawReply {
+    linxd_reply Header = {};
+    int Fd = -1;
+};
+
+RawReply RawExchange(int Fd, const void *pData, size_t Len)
+{
+    RawReply R;
+    EXPECT_EQ((ssize_t)Len, send(Fd, pData, Len, MSG_NOSIGNAL));
+    char Buffer[4096];
+    struct iovec Iov = {Buffer, sizeof Buffer};
+    char Control[CMSG_SPACE(2 * sizeof(int))];
+    struct msghdr Msg = {};
+    Msg.msg_iov = &Iov;
+    Msg.msg_iovlen = 1;
+    Msg.msg_control = Control;
+    Msg.msg_controllen = sizeof Control;
+    if (recvmsg(Fd, &Msg, MSG_CMSG_CLOEXEC) >= (ssize_t)sizeof R.Header) {
+        memcpy(&R.Header, Buffer, sizeof R.Header);
+        if (struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg))
+            memcpy(&R.Fd, CMSG_DATA(pCmsg), sizeof R.Fd);
+    }
+    return R;
+}
+
+RawReply RawRequest(int Fd, uint32_t Op, uint32_t Arg0, const std::string &Name = "",
+                    const std::string &Signal = "")
+{
+    linxd_request Req = {LINXD_PROTOCOL_MAGIC, Op, {Arg0, 0}, (uint32_t)Name.size(),
+                         (uint32_t)Signal.size()};
+    const std::string Datagram = std::string((const char *)&Req, sizeof Req) + Name + Signal;
+    return RawExchange(Fd, Datagram.data(), Datagram.size());
+}
+
+class LinxdRobustness : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        pLinx = linx_open("robust", 0, nullptr);
+        ASSERT_NE(nullptr, pLinx) << strerror(errno);
+    }
+    void TearDown() override
+    {
+        if (pLinx)
+            linx_close(pLinx);
+    }
+    // The service still answers ordinary clients.
+    void ExpectServing()
+    {
+        LINX *pProbe = linx_open("probe", 0, nullptr);
+        ASSERT_NE(nullptr, pProbe);
+        EXPECT_EQ(linx_get_spid(pLinx), HuntAndWait(pProbe, "robust", 2000));
+        union LINX_SIGNAL *pSig = NewSignal(pProbe, 0x33, 3);
+        EXPECT_EQ(0, linx_send(pProbe, &pSig, linx_get_spid(pLinx)));
+        EXPECT_EQ(0x33u, ReceiveOne(pLinx, 2000));
+        linx_close(pProbe);
+    }
+    LINX *pLinx = nullptr;
+};
+
+TEST_F(LinxdRobustness, GarbageAndTruncatedRequestsAreRefused)
+{
+    const int Fd = RawConnect(TestInstance());
+    ASSERT_GE(Fd, 0);
+    EXPECT_EQ(EPROTO, RawExchange(Fd, "xyz", 3).Header.error);
+    linxd_request Bad = {0xDEADBEEF, LINXD_OP_VERSION, {0, 0}, 0, 0};
+    EXPECT_EQ(EPROTO, RawExchange(Fd, &Bad, sizeof Bad).Header.error);
+    linxd_request Truncated = {LINXD_PROTOCOL_MAGIC, LINXD_OP_REGISTER, {0, 0}, 100, 0};
+    EXPECT_EQ(EPROTO, RawExchange(Fd, &Truncated, sizeof Truncated).Header.error);
+    linxd_request Huge = {LINXD_PROTOCOL_MAGIC, LINXD_OP_REGISTER, {0, 0}, 0xFFFFFFF0u, 0x20};
+    EXPECT_EQ(EPROTO, RawExchange(Fd, &Huge, sizeof Huge).Header.error);
+    const std::string TooLong(LINXD_MAX_REQUEST_BYTES + 100, 'x');
+    EXPECT_EQ(EMSGSIZE, RawExchange(Fd, TooLong.data(), TooLong.size()).Header.error);
+    EXPECT_EQ(ENOTCONN, RawRequest(Fd, LINXD_OP_HUNT, 0, "x").Header.error);
+    EXPECT_EQ(EINVAL, RawRequest(Fd, 9999, 0).Header.error);
+    EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_REGISTER, 0, std::string("a\0b", 3)).Header.error);
+    EXPECT_EQ(0, RawRequest(Fd, LINXD_OP_REGISTER, 0, "raw").Header.result);
+    EXPECT_EQ(EISCONN, RawRequest(Fd, LINXD_OP_REGISTER, 0, "raw").Header.error);
+    EXPECT_EQ(EMSGSIZE, RawRequest(Fd, LINXD_OP_ATTACH, 1, "", "ab").Header.error);
+    EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_DETACH, 12345).Header.error);
+    EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_REQUEST_TMO, (uint32_t)-5).Header.error);
+    EXPECT_EQ(ECONNRESET, RawRequest(Fd, LINXD_OP_INFO_NAME, 0x7FFFFFF0).Header.error);
+    close(Fd);
+    ExpectServing();
+}
+
+TEST_F(LinxdRobustness, VanishingClientsAreCleanedUp)
+{
+    // Connect and leave; send a request and leave before the reply.
+    close(RawConnect(TestInstance()));
+    int Fd = RawConnect(TestInstance());
+    linxd_request Req = {LINXD_PROTOCOL_MAGIC, LINXD_OP_REGISTER, {0, 0}, 4, 0};
+    std::string Datagram = std::string((const char *)&Req, sizeof Req) + "gone";
+    send(Fd, Datagram.data(), Datagram.size(), MSG_NOSIGNAL);
+    close(Fd);
+
+    // A client killed while it holds hunts and attaches: its attaches fire.
+    const LINX_SPID Me = linx_get_spid(pLinx);
+    const pid_t Child = StartChild([Me] {
+        LINX *p = linx_open("doomed", 0, nullptr);
+        linx_hunt(p, "nobody-ever", nullptr);
+        linx_attach(p, nullptr, Me);
+        linx_request_tmo(p, 100000, nullptr);
+        union LINX_SIGNAL *pSig = NewSignal(p, 0x44, 0);
+        linx_send(p, &pSig, Me);
+        pause();
+        return 0;
+    });
+    LINX_SPID Doomed = 0;
+    ASSERT_EQ(0x44u, ReceiveOne(pLinx, 5000, nullptr, &Doomed));
+    ASSERT_NE(0u, linx_attach(pLinx, nullptr, Doomed));
+    kill(Child, SIGKILL);
+    WaitChild(Child);
+    EXPECT_EQ(252u, ReceiveOne(pLinx, 5000));
+    char *pName = nullptr;
+    EXPECT_EQ(-1, linx_get_name(pLinx, Doomed, &pName));
+    ExpectServing();
+}
+
+TEST_F(LinxdRobustness, MalformedSignalsInAQueueAreDropped)
+{
+    const int Fd = RawConnect(TestInstance());
+    ASSERT_EQ(0, RawRequest(Fd, LINXD_OP_REGISTER, 0, "forger").Header.result);
+    const LINX_SPID Target = linx_get_spid(pLinx);
+    RawReply Inlet = RawRequest(Fd, LINXD_OP_GET_INLET, Target);
+    ASSERT_GE(Inlet.Fd, 0);
+    auto Write = [&](const void *p, size_t n) { send(Inlet.Fd, p, n, MSG_NOSIGNAL); };
+    Write("ab", 2);
+    Write("", 0);
+    linxd_signal_header Header = {1, Target, 100, 0}; // claims more than it carries
+    std::string Lying = std::string((const char *)&Header, sizeof Header) + "abcd";
+    Write(Lying.data(), Lying.size());
+    Header = {1, Target + 1, 4, 0}; // addressed to somebody else
+    std::string Misdirected = std::string((const char *)&Header, sizeof Header) + "abcd";
+    Write(Misdirected.data(), Misdirected.size());
+    Header = {1, Target, 8, 0};
+    const uint32_t Good[2] = {0x55, 0x66};
+    std::string Valid = std::string((const char *)&Header, sizeof Header) + std::string((const char *)Good, 8);
+    Write(Valid.data(), Valid.size());
+
+    uint32_t Value = 0;
+    EXPECT_EQ(0x55u, ReceiveOne(pLinx, 2000, &Value));
+    EXPECT_EQ(0x66u, Value);
+    EXPECT_EQ(0u, ReceiveOne(pLinx, 0));
+    close(Inlet.Fd);
+    close(Fd);
+    ExpectServing();
+}
+
+TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
+{
+    const std::vector<pid_t> Linxd = FindLinxd(TestInstance());
+    ASSERT_EQ(1u, Linxd.size());
+    const pid_t Waiter = StartChild([] {
+        LINX *p = linx_open("waiter", 0, nullptr);
+        union LINX_SIGNAL *pSig = nullptr;
+        // Blocks without limit until linxd goes away.
+        const int Result = linx_receive(p, &pSig, nullptr);
+        return Result == -1 && errno == ENOTCONN && pSig == nullptr ? 0 : 1;
+    });
+    ASSERT_NE(0u, HuntAndWait(pLinx, "waiter", 5000));
+    kill(Linxd[0], SIGKILL);
+    EXPECT_EQ(0, WaitChild(Waiter));
+    errno = 0;
+    EXPECT_EQ(-1, linx_hunt(pLinx, "anyone", nullptr));
+    EXPECT_EQ(ENOTCONN, errno);
+    EXPECT_EQ(0u, linx_attach(pLinx, nullptr, 1));
+    union LINX_SIGNAL *pSig = nullptr;
+    EXPECT_EQ(-1, linx_receive_w_tmo(pLinx, &pSig, 1000, nullptr));
+    linx_close(pLinx);
+    // The next client starts a new linxd.
+    pLinx = linx_open("robust", 0, nullptr);
+    ASSERT_NE(nullptr, pLinx);
+    ExpectServing();
+}
+
+std::string LinxdBesideLibrary()
+{
+    Dl_info Info;
+    dladdr((void *)&linx_open, &Info);
+    std::string Path = Info.dli_fname;
+    return Path.substr(0, Path.rfind('/') + 1) + "linxd";
+}
+
+// Starts a foreground linxd reporting Version for a fresh instance.
+pid_t StartLinxdReporting(const std::string &Instance, const char *pVersion)
+{
+    const std::string Path = LinxdBesideLibrary();
+    const pid_t Pid = StartChild([&] {
+        execl(Path.c_str(), "linxd", "--foreground", "--instance", Instance.c_str(),
+              "--idle-exit", "20", "--module-version", pVersion, (char *)nullptr);
+        return 127;
+    });
+    close(RawConnect(Instance)); // wait until it listens
+    return Pid;
+}
+
+TEST(LinxVersion, OnlyMajorVersionTwoIsAccepted)
+{
+    const std::string Three = TestInstance() + "-v3";
+    const pid_t Linxd3 = StartLinxdReporting(Three, "3.0.0");
+    setenv("LINXD_INSTANCE", Three.c_str(), 1);
+    char Text[32];
+    EXPECT_EQ(0x03000000, linx_get_version(Text));
+    EXPECT_STREQ("3.0.0", Text);
+    testing::internal::CaptureStderr();
+    errno = 0;
+    EXPECT_EQ(nullptr, linx_open("v3", 0, nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ("LINX module version mismatch\n", testing::internal::GetCapturedStderr());
+
+    const std::string Two = TestInstance() + "-v2";
+    const pid_t Linxd2 = StartLinxdReporting(Two, "2.9.7");
+    setenv("LINXD_INSTANCE", Two.c_str(), 1);
+    LINX *pLinx = linx_open("v2", 0, nullptr);
+    EXPECT_NE(nullptr, pLinx);
+    EXPECT_EQ(0x02000907, linx_get_version(Text));
+    EXPECT_STREQ("2.9.7", Text);
+    linx_close(pLinx);
+
+    setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
+    kill(Linxd3, SIGTERM);
+    kill(Linxd2, SIGTERM);
+    WaitChild(Linxd3);
+    WaitChild(Linxd2);
+}
+
+} // namespace
