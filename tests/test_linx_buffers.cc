@@ -5,6 +5,8 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/time.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -159,6 +161,32 @@ TEST_F(LinxBuffers, PollingAnEmptyQueueTimesOutAtOnce)
     EXPECT_EQ(0, linx_receive_w_tmo(pB, &pSig, 50, nullptr));
     clock_gettime(CLOCK_MONOTONIC, &End);
     EXPECT_GE((End.tv_sec - Start.tv_sec) * 1000 + (End.tv_nsec - Start.tv_nsec) / 1000000, 49);
+}
+
+void NoteAlarm(int) {}
+
+TEST_F(LinxBuffers, InterruptedReceiveCarriesOn)
+{
+    struct sigaction Action = {};
+    Action.sa_handler = NoteAlarm; // no SA_RESTART: the wait ends with EINTR
+    sigaction(SIGALRM, &Action, nullptr);
+    const LINX_SPID To = linx_get_spid(pB);
+    const pid_t Child = StartChild([To] {
+        LINX *pLinx = linx_open("late-sender", 0, nullptr);
+        usleep(300000);
+        union LINX_SIGNAL *pSig = NewSignal(pLinx, 0x99, 1);
+        return linx_send(pLinx, &pSig, To) == 0 ? 0 : 1;
+    });
+    struct itimerval Every50ms = {{0, 50000}, {0, 50000}};
+    setitimer(ITIMER_REAL, &Every50ms, nullptr);
+    union LINX_SIGNAL *pSig = nullptr;
+    const int Result = linx_receive(pB, &pSig, nullptr);
+    struct itimerval Off = {};
+    setitimer(ITIMER_REAL, &Off, nullptr);
+    ASSERT_EQ(8, Result);
+    EXPECT_EQ(0x99u, SigNoOf(pSig));
+    linx_free_buf(pB, &pSig);
+    EXPECT_EQ(0, WaitChild(Child));
 }
 
 TEST_F(LinxBuffers, DescriptorIsReadableWhileASignalWaits)

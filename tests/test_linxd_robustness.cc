@@ -229,6 +229,40 @@ pid_t StartLinxdReporting(const std::string &Instance, const char *pVersion)
     return Pid;
 }
 
+TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
+{
+    const std::string Instance = TestInstance() + "-idle";
+    const std::string Path = LinxdBesideLibrary();
+    const pid_t Linxd = StartChild([&] {
+        execl(Path.c_str(), "linxd", "--foreground", "--instance", Instance.c_str(), "--idle-exit",
+              "1", (char *)nullptr);
+        return 127;
+    });
+    const int Fd = RawConnect(Instance);
+    ASSERT_GE(Fd, 0);
+    if (geteuid() == 0) {
+        // Another user reaches the same address and is turned away.
+        struct sockaddr_un Addr;
+        const socklen_t Len = linxd_address(Instance.c_str(), &Addr);
+        const pid_t Stranger = StartChild([&] {
+            if (setuid(65534) != 0)
+                return 2;
+            const int Other = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+            if (connect(Other, (struct sockaddr *)&Addr, Len) != 0)
+                return 0;
+            linxd_request Req = {LINXD_PROTOCOL_MAGIC, LINXD_OP_VERSION, {0, 0}, 0, 0};
+            send(Other, &Req, sizeof Req, MSG_NOSIGNAL);
+            char Reply[64];
+            return recv(Other, Reply, sizeof Reply, 0) <= 0 ? 0 : 1;
+        });
+        EXPECT_EQ(0, WaitChild(Stranger));
+    }
+    EXPECT_EQ(0, RawRequest(Fd, LINXD_OP_VERSION, 0).Header.result);
+    close(Fd);
+    // No client left: it exits by itself after a second.
+    EXPECT_EQ(0, WaitChild(Linxd));
+}
+
 TEST(LinxVersion, OnlyMajorVersionTwoIsAccepted)
 {
     const std::string Three = TestInstance() + "-v3";
