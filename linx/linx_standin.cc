@@ -164,6 +164,12 @@ void jCountQueued(linxd_slot *pSlot, int64_t Delta)
     __atomic_add_fetch(&pSlot->queued, Delta, __ATOMIC_RELAXED);
 }
 
+void jCountSent(linxd_slot *pSlot, uint32_t Bytes)
+{
+    jCount(&pSlot->sent_signals, 1);
+    jCount(&pSlot->sent_bytes, Bytes);
+}
+
 // ---- Starting and reaching linxd ----------------------------------------
 
 const char *jInstance()
@@ -527,8 +533,7 @@ int jSendLocal(StandinSocket &From, StandinSocket &To, const struct linx_transfe
         errno = Error;
         return -1;
     }
-    jCount(&From.pSlots[From.Slot].sent_signals, 1);
-    jCount(&From.pSlots[From.Slot].sent_bytes, pRec->size);
+    jCountSent(&From.pSlots[From.Slot], pRec->size);
     return 1;
 }
 
@@ -559,8 +564,7 @@ int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
         }
         return -1;
     }
-    jCount(&S.pSlots[S.Slot].sent_signals, 1);
-    jCount(&S.pSlots[S.Slot].sent_bytes, pRec->size);
+    jCountSent(&S.pSlots[S.Slot], pRec->size);
     return 0;
 }
 
