@@ -89,6 +89,89 @@ typedef char MSG_HeaderIs56Bytes[(sizeof(MSG_Msg) == MSG_HEADER_BYTES) ? 1 : -1]
 MSG_API MSG_Status MSG_SetExtraFlags(MSG_Msg *pMsg, uint32_t Flags);
 MSG_API uint32_t MSG_GetExtraFlags(const MSG_Msg *pMsg);
 
+/* Header accessors.  None takes a lock: a message is used by one thread at
+ * a time.  A null message reads as 0 (or null, or -301 for the payload
+ * size) and is refused with 301 by the setters. */
+MSG_API MSG_Type MSG_GetType(const MSG_Msg *pMsg);
+MSG_API MSG_Status MSG_SetType(MSG_Msg *pMsg, MSG_Type Type);
+MSG_API uint32_t MSG_GetSequence(const MSG_Msg *pMsg);
+MSG_API MSG_Status MSG_SetSequence(MSG_Msg *pMsg, uint32_t Sequence);
+MSG_API const void *MSG_GetPayload(const MSG_Msg *pMsg);
+MSG_API void *MSG_GetPayloadMutable(MSG_Msg *pMsg);
+MSG_API int32_t MSG_GetPayloadBytes(const MSG_Msg *pMsg);
+/* 0 to 8; a null message or a larger size aborts. */
+MSG_API uint32_t MSG_GetSendStackSize(const MSG_Msg *pMsg);
+MSG_API uint32_t MSG_GetSender(const MSG_Msg *pMsg);     /* most recent, 0 if none */
+MSG_API uint32_t MSG_GetOrigSender(const MSG_Msg *pMsg); /* first, 0 if none */
+/* The owning public endpoint's name, cut to NameBytes (at most 128).
+ * 104 for a message of a private endpoint, 307 for an unknown owner. */
+MSG_API MSG_Status MSG_GetOwnerName(const MSG_Msg *pMsg, char *pName, uint32_t NameBytes);
+
+/* ---- Local endpoints ----------------------------------------------------
+ * A public endpoint is opened under the program's name and served by a
+ * receive loop.  Every thread also gets a private endpoint, opened on
+ * demand, that owns the messages it allocates; it closes when the thread
+ * ends. */
+typedef struct LocalEndpoint LocalEndpoint;
+struct LinxHandle;
+
+/* Opens a public endpoint, or with a null name the caller's private one.
+ * 303 when the name (or the caller's private endpoint) is already open,
+ * 202 when LINX refuses. */
+MSG_API MSG_Status MSG_OpenLocal(const char *pEndpointName);
+/* Closes a public endpoint by name, or with a null name the caller's
+ * private one.  302 when there is none; a private endpoint of another
+ * thread is refused with 301. */
+MSG_API MSG_Status MSG_CloseLocal(const char *pEndpointName);
+/* 1 if open, 0 if not, 301 for a null name. */
+MSG_API uint32_t MSG_IsLocalOpen(const char *pEndpointName);
+
+MSG_API void MSG_Init(void);
+MSG_API LocalEndpoint *MSG_GetMyEndpoint(void);
+MSG_API MSG_Status MSG_AddLocalEndpoint(const char *pEndpointName, struct LinxHandle *pLinx,
+                                        uint32_t Spid, uint32_t bPublic,
+                                        LocalEndpoint **ppLocalEndpoint);
+MSG_API MSG_Status MSG_DeleteLocalEndpoint(LocalEndpoint *pLocalEndpoint);
+MSG_API LocalEndpoint *MSG_GetLocalEndpoint(const char *pName);
+typedef int32_t (*MSG_ForAllCallback)(void *pContext, LocalEndpoint *pLocalEndpoint);
+/* Visits every endpoint under the registry lock: the callback must not
+ * open, close or look up endpoints.  Returns the last non-zero code. */
+MSG_API int32_t MSG_ForAllLocalEndpoints(MSG_ForAllCallback pCallback, void *pContext);
+MSG_API uint32_t MSG_IsLocalEndpointValid(const LocalEndpoint *pLocalEndpoint);
+MSG_API int MSG_GetLocalFileDesc(const char *pName);
+MSG_API MSG_Status MSG_GetEndpointPidName(const char *pName, uint32_t Spid, uint32_t *pPid,
+                                          char *pNameBuf, uint32_t NameLen);
+/* Signals waiting for the endpoint Spid (0: the named endpoint itself). */
+MSG_API int32_t MSG_GetNumMsgsPending(const char *pName, uint32_t Spid);
+
+/* ---- Messages ------------------------------------------------------------
+ * Allocation uses the calling thread's private endpoint.  A message of a
+ * public endpoint is released lazily: freed by the next receive on that
+ * endpoint, or when it closes. */
+MSG_API MSG_Msg *MSG_AllocMsg(MSG_Type MsgType, uint32_t Seq, int32_t PayloadBytes);
+MSG_API MSG_Msg *MSG_AllocMsg_Internal(MSG_Type MsgType, uint32_t Seq, int32_t PayloadBytes);
+MSG_API MSG_Msg *MSG_AllocMsgCopyHdr(const MSG_Msg *pOrig, MSG_Type MsgType, int32_t PayloadBytes);
+MSG_API MSG_Status MSG_CloneMsg(const MSG_Msg *pOriginal, MSG_Msg **pClone);
+MSG_API MSG_Status MSG_ReleaseMsg(MSG_Msg *pMsg);
+MSG_API MSG_Status MSG_AllocMsg_Private(LocalEndpoint *pMyEndpoint, MSG_Type MsgType,
+                                        int32_t MsgBytes, MSG_Msg **pMsgUser);
+MSG_API MSG_Status MSG_Clone_Private(LocalEndpoint *pMyEndpoint, const MSG_Msg *pOriginal,
+                                     MSG_Msg **pClone);
+MSG_API MSG_Status MSG_ReleaseMsg_Private(LocalEndpoint *pMyEndpoint, MSG_Msg **pMsg);
+MSG_API MSG_Status MSG_ReleasePendingMsgs_NeedsLock(LocalEndpoint *pEndpoint);
+MSG_API void MSG_InitMsgInstrument(void);
+
+/* ---- Outstanding-message tracker -----------------------------------------
+ * Created when MSG_DEBUG_TRACKER is set at an allocation, release or open;
+ * reports double allocations and releases and many held buffers. */
+typedef struct MSG_Hash MSG_Hash;
+MSG_API extern MSG_Hash *gpHash;
+MSG_API MSG_Hash *MSG_CreateHash(uint32_t Size, uint32_t StepSize, uint32_t MaxSteps,
+                                 uint32_t Interval);
+MSG_API MSG_Status MSG_DestroyHash(MSG_Hash *apHash);
+MSG_API MSG_Status MSG_AddHashEntry(MSG_Hash *apHash, const MSG_Msg *pMsg, uint32_t bAlloc);
+MSG_API MSG_Status MSG_RemoveHashEntry(MSG_Hash *apHash, const MSG_Msg *pMsg);
+
 /* ---- Callback descriptor ----------------------------------------------- */
 
 typedef uint32_t (*MSG_CallbackFunc)(void *pContext, MSG_Msg *pMsg);
@@ -100,6 +183,24 @@ typedef struct MSG_Callback {
     uint32_t MsgTypeMax;      /* highest type of the range, inclusive */
     uint32_t bOneShot;        /* 1: removed after its first dispatch */
 } MSG_Callback;
+
+/* Callbacks for ranges of message types on a local endpoint.  A range
+ * starting above MSG_TYPE_USER_MAX is internal (open/close and notification
+ * messages, run by the receive loop); others are user callbacks, run by
+ * MSG_ProcessCallback.  Matching callbacks run oldest first, with no
+ * library lock held. */
+MSG_API MSG_Status MSG_RegisterCallback(const char *pName, const MSG_Callback *pCallback);
+MSG_API MSG_Status MSG_RegisterCallbackHelper(const char *pName, MSG_CallbackFunc pFunc,
+                                              void *pContext, uint32_t MsgTypeMin,
+                                              uint32_t MsgTypeMax, uint32_t bOneShot);
+MSG_API MSG_Status MSG_UnregisterCallback(const char *pName, const MSG_Callback *pCallback);
+MSG_API MSG_Status MSG_UnregisterCallbackHelper(const char *pName, MSG_CallbackFunc pFunc,
+                                                void *pContext, uint32_t MsgTypeMin,
+                                                uint32_t MsgTypeMax, uint32_t bOneShot);
+MSG_API MSG_Status MSG_ProcessCallback(const char *pName, MSG_Msg *pMsg);
+MSG_API MSG_Status MSG_ProcessCallback_Private(LocalEndpoint *pEndpoint, MSG_Msg *pMsg,
+                                               uint32_t bInternal);
+MSG_API MSG_Status MSG_PurgeOpenCloseCallbacks(LocalEndpoint *pLocalEndpoint, MSG_Type MsgOpen);
 
 /* ---- Debug flag word ---------------------------------------------------
  * Process-wide, 0 at load, read and written without a lock. */

@@ -1,11 +1,20 @@
 /*
- * msg_local_endpoint.h - the record of one open local endpoint.
+ * msg_local_endpoint.h - the registry of the process's local endpoints and
+ * each thread's current endpoint.
  *
  * A local endpoint is one LINX socket the process opened under a name.
  * Public endpoints (Owner 0) are served by a receive loop; a private one
- * belongs to the thread that opened it.  The record is one MSG_Malloc block
- * with the name inline after the fixed fields.  Each list has its own
- * mutex; LinxMutex is held around every call on pLinx.
+ * belongs to the thread that opened it and is that thread's current
+ * endpoint.  Records sit in one doubly linked registry, newest first.
+ *
+ * Messages name their owner by a 32-bit token (the header crosses process
+ * boundaries and is 56 bytes on every ABI), which the registry maps back to
+ * the record; a token from another process or of a closed endpoint maps to
+ * nothing.
+ *
+ * Locks: gRegistryMutex guards the registry links and tokens; each record
+ * has LinxMutex (every call on pLinx) and one mutex per list.  Order: the
+ * registry, RemoteMutex, LinxMutex, PendFreeMutex, the tracker's mutex.
  */
 #ifndef MSG_LOCAL_ENDPOINT_H
 #define MSG_LOCAL_ENDPOINT_H
@@ -13,25 +22,34 @@
 #include <pthread.h>
 #include <stdint.h>
 
-struct LinxHandle;
+#include "linx.h"
+#include "orvane.h"
 
-typedef struct LocalEndpoint {
+struct PendFreeEntry;
+struct CallbackEntry;
+
+struct LocalEndpoint {
     struct LocalEndpoint *pPrev;   // registry neighbours, newest first
     struct LocalEndpoint *pNext;
     pthread_mutex_t LinxMutex;
-    struct LinxHandle *pLinx;
+    LINX *pLinx;
     uint32_t Spid;
     uint32_t bTelemetry;           // 0 for the telemetry endpoints themselves
     pthread_mutex_t PendFreeMutex;
-    void *pPendFreeHead;           // deferred releases
+    struct PendFreeEntry *pPendFreeHead; // deferred releases
     pthread_mutex_t RemoteMutex;
     void *pRemoteHead;             // remote endpoint table
     pthread_mutex_t CallbackMutex;
-    void *pCallbackHead;           // registered callbacks
+    struct CallbackEntry *pCallbackHead;
     pthread_mutex_t NtfyMutex;
     void *pNtfyHead;               // notifications registered by peers
     pthread_t Owner;               // owning thread of a private endpoint, 0 if public
+    uint32_t Token;                // what messages carry in pOwner
     char Name[];                   // NUL-terminated, inline
-} LocalEndpoint;
+};
+
+// The endpoint a message's owner token names, or null when no open
+// endpoint of this process carries it.
+LocalEndpoint *jEndpointOfToken(uint32_t Token);
 
 #endif /* MSG_LOCAL_ENDPOINT_H */

@@ -17,6 +17,7 @@
 
 #include "orvane.h"
 
+#include <stdlib.h>
 #include <syslog.h>
 
 #define MSG_LOG_PREFIX "$progname: $halvo: liborvane: "

@@ -1,0 +1,141 @@
+// Callback dispatch: order, one-shot entries, internal and user kinds,
+// unregistration by all five fields, purging a remote's open/close pair.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "linx_test_util.h"
+#include "orvane.h"
+
+namespace {
+
+std::string gCalls;
+
+uint32_t Record(void *pContext, MSG_Msg *)
+{
+    gCalls += (const char *)pContext;
+    return 0;
+}
+
+class Callbacks : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        gCalls.clear();
+        ASSERT_EQ(0u, MSG_OpenLocal("E"));
+        pEndpoint = MSG_GetLocalEndpoint("E");
+        pMsg = MSG_AllocMsg(7, 0, 0);
+    }
+    void TearDown() override
+    {
+        MSG_ReleaseMsg(pMsg);
+        MSG_CloseLocal("E");
+        MSG_CloseLocal(nullptr);
+    }
+    MSG_Status Dispatch(MSG_Type Type, uint32_t bInternal = 0)
+    {
+        pMsg->MsgType = Type;
+        return bInternal ? MSG_ProcessCallback_Private(pEndpoint, pMsg, 1) : MSG_ProcessCallback("E", pMsg);
+    }
+    LocalEndpoint *pEndpoint = nullptr;
+    MSG_Msg *pMsg = nullptr;
+};
+
+TEST_F(Callbacks, MatchingCallbacksRunOldestFirst)
+{
+    MSG_RegisterCallbackHelper("E", Record, (void *)"A", 5, 9, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"B", 5, 9, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"C", 8, 9, 0);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("AB", gCalls);
+    EXPECT_EQ(304u, Dispatch(10));
+}
+
+TEST_F(Callbacks, OneShotRunsOnce)
+{
+    MSG_RegisterCallbackHelper("E", Record, (void *)"X", 7, 7, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"Y", 7, 7, 1);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"Z", 7, 7, 0);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("XYZ", gCalls);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("XYZXZ", gCalls);
+
+    MSG_UnregisterCallbackHelper("E", Record, (void *)"X", 7, 7, 0);
+    MSG_UnregisterCallbackHelper("E", Record, (void *)"Z", 7, 7, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"O", 7, 7, 1);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ(304u, Dispatch(7));
+}
+
+TEST_F(Callbacks, InternalAndUserCallbacksNeverMix)
+{
+    MSG_RegisterCallbackHelper("E", Record, (void *)"U", 0, 0xFFFFFFFF, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"I", 0x10000002, 0x10000003, 0);
+    EXPECT_EQ(0u, Dispatch(0x10000002, 1));
+    EXPECT_EQ("I", gCalls);
+    EXPECT_EQ(0u, Dispatch(0x10000002)); // user dispatch of an internal type: nothing, no error
+    EXPECT_EQ("IU", gCalls) << "the all-types user callback is a user callback";
+    EXPECT_EQ(0u, Dispatch(0x10000010, 1)) << "an internal message matching nothing is fine";
+}
+
+TEST_F(Callbacks, UnregisterMatchesAllFiveFieldsOneAtATime)
+{
+    MSG_RegisterCallbackHelper("E", Record, (void *)"D", 1, 9, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"D", 1, 9, 0);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("DD", gCalls);
+    EXPECT_EQ(304u, MSG_UnregisterCallbackHelper("E", Record, (void *)"D", 1, 9, 1));
+    EXPECT_EQ(304u, MSG_UnregisterCallbackHelper("E", Record, (void *)"d", 1, 9, 0));
+    EXPECT_EQ(304u, MSG_UnregisterCallbackHelper("E", Record, (void *)"D", 1, 8, 0));
+    EXPECT_EQ(0u, MSG_UnregisterCallbackHelper("E", Record, (void *)"D", 1, 9, 0));
+    gCalls.clear();
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("D", gCalls);
+}
+
+TEST_F(Callbacks, BadRegistrationsAreRefused)
+{
+    EXPECT_EQ(301u, MSG_RegisterCallbackHelper("E", Record, nullptr, 9, 5, 0));
+    EXPECT_EQ(301u, MSG_RegisterCallbackHelper("E", Record, nullptr, 5, 9, 2));
+    EXPECT_EQ(301u, MSG_RegisterCallbackHelper("E", nullptr, nullptr, 5, 9, 0));
+    EXPECT_EQ(301u, MSG_RegisterCallback(nullptr, nullptr));
+    EXPECT_EQ(104u, MSG_RegisterCallbackHelper("nosuch", Record, nullptr, 5, 9, 0));
+    EXPECT_EQ(104u, MSG_UnregisterCallbackHelper("nosuch", Record, nullptr, 5, 9, 0));
+    EXPECT_EQ(301u, MSG_UnregisterCallback("E", nullptr));
+    EXPECT_EQ(302u, MSG_ProcessCallback("nosuch", pMsg));
+    EXPECT_EQ(301u, MSG_ProcessCallback("E", nullptr));
+}
+
+TEST_F(Callbacks, PurgeRemovesExactlyTheOpenAndCloseEntries)
+{
+    MSG_RegisterCallbackHelper("E", Record, (void *)"o", 0x10000004, 0x10000004, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"c", 0x10000005, 0x10000005, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"b", 0x10000004, 0x10000005, 0);
+    EXPECT_EQ(0u, MSG_PurgeOpenCloseCallbacks(pEndpoint, 0x10000004));
+    Dispatch(0x10000004, 1);
+    Dispatch(0x10000005, 1);
+    EXPECT_EQ("bb", gCalls);
+}
+
+uint32_t Reentrant(void *pContext, MSG_Msg *pMsg)
+{
+    // A callback may change the list while it runs: no lock is held.
+    gCalls += "R";
+    MSG_UnregisterCallbackHelper("E", Reentrant, pContext, 7, 7, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"N", 7, 7, 1);
+    (void)pMsg;
+    return 0;
+}
+
+TEST_F(Callbacks, CallbacksMayChangeTheListWhileTheyRun)
+{
+    MSG_RegisterCallbackHelper("E", Reentrant, nullptr, 7, 7, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"S", 7, 7, 0);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("RS", gCalls);
+    EXPECT_EQ(0u, Dispatch(7));
+    EXPECT_EQ("RSSN", gCalls);
+}
+
+} // namespace

@@ -1,0 +1,198 @@
+// Local endpoints: opening and closing, the registry and its lookups, the
+// thread's private endpoint and its end with the thread, and the queries
+// on an endpoint's socket.
+#include <gtest/gtest.h>
+
+#include <string.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "linx_test_util.h"
+#include "log_capture.h"
+#include "orvane.h"
+
+extern "C" MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivateEndpoint,
+                                        LocalEndpoint **pPublicEndpoint);
+
+namespace {
+
+int32_t CountOne(void *pCount, LocalEndpoint *)
+{
+    ++*(int32_t *)pCount;
+    return 0;
+}
+
+int32_t CountEndpoints()
+{
+    int32_t Count = 0;
+    MSG_ForAllLocalEndpoints(CountOne, &Count);
+    return Count;
+}
+
+class Endpoints : public testing::Test {
+protected:
+    void SetUp() override { TakeLoggedLines(); }
+    void TearDown() override { MSG_CloseLocal(nullptr); }
+};
+
+TEST_F(Endpoints, OpeningANameTwiceIsAConflict)
+{
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
+    ASSERT_EQ(0u, MSG_OpenLocal("radio"));
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint()) << "a public endpoint is nobody's current endpoint";
+    EXPECT_EQ(1u, MSG_IsLocalOpen("radio"));
+    TakeLoggedLines();
+    EXPECT_EQ(303u, MSG_OpenLocal("radio"));
+    std::vector<LoggedLine> Lines = TakeLoggedLines();
+    ASSERT_EQ(1u, Lines.size());
+    EXPECT_NE(std::string::npos, Lines[0].Text.find("MSG_OpenLocal: result 303/endpoint name conflict: "
+                                                    "local ep \"radio\", bPublic=1, Linx handle (nil), SPID 0x0\n"));
+    EXPECT_EQ(1, CountEndpoints());
+    EXPECT_EQ(0u, MSG_CloseLocal("radio"));
+    EXPECT_EQ(0u, MSG_IsLocalOpen("radio"));
+    EXPECT_EQ(302u, MSG_CloseLocal("radio"));
+    EXPECT_EQ(301u, MSG_IsLocalOpen(nullptr));
+}
+
+TEST_F(Endpoints, PrivateEndpointIsPerThreadAndReopensUnderItsName)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal(nullptr));
+    LocalEndpoint *pMine = MSG_GetMyEndpoint();
+    ASSERT_NE(nullptr, pMine);
+    EXPECT_EQ(303u, MSG_OpenLocal(nullptr));
+    EXPECT_EQ(pMine, MSG_GetMyEndpoint());
+
+    char Expected[64];
+    snprintf(Expected, sizeof Expected, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
+    EXPECT_EQ(1u, MSG_IsLocalOpen(Expected));
+
+    std::string OtherName;
+    std::thread Other([&] {
+        MSG_OpenLocal(nullptr);
+        snprintf((char *)OtherName.assign(64, '\0').data(), 64, "_%lx_%d_0", (unsigned long)pthread_self(),
+                 (int)getpid());
+        EXPECT_NE(pMine, MSG_GetMyEndpoint());
+    });
+    Other.join();
+    EXPECT_EQ(0u, MSG_IsLocalOpen(OtherName.c_str())) << "closed when its thread ended";
+
+    EXPECT_EQ(0u, MSG_CloseLocal(nullptr));
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
+    EXPECT_EQ(302u, MSG_CloseLocal(nullptr));
+    MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
+    ASSERT_NE(nullptr, pMsg);
+    EXPECT_EQ(1u, MSG_IsLocalOpen(Expected)) << "reopened under the same name";
+    MSG_ReleaseMsg(pMsg);
+}
+
+TEST_F(Endpoints, AnotherThreadsPrivateEndpointCannotBeClosed)
+{
+    std::string Name(64, '\0');
+    bool bClosed = false;
+    std::mutex M;
+    std::condition_variable Cv;
+    std::thread Owner([&] {
+        MSG_OpenLocal(nullptr);
+        snprintf((char *)Name.data(), 64, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
+        std::unique_lock<std::mutex> Lock(M);
+        Cv.notify_all();
+        Cv.wait(Lock, [&] { return bClosed; });
+        EXPECT_NE(nullptr, MSG_GetMyEndpoint());
+    });
+    {
+        std::unique_lock<std::mutex> Lock(M);
+        Cv.wait(Lock, [&] { return Name[0] != '\0'; });
+    }
+    EXPECT_EQ(301u, MSG_CloseLocal(Name.c_str()));
+    EXPECT_EQ(1u, MSG_IsLocalOpen(Name.c_str()));
+    {
+        std::lock_guard<std::mutex> Lock(M);
+        bClosed = true;
+    }
+    Cv.notify_all();
+    Owner.join();
+}
+
+TEST_F(Endpoints, RegistryFindsTheNewestAndVisitsAll)
+{
+    LINX *pA = linx_open("twin", 0, nullptr);
+    LINX *pB = linx_open("twin", 0, nullptr);
+    LocalEndpoint *pFirst = nullptr, *pSecond = nullptr;
+    ASSERT_EQ(0u, MSG_AddLocalEndpoint("twin", pA, linx_get_spid(pA), 1, &pFirst));
+    ASSERT_EQ(0u, MSG_AddLocalEndpoint("twin", pB, linx_get_spid(pB), 1, &pSecond));
+    EXPECT_EQ(pSecond, MSG_GetLocalEndpoint("twin"));
+    EXPECT_EQ(1u, MSG_IsLocalEndpointValid(pFirst));
+
+    static const int32_t Codes[] = {5, 0, 7, 0};
+    ASSERT_EQ(0u, MSG_OpenLocal("c"));
+    ASSERT_EQ(0u, MSG_OpenLocal("d"));
+    int Visit = 0;
+    EXPECT_EQ(7, MSG_ForAllLocalEndpoints([](void *p, LocalEndpoint *) { return Codes[(*(int *)p)++ % 4]; }, &Visit));
+    EXPECT_EQ(4, Visit);
+
+    EXPECT_EQ(0u, MSG_DeleteLocalEndpoint(pSecond));
+    EXPECT_EQ(pFirst, MSG_GetLocalEndpoint("twin"));
+    TakeLoggedLines();
+    EXPECT_EQ(302u, MSG_DeleteLocalEndpoint(pSecond));
+    EXPECT_TRUE(TakeLoggedLines().empty());
+    EXPECT_EQ(0u, MSG_IsLocalEndpointValid(pSecond));
+    MSG_DeleteLocalEndpoint(pFirst);
+    MSG_CloseLocal("c");
+    MSG_CloseLocal("d");
+    EXPECT_EQ(0, CountEndpoints());
+    EXPECT_EQ(0, MSG_ForAllLocalEndpoints([](void *, LocalEndpoint *) { return 9; }, nullptr));
+}
+
+TEST_F(Endpoints, OpenLocalDualPairsThePublicWithTheCallersPrivate)
+{
+    LocalEndpoint *pPrivate = nullptr, *pPublic = nullptr;
+    EXPECT_EQ(302u, MSG_OpenLocalDual("not-open", &pPrivate, &pPublic));
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
+    ASSERT_EQ(0u, MSG_OpenLocal("dual"));
+    EXPECT_EQ(0u, MSG_OpenLocalDual("dual", &pPrivate, &pPublic));
+    EXPECT_EQ(MSG_GetLocalEndpoint("dual"), pPublic);
+    EXPECT_NE(nullptr, pPrivate);
+    EXPECT_EQ(MSG_GetMyEndpoint(), pPrivate);
+    LocalEndpoint *pAgain = nullptr;
+    EXPECT_EQ(0u, MSG_OpenLocalDual("dual", &pAgain, &pPublic));
+    EXPECT_EQ(pPrivate, pAgain);
+    MSG_CloseLocal("dual");
+}
+
+TEST_F(Endpoints, SocketQueries)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("queried"));
+    LINX *pPeer = linx_open("peer-of-queried", 0, nullptr);
+    const uint32_t Own = HuntAndWait(pPeer, "queried", 2000);
+    EXPECT_GE(MSG_GetLocalFileDesc("queried"), 0);
+    EXPECT_EQ(-1, MSG_GetLocalFileDesc("unknown"));
+    EXPECT_EQ(-1, MSG_GetLocalFileDesc(nullptr));
+
+    for (int i = 0; i < 3; i++) {
+        union LINX_SIGNAL *pSig = NewSignal(pPeer, 1, i);
+        linx_send(pPeer, &pSig, Own);
+    }
+    EXPECT_EQ(3, MSG_GetNumMsgsPending("queried", 0));
+    EXPECT_EQ(0, MSG_GetNumMsgsPending("queried", linx_get_spid(pPeer)));
+    EXPECT_EQ(-1, MSG_GetNumMsgsPending("unknown", 0));
+
+    uint32_t Pid = 0;
+    char Name[64];
+    EXPECT_EQ(0u, MSG_GetEndpointPidName("queried", linx_get_spid(pPeer), &Pid, Name, sizeof Name));
+    EXPECT_EQ((uint32_t)getpid(), Pid);
+    EXPECT_STREQ("peer-of-queried", Name);
+    EXPECT_EQ(0u, MSG_GetEndpointPidName("queried", linx_get_spid(pPeer), &Pid, Name, 1));
+    EXPECT_STREQ("", Name);
+    EXPECT_EQ(104u, MSG_GetEndpointPidName("unknown", 1, &Pid, Name, sizeof Name));
+    EXPECT_EQ(301u, MSG_GetEndpointPidName("queried", 0, &Pid, Name, sizeof Name));
+    EXPECT_EQ(203u, MSG_GetEndpointPidName("queried", 0x7FFFFFF0, &Pid, Name, sizeof Name));
+    EXPECT_EQ(0u, Pid);
+    linx_close(pPeer);
+    MSG_CloseLocal("queried");
+}
+
+} // namespace

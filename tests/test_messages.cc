@@ -1,0 +1,222 @@
+// Messages: header accessors, allocation through the thread's private
+// endpoint, cloning, header copies and the two release paths.
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include "linx_test_util.h"
+#include "log_capture.h"
+#include "orvane.h"
+
+namespace {
+
+class Messages : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        MSG_DebugSetFlag(0);
+        TakeLoggedLines();
+    }
+    void TearDown() override
+    {
+        MSG_DebugSetFlag(0);
+        MSG_CloseLocal(nullptr);
+    }
+};
+
+TEST_F(Messages, AllocationFillsTheHeader)
+{
+    MSG_Msg *pMsg = MSG_AllocMsg(0xFFFFFF, 7, 0);
+    ASSERT_NE(nullptr, pMsg);
+    EXPECT_EQ(0xFFFFFFu, MSG_GetType(pMsg));
+    EXPECT_EQ(7u, MSG_GetSequence(pMsg));
+    EXPECT_EQ(0, MSG_GetPayloadBytes(pMsg));
+    EXPECT_EQ(0u, MSG_GetSendStackSize(pMsg));
+    EXPECT_EQ(0u, MSG_GetSender(pMsg));
+    EXPECT_EQ(0u, MSG_GetOrigSender(pMsg));
+    EXPECT_EQ(0u, MSG_GetExtraFlags(pMsg));
+    EXPECT_EQ(MAGIC_NUM_MSG_ALLOC, pMsg->InUseMagic);
+    for (uint32_t Entry : pMsg->SendStack)
+        EXPECT_EQ(0u, Entry);
+    EXPECT_EQ((const char *)pMsg + 56, MSG_GetPayload(pMsg));
+    EXPECT_EQ(MSG_GetPayload(pMsg), MSG_GetPayloadMutable(pMsg));
+    EXPECT_EQ(0u, MSG_ReleaseMsg(pMsg));
+
+    EXPECT_EQ(nullptr, MSG_AllocMsg(0x1000000, 7, 0));
+    EXPECT_EQ(nullptr, MSG_AllocMsg(5, 7, -1));
+    std::vector<LoggedLine> Lines = TakeLoggedLines();
+    ASSERT_GE(Lines.size(), 2u);
+    EXPECT_NE(std::string::npos,
+              Lines[Lines.size() - 2].Text.find("MSG_AllocMsg: result 301/wrong parameter: msg type 0x1000000, seq 7, size 0\n"));
+}
+
+TEST_F(Messages, NullMessagesReadAsNothing)
+{
+    EXPECT_EQ(0u, MSG_GetType(nullptr));
+    EXPECT_EQ(301u, MSG_SetType(nullptr, 1));
+    EXPECT_EQ(0u, MSG_GetSequence(nullptr));
+    EXPECT_EQ(301u, MSG_SetSequence(nullptr, 1));
+    EXPECT_EQ(nullptr, MSG_GetPayload(nullptr));
+    EXPECT_EQ(-301, MSG_GetPayloadBytes(nullptr));
+    EXPECT_EQ(0u, MSG_GetSender(nullptr));
+    EXPECT_EQ(0u, MSG_GetOrigSender(nullptr));
+    EXPECT_EQ(301u, MSG_ReleaseMsg(nullptr));
+    MSG_Msg *pClone = nullptr;
+    EXPECT_EQ(301u, MSG_CloneMsg(nullptr, &pClone));
+}
+
+TEST_F(Messages, AllocationOpensOnePrivateEndpointPerThread)
+{
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
+    MSG_Msg *pFirst = MSG_AllocMsg(1, 0, 8);
+    LocalEndpoint *pMine = MSG_GetMyEndpoint();
+    ASSERT_NE(nullptr, pMine);
+    MSG_Msg *pSecond = MSG_AllocMsg(1, 0, 8);
+    EXPECT_EQ(pMine, MSG_GetMyEndpoint());
+    char Name[16];
+    EXPECT_EQ(104u, MSG_GetOwnerName(pFirst, Name, sizeof Name)) << "private endpoints keep their names";
+    MSG_ReleaseMsg(pFirst);
+    MSG_ReleaseMsg(pSecond);
+}
+
+TEST_F(Messages, FillFlagMarksEveryPayloadByte)
+{
+    MSG_DebugSetFlag(MSG_DEBUG_FILL_PAYLOAD);
+    MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 300);
+    const unsigned char *p = (const unsigned char *)MSG_GetPayload(pMsg);
+    int NotCC = 0;
+    for (int i = 0; i < 300; i++)
+        NotCC += p[i] != 0xCC;
+    EXPECT_EQ(0, NotCC);
+    MSG_ReleaseMsg(pMsg);
+}
+
+TEST_F(Messages, CloneAndHeaderCopy)
+{
+    MSG_Msg *pOrig = MSG_AllocMsg(0x42, 99, 20);
+    memcpy(MSG_GetPayloadMutable(pOrig), "twenty bytes payload", 20);
+    pOrig->SendStackSize = 3;
+    pOrig->SendStack[0] = 0x10;
+    pOrig->SendStack[1] = 0x20;
+    pOrig->SendStack[2] = 0x30;
+    MSG_SetExtraFlags(pOrig, 0xABC00);
+
+    MSG_Msg *pClone = nullptr;
+    ASSERT_EQ(0u, MSG_CloneMsg(pOrig, &pClone));
+    ASSERT_NE(nullptr, pClone);
+    EXPECT_EQ(pOrig->pOwner, pClone->pOwner); // same thread, same owner
+    EXPECT_EQ(0, memcmp(pOrig, pClone, 56 + 20));
+
+    MSG_Msg *pAnswer = MSG_AllocMsgCopyHdr(pOrig, 0x51, 4);
+    ASSERT_NE(nullptr, pAnswer);
+    EXPECT_EQ(0x51u, MSG_GetType(pAnswer));
+    EXPECT_EQ(4, MSG_GetPayloadBytes(pAnswer));
+    EXPECT_EQ(99u, MSG_GetSequence(pAnswer));
+    EXPECT_EQ(0x30u, MSG_GetSender(pAnswer));
+    EXPECT_EQ(0x10u, MSG_GetOrigSender(pAnswer));
+    EXPECT_EQ(0xABC00u, MSG_GetExtraFlags(pAnswer));
+    EXPECT_EQ(nullptr, MSG_AllocMsgCopyHdr(nullptr, 1, 0));
+    EXPECT_EQ(nullptr, MSG_AllocMsgCopyHdr(pOrig, 0x2000000, 0));
+
+    // A size another process could have written is refused, not trusted.
+    pOrig->PayloadBytes = -3;
+    MSG_Msg *pBad = nullptr;
+    EXPECT_EQ(307u, MSG_CloneMsg(pOrig, &pBad));
+    EXPECT_EQ(nullptr, pBad);
+    pOrig->PayloadBytes = 20;
+    for (MSG_Msg *p : {pOrig, pClone, pAnswer})
+        EXPECT_EQ(0u, MSG_ReleaseMsg(p));
+}
+
+TEST_F(Messages, PublicEndpointReleasesAreDeferredUntilClose)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("public-owner"));
+    LocalEndpoint *pPublic = MSG_GetLocalEndpoint("public-owner");
+    MSG_Msg *pMsg = nullptr;
+    ASSERT_EQ(0u, MSG_AllocMsg_Private(pPublic, 3, 56 + 9, &pMsg));
+    char Name[5];
+    EXPECT_EQ(0u, MSG_GetOwnerName(pMsg, Name, sizeof Name));
+    EXPECT_STREQ("publ", Name);
+
+    EXPECT_EQ(0u, MSG_ReleaseMsg(pMsg));
+    EXPECT_EQ(MAGIC_NUM_MSG_ALLOC, pMsg->InUseMagic) << "still allocated until drained";
+    EXPECT_EQ(307u, MSG_ReleaseMsg(pMsg)) << "a second release is caught";
+    // Only the owner releases: through another endpoint nothing happens.
+    MSG_Msg *pCopy = pMsg;
+    MSG_AllocMsg(1, 0, 0); // opens this thread's private endpoint
+    EXPECT_EQ(301u, MSG_ReleaseMsg_Private(MSG_GetMyEndpoint(), &pCopy));
+    EXPECT_EQ(pMsg, pCopy);
+    EXPECT_EQ(0u, MSG_CloseLocal("public-owner")); // drains (the sanitizer build checks the free)
+}
+
+TEST_F(Messages, ImmediateReleaseClearsThePointer)
+{
+    MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
+    MSG_Msg *pCopy = pMsg;
+    EXPECT_EQ(0u, MSG_ReleaseMsg_Private(MSG_GetMyEndpoint(), &pCopy));
+    EXPECT_EQ(nullptr, pCopy);
+}
+
+TEST_F(Messages, ForeignOrStaleOwnersAreRefused)
+{
+    MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
+    const uint32_t Token = pMsg->pOwner;
+    pMsg->pOwner = 0xDEAD;
+    EXPECT_EQ(307u, MSG_ReleaseMsg(pMsg));
+    char Name[8];
+    EXPECT_EQ(307u, MSG_GetOwnerName(pMsg, Name, sizeof Name));
+    pMsg->pOwner = Token;
+    pMsg->InUseMagic = 0x12345678; // as another process might have written it
+    EXPECT_EQ(307u, MSG_ReleaseMsg(pMsg));
+    pMsg->InUseMagic = MAGIC_NUM_MSG_ALLOC;
+    EXPECT_EQ(301u, MSG_GetOwnerName(pMsg, Name, 0));
+    EXPECT_EQ(0u, MSG_ReleaseMsg(pMsg));
+}
+
+TEST_F(Messages, OwnerNameIsCutAt128Bytes)
+{
+    const std::string Long(200, 'n');
+    ASSERT_EQ(0u, MSG_OpenLocal(Long.c_str()));
+    MSG_Msg *pMsg = nullptr;
+    ASSERT_EQ(0u, MSG_AllocMsg_Private(MSG_GetLocalEndpoint(Long.c_str()), 3, 56, &pMsg));
+    char Name[1000];
+    memset(Name, 'x', sizeof Name);
+    EXPECT_EQ(0u, MSG_GetOwnerName(pMsg, Name, sizeof Name));
+    EXPECT_EQ(std::string(127, 'n'), Name);
+    EXPECT_EQ('x', Name[128]) << "nothing written past 128 bytes";
+    MSG_ReleaseMsg(pMsg);
+    MSG_CloseLocal(Long.c_str());
+}
+
+using MessagesDeathTest = Messages;
+
+TEST_F(MessagesDeathTest, MisuseStopsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EchoLoggedLinesToStderr(true);
+    EXPECT_DEATH(MSG_GetSendStackSize(nullptr), "ASSERTION FAILED: pMsg != NULL");
+    EXPECT_DEATH(
+        {
+            MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
+            pMsg->SendStackSize = 9;
+            MSG_GetSender(pMsg);
+        },
+        "ASSERTION FAILED: Val <= MSG_SEND_STACK_ELEM");
+    EXPECT_DEATH(
+        {
+            MSG_Msg *pMsg = nullptr;
+            MSG_AllocMsg(1, 0, 0);
+            MSG_AllocMsg_Private(MSG_GetMyEndpoint(), 1, 10, &pMsg);
+        },
+        "ASSERTION FAILED: MsgBytes >= MSG_HEADER_BYTES");
+    EXPECT_DEATH(
+        {
+            MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
+            pMsg->InUseMagic = 0;
+            MSG_ReleaseMsg_Private(MSG_GetMyEndpoint(), &pMsg);
+        },
+        "ASSERTION FAILED: \\(\\* pMsg\\)->InUseMagic == MAGIC_NUM_MSG_ALLOC");
+    EchoLoggedLinesToStderr(false);
+}
+
+} // namespace

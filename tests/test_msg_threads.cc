@@ -1,0 +1,77 @@
+// The message layer used from many threads at once: allocation, cloning and
+// release on private endpoints, deferred releases into a public endpoint,
+// registration and dispatch on a shared endpoint, and the tracker created
+// once by racing first allocations.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "linx_test_util.h"
+#include "log_capture.h"
+#include "orvane.h"
+
+namespace {
+
+std::atomic<int> gRuns{0};
+
+uint32_t Count(void *, MSG_Msg *)
+{
+    gRuns++;
+    return 0;
+}
+
+TEST(MsgThreads, ManyThreadsAllocateReleaseRegisterAndDispatch)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("shared"));
+    LocalEndpoint *pShared = MSG_GetLocalEndpoint("shared");
+    MSG_DebugSetFlag(MSG_DEBUG_TRACKER);
+    TakeLoggedLines();
+    constexpr int kThreads = 6;
+    std::vector<std::thread> Threads;
+    std::atomic<int> Failures{0};
+    for (int t = 0; t < kThreads; t++)
+        Threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; i++) {
+                MSG_Msg *pMsg = MSG_AllocMsg(1 + t, i, 32);
+                MSG_Msg *pClone = nullptr;
+                Failures += pMsg == nullptr || MSG_CloneMsg(pMsg, &pClone) != 0;
+                MSG_Msg *pPublic = nullptr;
+                Failures += MSG_AllocMsg_Private(pShared, 2, 64, &pPublic) != 0;
+                MSG_RegisterCallbackHelper("shared", Count, nullptr, 1 + t, 1 + t, i % 2);
+                Failures += MSG_ProcessCallback("shared", pMsg) != 0;
+                MSG_UnregisterCallbackHelper("shared", Count, nullptr, 1 + t, 1 + t, 0);
+                Failures += MSG_ReleaseMsg(pPublic) != 0;
+                Failures += MSG_ReleaseMsg(pClone) != 0;
+                Failures += MSG_ReleaseMsg(pMsg) != 0;
+            }
+        });
+    for (std::thread &T : Threads)
+        T.join();
+    EXPECT_EQ(0, Failures.load());
+    EXPECT_GE(gRuns.load(), kThreads * 200);
+    EXPECT_NE(nullptr, gpHash);
+    MSG_DebugSetFlag(0);
+    EXPECT_EQ(0u, MSG_CloseLocal("shared")); // drains 1200 deferred releases
+}
+
+TEST(MsgThreads, RacingFirstAllocationsCreateOneTracker)
+{
+    if (gpHash != nullptr)
+        GTEST_SKIP() << "an earlier test of this process made the tracker";
+    MSG_DebugSetFlag(MSG_DEBUG_TRACKER | MSG_DEBUG_LOG_SUCCESS);
+    TakeLoggedLines();
+    std::vector<std::thread> Threads;
+    for (int t = 0; t < 8; t++)
+        Threads.emplace_back([] { MSG_ReleaseMsg(MSG_AllocMsg(1, 0, 0)); });
+    for (std::thread &T : Threads)
+        T.join();
+    MSG_DebugSetFlag(0);
+    int Creations = 0;
+    for (const LoggedLine &L : TakeLoggedLines())
+        Creations += L.Text.find("MSG_CreateHash: result 0/OK") != std::string::npos;
+    EXPECT_EQ(1, Creations);
+}
+
+} // namespace
