@@ -1,7 +1,10 @@
 /* orvane_demo: what the library offers so far.
  *   1. status codes with their texts, and diagnostic lines formatted from
  *      $-token formats (copied to standard error with their time stamp);
- *   2. two processes over LINX: the parent hunts for an echo process by
+ *   2. messages: a public endpoint with callbacks for a range of message
+ *      types, a message allocated on this thread's private endpoint, a
+ *      clone, and dispatch to the callbacks in registration order;
+ *   3. two processes over LINX: the parent hunts for an echo process by
  *      name, attaches to it, exchanges signals with it and is told when it
  *      ends.  On a host without the LINX kernel module this runs on the
  *      linxd stand-in, which the first call starts by itself. */
@@ -43,6 +46,34 @@ static void show_status_and_log(void)
                      "$progname: $halvo: liborvane: $func: $err: $local\n", 104, "nosuch");
     MSG_DebugSetFlag(0);
     MSG_LogErrFilter(102, __FILE__, __LINE__, "main", "filtered out: never written\n");
+}
+
+static uint32_t print_reading(void *pContext, MSG_Msg *pMsg)
+{
+    printf("  %s got type 0x%x, seq %u: \"%s\"\n", (const char *)pContext, MSG_GetType(pMsg),
+           MSG_GetSequence(pMsg), (const char *)MSG_GetPayload(pMsg));
+    return 0;
+}
+
+static int show_messages(void)
+{
+    static const char Text[] = "temperature 21.5 C";
+    printf("\nmessages and callbacks on endpoint \"demo-sensor\":\n");
+    if (MSG_OpenLocal("demo-sensor") != MSG_OK)
+        return 1;
+    MSG_RegisterCallbackHelper("demo-sensor", print_reading, "logger", 0x10, 0x1F, 0);
+    MSG_RegisterCallbackHelper("demo-sensor", print_reading, "display (once)", 0x12, 0x12, 1);
+    MSG_Msg *pMsg = MSG_AllocMsg(0x12, MSG_GetNextSequence(), sizeof Text);
+    memcpy(MSG_GetPayloadMutable(pMsg), Text, sizeof Text);
+    MSG_Msg *pCopy = NULL;
+    MSG_CloneMsg(pMsg, &pCopy);
+    printf(" first dispatch:\n");
+    MSG_ProcessCallback("demo-sensor", pMsg);
+    printf(" second dispatch (the one-shot callback is gone):\n");
+    MSG_ProcessCallback("demo-sensor", pCopy);
+    MSG_ReleaseMsg(pMsg);
+    MSG_ReleaseMsg(pCopy);
+    return MSG_CloseLocal("demo-sensor") == MSG_OK ? 0 : 1;
 }
 
 /* The echo process: answers every ping with the same buffer, quits on QUIT. */
@@ -136,5 +167,7 @@ static int show_linx(void)
 int main(void)
 {
     show_status_and_log();
+    if (show_messages() != 0)
+        return 1;
     return show_linx();
 }
