@@ -252,6 +252,31 @@ MSG_API char *MSG_Strdup(const char *pString);
 /* Pointer just after the last '/', or the path itself. */
 MSG_API const char *MSG_Basename(const char *pPath);
 
+/* ---- User message log -----------------------------------------------------
+ * A ring of the most recent messages sent (MSG_USER_LOG_SEND) and received
+ * (MSG_USER_LOG_RECV), each a 36-byte record head and up to TruncateBytes
+ * of payload; the oldest records make room.  Off until configured. */
+#define MSG_USER_LOG_RECV          1u
+#define MSG_USER_LOG_SEND          2u
+#define MSG_USER_LOG_MAGIC_NUMBER  0x5A5AA5A5u
+
+/* BufferBytes and TruncateBytes positive multiples of 4, BufferBytes above
+ * TruncateBytes + 36.  A new size empties the ring; 301 refuses. */
+MSG_API MSG_Status MSG_UserLogConfig(int32_t BufferBytes, int32_t TruncateBytes, uint32_t Flag);
+MSG_API uint32_t MSG_UserLogGetFlag(void);
+MSG_API MSG_Status MSG_UserLogSave(const LocalEndpoint *pEndpoint, uint32_t From, uint32_t To,
+                                   const MSG_Msg *pMsg);
+/* To the diagnostic log (null name), or the raw records, oldest first, to
+ * a file. */
+MSG_API MSG_Status MSG_UserLogDump(const char *pFileName);
+
+/* ---- Configuration --------------------------------------------------------
+ * The full LINX path of a remote endpoint's name: "link/name" when the
+ * device's /system/etc/orvane.pb names a link for it, else the name.  The
+ * file is read once, at the first lookup.  Cut to OutSize - 1 characters;
+ * always 0. */
+MSG_API MSG_Status MSG_GetFullEndpointPath(const char *pName, char *pOut, uint32_t OutSize);
+
 /* ---- Process identity -------------------------------------------------
  * The halvo index (from the kernel command line: 1 for "ep0", 2 for "ep1",
  * 0 otherwise, -1 while unreadable), the process id and the program name,
