@@ -252,6 +252,52 @@ MSG_API char *MSG_Strdup(const char *pString);
 /* Pointer just after the last '/', or the path itself. */
 MSG_API const char *MSG_Basename(const char *pPath);
 
+/* ---- Remote endpoints -------------------------------------------------------
+ * Each local endpoint keeps a table of its peers: hunted by name, open
+ * (LINX id known), supervised by an attach, each with a pair of internal
+ * message types announcing its appearance (even) and its end (odd). */
+MSG_API MSG_Status MSG_NewRemoteEndpoint(LocalEndpoint *pMyEndpoint, const char *pName,
+                                         uint32_t bDelOnClose, uint32_t *pNtfyOpen);
+MSG_API MSG_Status MSG_NewNamelessRemoteEndpoint(LocalEndpoint *pMyEndpoint, uint32_t RemoteId);
+MSG_API MSG_Status MSG_SetRemoteStateOpen(LocalEndpoint *pMyEndpoint, uint32_t RemoteId,
+                                          MSG_Type MsgOpen);
+MSG_API MSG_Status MSG_SetRemoteStateClosed(LocalEndpoint *pMyEndpoint, uint32_t RemoteId,
+                                            MSG_Type MsgClose, char *pNameBuf, uint32_t NameLen);
+MSG_API MSG_Status MSG_DeleteRemoteEndpoint(LocalEndpoint *pMyEndpoint, const char *pName,
+                                            uint32_t *pRemoteId, uint32_t *pNtfyOpen);
+MSG_API MSG_Status MSG_GetRemoteId_Private(LocalEndpoint *pMyEndpoint, const char *pName,
+                                           uint32_t *pRemoteId, uint32_t *pNtfyOpen);
+/* The LINX id of an open peer by name (resolved through the configuration),
+ * 0 when unknown or still hunted. */
+MSG_API uint32_t MSG_GetRemoteId(const char *pLocalName, const char *pRemoteName);
+/* Copies the name of the peer with that id; its length, at most NameLen, or 0. */
+MSG_API int32_t MSG_GetRemoteName(LocalEndpoint *pMyEndpoint, uint32_t RemoteId, char *pNameBuf,
+                                  int32_t NameLen);
+/* Attaches to every open peer not attached yet; the last failure, or 0. */
+MSG_API MSG_Status MSG_AttachAsNeeded(LocalEndpoint *pMyEndpoint);
+/* Watches a peer known by id: pFunc gets its close message (once, or after
+ * every restart of the peer when bJustOnce is 0). */
+MSG_API MSG_Status MSG_RegisterCloseCallback(const char *pLocalName, const char *pRemoteName,
+                                             uint32_t RemoteId, MSG_CallbackFunc pFunc,
+                                             void *pContext, uint32_t bJustOnce);
+
+/* ---- Sending and receiving ---------------------------------------------------
+ * MSG_SendMsg sends on behalf of the named endpoint (its SPID is what the
+ * receiver sees as sender); a response type (low four bits 1) with
+ * Receiver 0 goes back to the most recent sender on its stack.  After 301,
+ * 302, 104, 307 and 308 the caller still owns the message; otherwise it is
+ * gone.  Receives return null on timeout and failure (the log says why).
+ * MSG_RecvAnyMsg serves a public endpoint: it consumes the library's
+ * internal messages and returns user messages only. */
+#define MSG_TIMEOUT_FOREVER (-1)
+MSG_API MSG_Status MSG_SendMsg(const char *pLocalName, uint32_t Receiver, MSG_Msg *pMsg);
+MSG_API MSG_Msg *MSG_RecvMsg(const char *pLocalName, MSG_Type MsgType, int32_t TimeoutMillisec);
+MSG_API MSG_Msg *MSG_RecvAnyMsg(const char *pLocalName, int32_t TimeoutMillisec);
+MSG_API MSG_Status MSG_SendMsg_Private(LocalEndpoint *pMyEndpoint, uint32_t ReplyAddr,
+                                       uint32_t Receiver, MSG_Msg **pMsg);
+MSG_API MSG_Status MSG_RecvMsg_Private(LocalEndpoint *pLocalEndpoint, const uint32_t *pSigSel,
+                                       int32_t TimeoutMillisec, MSG_Msg **pMsg, uint32_t *pSender);
+
 /* ---- User message log -----------------------------------------------------
  * A ring of the most recent messages sent (MSG_USER_LOG_SEND) and received
  * (MSG_USER_LOG_RECV), each a 36-byte record head and up to TruncateBytes

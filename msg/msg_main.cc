@@ -82,15 +82,22 @@ struct Line {
     const char *pFunc;
 };
 
-// Appends a printf-formatted piece; cuts the line when it no longer fits.
-void jAppendV(Line *pLine, const char *pFormat, va_list Args)
+// Counts Wanted more characters written at the end of the line; a line
+// that reaches 512 keeps its first 511 and ends there.
+void jGrow(Line *pLine, int Wanted)
 {
-    const int Wanted = vsnprintf(pLine->Text + pLine->Len, kLineBytes - pLine->Len, pFormat, Args);
     pLine->Len += Wanted > 0 ? Wanted : 0;
     if (pLine->Len >= kLineBytes) {
         pLine->Len = kLineBytes - 1;
         pLine->bFull = true;
     }
+    pLine->Text[pLine->Len] = '\0';
+}
+
+// Appends a printf-formatted piece; cuts the line when it no longer fits.
+void jAppendV(Line *pLine, const char *pFormat, va_list Args)
+{
+    jGrow(pLine, vsnprintf(pLine->Text + pLine->Len, kLineBytes - pLine->Len, pFormat, Args));
 }
 
 __attribute__((format(printf, 2, 3))) void jAppend(Line *pLine, const char *pFormat, ...)
@@ -113,12 +120,8 @@ void jAppendSpec(Line *pLine, const char *pSpec, ...)
 
 void jAppendChar(Line *pLine, char Char)
 {
-    pLine->Text[pLine->Len++] = Char;
-    if (pLine->Len >= kLineBytes) {
-        pLine->Len = kLineBytes - 1;
-        pLine->bFull = true;
-    }
-    pLine->Text[pLine->Len] = '\0';
+    pLine->Text[pLine->Len] = Char;
+    jGrow(pLine, 1);
 }
 
 // A format the calling program got wrong (unknown conversion or token).
@@ -162,11 +165,20 @@ void jPrintMessage(Line *pLine, const MSG_Msg *pMsg)
     jAppend(pLine, "]}");
 }
 
-// The remote's name as the remembered local endpoint's table knows it.  No
-// remote table exists in this build yet, so every remote reads "unknown".
+// The remote's name as the remembered local endpoint's table knows it,
+// written straight into the line; "unknown" when there is none.
 void jPrintRemote(Line *pLine, uint32_t RemoteId)
 {
-    jAppend(pLine, "remote ep 0x%x/\"unknown\"", RemoteId);
+    jAppend(pLine, "remote ep 0x%x/\"", RemoteId);
+    if (pLine->bFull)
+        return;
+    const int32_t Written = MSG_GetRemoteName(const_cast<LocalEndpoint *>(pLine->pLocal), RemoteId,
+                                              pLine->Text + pLine->Len, kLineBytes - pLine->Len);
+    if (Written > 0)
+        jGrow(pLine, Written);
+    else
+        jAppend(pLine, "unknown");
+    jAppend(pLine, "\"");
 }
 
 void jPrintSigselect(Line *pLine, const int32_t *pSigselect)

@@ -17,6 +17,7 @@
 
 #include "orvane.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <syslog.h>

@@ -8,8 +8,11 @@
 
 #include "msg_main.h"
 #include "msg_open_close.h"
+#include "msg_remote_endpoint.h"
 
 namespace {
+
+constexpr uint32_t kFullPathBytes = 128;
 
 pthread_once_t gInitOnce = PTHREAD_ONCE_INIT;
 
@@ -98,4 +101,46 @@ MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivate
         return Status;
     *pPrivateEndpoint = MSG_GetMyEndpoint();
     return *pPrivateEndpoint != nullptr ? MSG_OK : MSG_ERR_NOT_OPEN;
+}
+
+MSG_Status MSG_LinxHunt(LocalEndpoint *pEndpoint, const char *pRemoteName, MSG_Type MsgTypeOpen)
+{
+    MSG_ASSERT(pEndpoint != NULL);
+    MSG_ASSERT(pRemoteName != NULL);
+    MSG_ASSERT(MsgTypeOpen >= MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN && MsgTypeOpen <= MSG_TYPE_INTERNAL_OPEN_CLOSE_MAX);
+    MSG_Msg *pSignal = nullptr;
+    MSG_Status Status = jAllocEventSignal(pEndpoint, MsgTypeOpen, &pSignal);
+    if (Status != MSG_OK)
+        return Status;
+    pthread_mutex_lock(&pEndpoint->LinxMutex);
+    const int Result = linx_hunt(pEndpoint->pLinx, pRemoteName, (union LINX_SIGNAL **)&pSignal);
+    pthread_mutex_unlock(&pEndpoint->LinxMutex);
+    if (Result != 0) {
+        MSG_LOG_OS(LOG_ERR, MSG_LOG_PREFIX "$file:$line: system function error: $plocal: linx_hunt(Linx handle %p, "
+                   "remote ep \"%s\", msg type 0x%x), $errno\n",
+                   pEndpoint, (void *)pEndpoint->pLinx, pRemoteName, MsgTypeOpen, Result);
+        Status = MSG_ERR_LINX;
+    } else {
+        MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep \"%s\", msg type 0x%x\n", 0, pEndpoint,
+                        pRemoteName, MsgTypeOpen);
+    }
+    return Status;
+}
+
+MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
+{
+    MSG_ASSERT(pEndpoint != NULL);
+    MSG_ASSERT(pMsg != NULL);
+    char Name[kFullPathBytes] = {};
+    const uint32_t Sender = MSG_GetSender(pMsg);
+    if (Sender == 0)
+        return MSG_ERR_UNKNOWN;
+    if (pMsg->MsgType % 2 == 0)
+        return MSG_SetRemoteStateOpen(pEndpoint, Sender, pMsg->MsgType);
+    MSG_Status Status = MSG_SetRemoteStateClosed(pEndpoint, Sender, pMsg->MsgType, Name, sizeof Name);
+    if (Status == MSG_OK || Status == MSG_ERR_REMOTE_NOT_FOUND)
+        Status = MSG_OK; // the peer's notification subscriptions end here once they exist
+    if (Status == MSG_OK && Name[0] != '\0')
+        Status = MSG_LinxHunt(pEndpoint, Name, pMsg->MsgType - 1);
+    return Status;
 }

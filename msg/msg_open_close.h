@@ -11,4 +11,13 @@
 extern "C" MSG_API MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivateEndpoint,
                              LocalEndpoint **pPublicEndpoint);
 
+// Hunts for a remote name on behalf of the endpoint; the answer arrives as
+// a message of MsgTypeOpen.
+MSG_Status MSG_LinxHunt(LocalEndpoint *pEndpoint, const char *pRemoteName, MSG_Type MsgTypeOpen);
+
+// The receive loop's handler of a remote's open (even type) or close (odd
+// type) message: updates the remote table and hunts again for a peer whose
+// record survives its close.
+MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg);
+
 #endif /* MSG_OPEN_CLOSE_H */

@@ -1,0 +1,366 @@
+// The remote endpoint table of a local endpoint: records, their states and
+// open/close type pairs, lookups, and the LINX attach that supervises an
+// open peer.
+#include "msg_remote_endpoint.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include "msg_main.h"
+
+namespace {
+
+constexpr uint32_t kEventSignalSequence = 99999;
+constexpr uint32_t kFullPathBytes = 128;
+
+pthread_mutex_t gTypeMutex = PTHREAD_MUTEX_INITIALIZER;
+uint32_t gNextOpenCloseType = MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN;
+
+uint32_t MSG_NewOpenCloseTypes()
+{
+    pthread_mutex_lock(&gTypeMutex);
+    const uint32_t Open = gNextOpenCloseType;
+    gNextOpenCloseType = (gNextOpenCloseType + 2) & ~1u;
+    if (gNextOpenCloseType + 1 >= MSG_NTFY_REQ_REGISTER)
+        gNextOpenCloseType = MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN;
+    pthread_mutex_unlock(&gTypeMutex);
+    return Open;
+}
+
+RemoteEndpoint *&jHead(LocalEndpoint *p)
+{
+    return *(RemoteEndpoint **)&p->pRemoteHead;
+}
+
+RemoteEndpoint *jNewRecord(const char *pName, uint32_t RemoteId, uint32_t bDelOnClose)
+{
+    const size_t NameBytes = strlen(pName) + 1;
+    RemoteEndpoint *p = (RemoteEndpoint *)MSG_Malloc((uint32_t)(sizeof(RemoteEndpoint) + NameBytes));
+    if (p == nullptr)
+        return nullptr;
+    memcpy(p->Name, pName, NameBytes);
+    p->pNext = nullptr;
+    p->RemoteId = RemoteId;
+    p->NtfyOpen = MSG_NewOpenCloseTypes();
+    p->NtfyClose = p->NtfyOpen + 1;
+    p->bAttached = 0;
+    p->bDelOnClose = bDelOnClose;
+    return p;
+}
+
+void jInsert_NeedsLock(LocalEndpoint *pMyEndpoint, RemoteEndpoint *p)
+{
+    p->pNext = jHead(pMyEndpoint);
+    jHead(pMyEndpoint) = p;
+}
+
+// The link that points at the first record Match accepts, or null.
+template <typename Predicate> RemoteEndpoint **jFindLink_NeedsLock(LocalEndpoint *pMyEndpoint, Predicate Match)
+{
+    for (RemoteEndpoint **ppLink = &jHead(pMyEndpoint); *ppLink != nullptr; ppLink = &(*ppLink)->pNext)
+        if (Match(**ppLink))
+            return ppLink;
+    return nullptr;
+}
+
+RemoteEndpoint *jFindByName_NeedsLock(LocalEndpoint *pMyEndpoint, const char *pName)
+{
+    RemoteEndpoint **ppLink =
+        jFindLink_NeedsLock(pMyEndpoint, [pName](const RemoteEndpoint &R) { return strcmp(R.Name, pName) == 0; });
+    return ppLink != nullptr ? *ppLink : nullptr;
+}
+
+void jUnlinkAndFree(RemoteEndpoint **ppLink)
+{
+    RemoteEndpoint *p = *ppLink;
+    *ppLink = p->pNext;
+    MSG_Free(p);
+}
+
+MSG_Status MSG_LinxAttach(LocalEndpoint *pMyEndpoint, RemoteEndpoint *pRemote)
+{
+    MSG_ASSERT(pMyEndpoint != NULL);
+    MSG_ASSERT(pRemote != NULL);
+    MSG_ASSERT(pRemote->NtfyClose >= MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN && pRemote->NtfyClose <= MSG_TYPE_INTERNAL_OPEN_CLOSE_MAX);
+    MSG_Msg *pSignal = nullptr;
+    MSG_Status Status = jAllocEventSignal(pMyEndpoint, pRemote->NtfyClose, &pSignal);
+    if (Status != MSG_OK)
+        return Status;
+    pthread_mutex_lock(&pMyEndpoint->LinxMutex);
+    const LINX_OSATTREF Ref = linx_attach(pMyEndpoint->pLinx, (union LINX_SIGNAL **)&pSignal, pRemote->RemoteId);
+    const int Error = errno;
+    pthread_mutex_unlock(&pMyEndpoint->LinxMutex);
+    if (Ref == 0) {
+        MSG_LOG_OS(LOG_ERR, MSG_LOG_PREFIX "$file:$line: system function error: $plocal: linx_attach(Linx handle %p, "
+                   "msg type 0x%x, remote ep 0x%x/\"%s\"), $errno\n",
+                   pMyEndpoint, (void *)pMyEndpoint->pLinx, pRemote->NtfyClose, pRemote->RemoteId, pRemote->Name, Error);
+        Status = MSG_ERR_LINX;
+    }
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep 0x%x/\"%s\", msg type 0x%x\n", Status,
+                    pMyEndpoint, pRemote->RemoteId, pRemote->Name, pRemote->NtfyClose);
+    return Status;
+}
+
+// Refreshes or creates the record of a peer known by id and attaches to it.
+MSG_Status MSG_NewAlreadyOpenRemote(LocalEndpoint *pMyEndpoint, const char *pRemoteName, uint32_t RemoteId,
+                                    uint32_t bJustOnce, uint32_t *pNtfyClose)
+{
+    MSG_Status Status = MSG_OK;
+    bool bDropExisting = false;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    RemoteEndpoint *p = jFindByName_NeedsLock(pMyEndpoint, pRemoteName);
+    if (p != nullptr) {
+        p->RemoteId = RemoteId;
+        p->NtfyOpen = MSG_NewOpenCloseTypes();
+        p->NtfyClose = p->NtfyOpen + 1;
+        p->bAttached = 0;
+        p->bDelOnClose = bJustOnce;
+        Status = MSG_LinxAttach(pMyEndpoint, p);
+        p->bAttached = Status == MSG_OK;
+        bDropExisting = Status != MSG_OK && bJustOnce;
+        *pNtfyClose = p->NtfyClose;
+    } else if ((p = jNewRecord(pRemoteName, RemoteId, bJustOnce)) == nullptr) {
+        Status = MSG_ERR_MEMORY;
+    } else {
+        Status = MSG_LinxAttach(pMyEndpoint, p);
+        *pNtfyClose = p->NtfyClose;
+        if (Status == MSG_OK) {
+            p->bAttached = 1;
+            jInsert_NeedsLock(pMyEndpoint, p);
+        } else {
+            MSG_Free(p);
+        }
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    if (bDropExisting)
+        MSG_DeleteRemoteEndpoint(pMyEndpoint, pRemoteName, nullptr, nullptr);
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep 0x%x/\"%s\", del on close %d\n", Status,
+                    pMyEndpoint, RemoteId, pRemoteName, (int)bJustOnce);
+    return Status;
+}
+
+} // namespace
+
+MSG_Status jAllocEventSignal(LocalEndpoint *pEndpoint, MSG_Type Type, MSG_Msg **ppSignal)
+{
+    const MSG_Status Status = MSG_AllocMsg_Private(pEndpoint, Type | MSG_TYPE_USER_SHIFT, MSG_HEADER_BYTES, ppSignal);
+    if (Status != MSG_OK)
+        return Status;
+    (*ppSignal)->Sequence = kEventSignalSequence;
+    MSG_AddHashEntry(gpHash, *ppSignal, 0);
+    return MSG_OK;
+}
+
+MSG_Status MSG_NewRemoteEndpoint(LocalEndpoint *pMyEndpoint, const char *pName, uint32_t bDelOnClose,
+                                 uint32_t *pNtfyOpen)
+{
+    MSG_ASSERT(pMyEndpoint != NULL);
+    MSG_ASSERT(pName != NULL);
+    uint32_t RemoteId = 0, NtfyOpen = 0, NtfyClose = 1;
+    MSG_Status Status = MSG_OK;
+    if (MSG_GetRemoteId_Private(pMyEndpoint, pName, &RemoteId, pNtfyOpen) == MSG_OK) {
+        Status = RemoteId != 0 ? MSG_ERR_REMOTE_ALREADY_OPEN : MSG_ERR_OPEN_IN_PROGRESS;
+    } else {
+        RemoteEndpoint *p = jNewRecord(pName, 0, bDelOnClose);
+        if (p == nullptr) {
+            Status = MSG_ERR_MEMORY;
+        } else {
+            NtfyOpen = p->NtfyOpen;
+            NtfyClose = p->NtfyClose;
+            if (pNtfyOpen != nullptr)
+                *pNtfyOpen = NtfyOpen;
+            pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+            jInsert_NeedsLock(pMyEndpoint, p);
+            pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+        }
+    }
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep \"%s\", open msg type 0x%x, close msg type 0x%x, del on close %d\n",
+                    Status, pMyEndpoint, pName, NtfyOpen, NtfyClose, (int)bDelOnClose);
+    return Status;
+}
+
+MSG_Status MSG_NewNamelessRemoteEndpoint(LocalEndpoint *pMyEndpoint, uint32_t RemoteId)
+{
+    MSG_ASSERT(pMyEndpoint != NULL);
+    MSG_ASSERT(pMyEndpoint->Owner == 0);
+    MSG_ASSERT(RemoteId != 0);
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    const bool bKnown =
+        jFindLink_NeedsLock(pMyEndpoint, [RemoteId](const RemoteEndpoint &R) { return R.RemoteId == RemoteId; }) != nullptr;
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    if (bKnown)
+        return MSG_OK;
+    RemoteEndpoint *p = jNewRecord("", RemoteId, 1);
+    if (p == nullptr)
+        return MSG_ERR_MEMORY;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    jInsert_NeedsLock(pMyEndpoint, p);
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep 0x%x, open msg type 0x%x, close msg type 0x%x, del on close 1\n",
+                    0, pMyEndpoint, RemoteId, p->NtfyOpen, p->NtfyClose);
+    return MSG_OK;
+}
+
+MSG_Status MSG_SetRemoteStateOpen(LocalEndpoint *pMyEndpoint, uint32_t RemoteId, MSG_Type MsgOpen)
+{
+    if (RemoteId == 0)
+        return MSG_ERR_WRONG_PARAMETER;
+    MSG_ASSERT(pMyEndpoint != NULL);
+    MSG_Status Status = MSG_ERR_REMOTE_NOT_FOUND;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    RemoteEndpoint **ppLink = jFindLink_NeedsLock(
+        pMyEndpoint, [MsgOpen](const RemoteEndpoint &R) { return R.NtfyOpen == MsgOpen && R.RemoteId == 0; });
+    if (ppLink != nullptr) {
+        (*ppLink)->RemoteId = RemoteId;
+        Status = MSG_OK;
+        MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: remote ep 0x%x/\"%s\"\n", 0, RemoteId,
+                        (*ppLink)->Name);
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: line $line: $plocal, remote ep 0x%x, open msg type 0x%x, close msg type 0x%x\n",
+                    Status, pMyEndpoint, RemoteId, MsgOpen, MsgOpen + 1);
+    return Status;
+}
+
+MSG_Status MSG_SetRemoteStateClosed(LocalEndpoint *pMyEndpoint, uint32_t RemoteId, MSG_Type MsgClose, char *pNameBuf,
+                                    uint32_t NameLen)
+{
+    if (RemoteId == 0 || pNameBuf == nullptr || NameLen == 0)
+        return MSG_ERR_WRONG_PARAMETER;
+    MSG_ASSERT(pMyEndpoint != NULL);
+    pNameBuf[0] = '\0';
+    MSG_Status Status = MSG_ERR_REMOTE_NOT_FOUND;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    RemoteEndpoint **ppLink = jFindLink_NeedsLock(pMyEndpoint, [=](const RemoteEndpoint &R) {
+        return R.NtfyClose == MsgClose && R.RemoteId == RemoteId;
+    });
+    if (ppLink != nullptr) {
+        RemoteEndpoint *p = *ppLink;
+        p->RemoteId = 0;
+        p->bAttached = 0;
+        MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: remote ep 0x%x/\"%s\"\n", 0, RemoteId, p->Name);
+        if (!p->bDelOnClose && p->Name[0] != '\0')
+            snprintf(pNameBuf, NameLen, "%s", p->Name); // hunted again by the caller
+        else
+            jUnlinkAndFree(ppLink);
+        Status = MSG_OK;
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: line $line: $plocal, remote ep 0x%x, open msg type 0x%x, close msg type 0x%x\n",
+                    Status, pMyEndpoint, RemoteId, MsgClose - 1, MsgClose);
+    return Status;
+}
+
+MSG_Status MSG_DeleteRemoteEndpoint(LocalEndpoint *pMyEndpoint, const char *pName, uint32_t *pRemoteId,
+                                    uint32_t *pNtfyOpen)
+{
+    MSG_ASSERT(pMyEndpoint != NULL);
+    MSG_ASSERT(pName != NULL);
+    MSG_ASSERT(pName[0] != 0);
+    if (pRemoteId != nullptr)
+        *pRemoteId = 0;
+    if (pNtfyOpen != nullptr)
+        *pNtfyOpen = 0;
+    MSG_Status Status = MSG_ERR_REMOTE_NOT_FOUND;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    RemoteEndpoint **ppLink =
+        jFindLink_NeedsLock(pMyEndpoint, [pName](const RemoteEndpoint &R) { return strcmp(R.Name, pName) == 0; });
+    if (ppLink != nullptr) {
+        if (pRemoteId != nullptr)
+            *pRemoteId = (*ppLink)->RemoteId;
+        if (pNtfyOpen != nullptr)
+            *pNtfyOpen = (*ppLink)->NtfyOpen;
+        jUnlinkAndFree(ppLink);
+        Status = MSG_OK;
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep \"%s\"\n", Status, pMyEndpoint, pName);
+    return Status;
+}
+
+MSG_Status MSG_GetRemoteId_Private(LocalEndpoint *pMyEndpoint, const char *pName, uint32_t *pRemoteId,
+                                   uint32_t *pNtfyOpen)
+{
+    if (pRemoteId != nullptr)
+        *pRemoteId = 0;
+    if (pNtfyOpen != nullptr)
+        *pNtfyOpen = 0;
+    MSG_ASSERT(pMyEndpoint != NULL);
+    MSG_ASSERT(pName != NULL);
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    const RemoteEndpoint *p = jFindByName_NeedsLock(pMyEndpoint, pName);
+    if (p != nullptr) {
+        if (pRemoteId != nullptr)
+            *pRemoteId = p->RemoteId;
+        if (pNtfyOpen != nullptr)
+            *pNtfyOpen = p->NtfyOpen;
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    return p != nullptr ? MSG_OK : MSG_ERR_REMOTE_NOT_FOUND;
+}
+
+uint32_t MSG_GetRemoteId(const char *pLocalName, const char *pRemoteName)
+{
+    if (pLocalName == nullptr || pRemoteName == nullptr || pRemoteName[0] == '\0')
+        return 0;
+    char FullPath[kFullPathBytes] = {};
+    LocalEndpoint *pEndpoint = nullptr;
+    if (MSG_GetFullEndpointPath(pRemoteName, FullPath, sizeof FullPath) != MSG_OK ||
+        (pEndpoint = MSG_GetLocalEndpoint(pLocalName)) == nullptr)
+        return 0;
+    uint32_t RemoteId = 0;
+    MSG_GetRemoteId_Private(pEndpoint, FullPath, &RemoteId, nullptr);
+    return RemoteId;
+}
+
+int32_t MSG_GetRemoteName(LocalEndpoint *pMyEndpoint, uint32_t RemoteId, char *pNameBuf, int32_t NameLen)
+{
+    if (pMyEndpoint == nullptr || RemoteId == 0 || pNameBuf == nullptr || NameLen <= 0)
+        return 0;
+    int32_t Written = 0;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    RemoteEndpoint **ppLink = jFindLink_NeedsLock(
+        pMyEndpoint, [RemoteId](const RemoteEndpoint &R) { return R.RemoteId == RemoteId && R.Name[0] != '\0'; });
+    if (ppLink != nullptr) {
+        const int Wanted = snprintf(pNameBuf, (size_t)NameLen, "%s", (*ppLink)->Name);
+        Written = Wanted < 0 ? 0 : (Wanted < NameLen ? Wanted : NameLen); // a formatting error reads as none
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    return Written;
+}
+
+MSG_Status MSG_AttachAsNeeded(LocalEndpoint *pMyEndpoint)
+{
+    MSG_Status Result = MSG_OK;
+    pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    for (RemoteEndpoint *p = jHead(pMyEndpoint); p != nullptr; p = p->pNext) {
+        if (p->RemoteId == 0 || p->bAttached)
+            continue;
+        const MSG_Status Status = MSG_LinxAttach(pMyEndpoint, p);
+        p->bAttached = 1; // a failed attach is reported once, not retried
+        if (Status != MSG_OK)
+            Result = Status;
+    }
+    pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
+    return Result;
+}
+
+MSG_Status MSG_RegisterCloseCallback(const char *pLocalName, const char *pRemoteName, uint32_t RemoteId,
+                                     MSG_CallbackFunc pFunc, void *pContext, uint32_t bJustOnce)
+{
+    MSG_Status Status = MSG_OK;
+    LocalEndpoint *pEndpoint = nullptr;
+    uint32_t NtfyClose = 0;
+    // An id of 0 names no peer: refused rather than attached to nothing.
+    if (pLocalName == nullptr || pRemoteName == nullptr || pFunc == nullptr || RemoteId == 0)
+        Status = MSG_ERR_WRONG_PARAMETER;
+    else if ((pEndpoint = MSG_GetLocalEndpoint(pLocalName)) == nullptr)
+        Status = MSG_ERR_LOCAL_NOT_FOUND;
+    else
+        Status = MSG_NewAlreadyOpenRemote(pEndpoint, pRemoteName, RemoteId, bJustOnce, &NtfyClose);
+    if (Status == MSG_OK)
+        Status = MSG_RegisterCallbackHelper(pLocalName, pFunc, pContext, NtfyClose, NtfyClose, bJustOnce);
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $local, remote ep 0x%x/\"%s\", just once=%d\n", Status,
+                    pLocalName, RemoteId, pRemoteName, (int)bJustOnce);
+    return Status;
+}

@@ -1,0 +1,33 @@
+/*
+ * msg_remote_endpoint.h - each local endpoint's table of remote endpoints.
+ *
+ * A remote endpoint is a peer the local endpoint deals with: opened by name
+ * (hunted, then open, then supervised by a LINX attach) or known only by
+ * its LINX id.  Each record owns a pair of internal message types, handed
+ * out process-wide: the open type (even) arrives when the hunted name
+ * appears, the close type (odd, open + 1) when the attached peer goes.
+ *
+ * Locks: the local endpoint's RemoteMutex guards the table and every
+ * record; attaching takes the endpoint's LinxMutex inside it.  The type
+ * counter has a mutex of its own, taken with nothing under it.
+ */
+#ifndef MSG_REMOTE_ENDPOINT_H
+#define MSG_REMOTE_ENDPOINT_H
+
+#include "msg_local_endpoint.h"
+
+struct RemoteEndpoint {
+    RemoteEndpoint *pNext;
+    uint32_t RemoteId;     // the peer's SPID while open, 0 while hunted
+    uint32_t NtfyOpen;     // even internal type announcing the peer
+    uint32_t NtfyClose;    // NtfyOpen + 1, announcing its end
+    uint32_t bAttached;    // an attach was attempted for RemoteId
+    uint32_t bDelOnClose;  // removed when the peer closes (else hunted again)
+    char Name[];           // full LINX path, or empty for a nameless record
+};
+
+// A 56-byte hunt or attach signal of Type (bit 31 set here), handed to LINX
+// and so no longer counted as held by the tracker.
+MSG_Status jAllocEventSignal(LocalEndpoint *pEndpoint, MSG_Type Type, MSG_Msg **ppSignal);
+
+#endif /* MSG_REMOTE_ENDPOINT_H */

@@ -1,0 +1,315 @@
+// Sending and receiving between real processes: request and answer, the
+// sender stack across three processes, owner rules, timeouts, the receive
+// loop's handling of internal messages and of malformed signals.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "log_capture.h"
+#include "msg_test_util.h"
+
+namespace {
+
+constexpr MSG_Type kRequest = 0x120;
+constexpr MSG_Type kAnswer = 0x121;
+
+int64_t NowMs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return Now.tv_sec * 1000LL + Now.tv_nsec / 1000000;
+}
+
+class SendReceive : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(0u, MSG_OpenLocal("client"));
+        TakeLoggedLines();
+    }
+    void TearDown() override
+    {
+        MSG_CloseLocal("client");
+        MSG_CloseLocal(nullptr);
+    }
+    void Quit(uint32_t Spid)
+    {
+        EXPECT_EQ(0u, MSG_SendMsg("client", Spid, MSG_AllocMsg(kQuitType, 0, 0)));
+    }
+};
+
+TEST_F(SendReceive, RequestAndAnswerBetweenTwoProcesses)
+{
+    const pid_t Server = StartChild([] { return ServeEcho("server"); });
+    const uint32_t ServerSpid = FindSpid("server");
+    ASSERT_NE(0u, ServerSpid);
+    for (uint32_t i = 0; i < 50; i++) {
+        MSG_Msg *pMsg = MSG_AllocMsg(kRequest, i, 8);
+        memcpy(MSG_GetPayloadMutable(pMsg), "12345678", 8);
+        ASSERT_EQ(0u, MSG_SendMsg("client", ServerSpid, pMsg));
+        MSG_Msg *pAnswer = MSG_RecvMsg("client", kAnswer, 5000);
+        ASSERT_NE(nullptr, pAnswer);
+        EXPECT_EQ(kAnswer, MSG_GetType(pAnswer)) << "bit 31 is never seen";
+        EXPECT_EQ(i, MSG_GetSequence(pAnswer));
+        EXPECT_EQ(8, MSG_GetPayloadBytes(pAnswer));
+        EXPECT_EQ(0, memcmp(MSG_GetPayload(pAnswer), "12345678", 8));
+        EXPECT_EQ(0u, MSG_GetSendStackSize(pAnswer)) << "the answer popped what the request pushed";
+        EXPECT_EQ(0u, MSG_ReleaseMsg(pAnswer));
+    }
+    Quit(ServerSpid);
+    EXPECT_EQ(0, WaitChild(Server));
+}
+
+TEST_F(SendReceive, AnswersRetraceThePathOfARequest)
+{
+    // client -> relay -> end, and the answer back through the relay.
+    const pid_t End = StartChild([] { return ServeEcho("end"); });
+    const uint32_t EndSpid = FindSpid("end");
+    const pid_t Relay = StartChild([EndSpid] {
+        MSG_OpenLocal("relay");
+        for (int Handled = 0; Handled < 2; Handled++) {
+            MSG_Msg *pMsg = MSG_RecvAnyMsg("relay", 10000);
+            if (pMsg == nullptr)
+                return 1;
+            const bool bAnswer = (MSG_GetType(pMsg) & 0xF) == 1;
+            // A request goes on to the end; an answer back down its stack.
+            if (MSG_SendMsg("relay", bAnswer ? 0 : EndSpid, pMsg) != 0)
+                return 2;
+        }
+        return 0;
+    });
+    const uint32_t RelaySpid = FindSpid("relay");
+    MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 77, 4);
+    ASSERT_EQ(0u, MSG_SendMsg("client", RelaySpid, pMsg));
+    MSG_Msg *pAnswer = MSG_RecvMsg("client", kAnswer, 5000);
+    ASSERT_NE(nullptr, pAnswer);
+    EXPECT_EQ(77u, MSG_GetSequence(pAnswer));
+    EXPECT_EQ(0u, MSG_GetSendStackSize(pAnswer));
+    MSG_ReleaseMsg(pAnswer);
+    EXPECT_EQ(0, WaitChild(Relay));
+    Quit(EndSpid);
+    EXPECT_EQ(0, WaitChild(End));
+}
+
+TEST_F(SendReceive, ResponseRoutingRules)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("side"));
+    const uint32_t Side = FindSpid("side"), Client = FindSpid("client");
+
+    // A response with nobody on its stack and no receiver has nowhere to go.
+    MSG_Msg *pMsg = MSG_AllocMsg(kAnswer, 0, 0);
+    EXPECT_EQ(301u, MSG_SendMsg("client", 0, pMsg));
+    EXPECT_EQ(0u, MSG_ReleaseMsg(pMsg)) << "the caller still owns it";
+
+    // An explicit receiver beats the stack, and the stack is popped anyway.
+    pMsg = MSG_AllocMsg(kAnswer, 5, 0);
+    pMsg->SendStack[0] = Client;
+    pMsg->SendStackSize = 1;
+    EXPECT_EQ(0u, MSG_SendMsg("client", Side, pMsg));
+    MSG_Msg *pGot = MSG_RecvMsg("side", kAnswer, 2000);
+    ASSERT_NE(nullptr, pGot);
+    EXPECT_EQ(0u, MSG_GetSendStackSize(pGot));
+    MSG_ReleaseMsg(pGot);
+    bool bNoted = false;
+    for (const LoggedLine &L : TakeLoggedLines())
+        bNoted |= L.Text.find("MSG_AdjustReceiver: Resp dest remote ep") != std::string::npos;
+    EXPECT_TRUE(bNoted);
+
+    // Eight receives fill the stack; the ninth refuses the message.
+    pMsg = MSG_AllocMsg(kRequest, 9, 0);
+    const char *Names[2] = {"client", "side"};
+    const uint32_t Spids[2] = {Side, Client};
+    for (int Hop = 0; Hop < 9; Hop++) {
+        ASSERT_EQ(0u, MSG_SendMsg(Names[Hop % 2], Spids[Hop % 2], pMsg)) << Hop;
+        pMsg = MSG_RecvMsg(Names[(Hop + 1) % 2], kRequest, 2000);
+        if (Hop < 8) {
+            ASSERT_NE(nullptr, pMsg) << Hop;
+            EXPECT_EQ((uint32_t)Hop + 1, MSG_GetSendStackSize(pMsg));
+        }
+    }
+    EXPECT_EQ(nullptr, pMsg) << "the ninth hop overflows the sender stack";
+    MSG_CloseLocal("side");
+}
+
+TEST_F(SendReceive, OwnerRules)
+{
+    MSG_Msg *pMine = MSG_AllocMsg(kRequest, 0, 0);
+    const uint32_t Client = FindSpid("client");
+    std::thread([pMine, Client] {
+        EXPECT_EQ(302u, MSG_SendMsg("client", Client, pMine)) << "this thread has no endpoint";
+        MSG_Msg *pOwn = MSG_AllocMsg(kRequest, 0, 0);
+        EXPECT_EQ(308u, MSG_SendMsg("client", Client, pMine)) << "owned by another thread's endpoint";
+        MSG_ReleaseMsg(pOwn);
+    }).join();
+
+    char PrivateName[64];
+    snprintf(PrivateName, sizeof PrivateName, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
+    EXPECT_EQ(300u, MSG_SendMsg(PrivateName, Client, pMine)) << "a private endpoint sends on nobody's behalf";
+    MSG_Msg *pOther = MSG_AllocMsg(kRequest, 0, 0);
+    EXPECT_EQ(104u, MSG_SendMsg("nosuch", Client, pOther));
+    const uint32_t Token = pOther->pOwner;
+    pOther->pOwner = 0xBAD;
+    EXPECT_EQ(307u, MSG_SendMsg("client", Client, pOther));
+    pOther->pOwner = Token;
+    EXPECT_EQ(301u, MSG_SendMsg(nullptr, Client, pOther));
+    EXPECT_EQ(103u, MSG_SendMsg("client", 0x7FFFFFF0, pOther)) << "a closed peer resets the connection";
+}
+
+TEST_F(SendReceive, ReceiveTimeouts)
+{
+    int64_t Start = NowMs();
+    EXPECT_EQ(nullptr, MSG_RecvMsg("client", kRequest, 0));
+    EXPECT_EQ(nullptr, MSG_RecvMsg("client", kRequest, -2));
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", -2));
+    EXPECT_EQ(nullptr, MSG_RecvMsg("client", 0x1000000, 0));
+    EXPECT_LT(NowMs() - Start, 50);
+
+    Start = NowMs();
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 150));
+    EXPECT_GE(NowMs() - Start, 149);
+
+    const uint32_t Client = FindSpid("client");
+    const pid_t Late = StartChild([Client] {
+        MSG_OpenLocal("late");
+        usleep(200000);
+        return MSG_SendMsg("late", Client, MSG_AllocMsg(kRequest, 3, 0)) == 0 ? 0 : 1;
+    });
+    MSG_Msg *pMsg = MSG_RecvMsg("client", kRequest, MSG_TIMEOUT_FOREVER);
+    ASSERT_NE(nullptr, pMsg);
+    EXPECT_EQ(3u, MSG_GetSequence(pMsg));
+    MSG_ReleaseMsg(pMsg);
+    EXPECT_EQ(0, WaitChild(Late));
+}
+
+TEST_F(SendReceive, ReceiveLoopCountsTimeAcrossInternalMessages)
+{
+    const uint32_t Client = FindSpid("client");
+    const pid_t Chatter = StartChild([Client] {
+        MSG_OpenLocal("chatter");
+        // Internal messages only, for longer than the receiver waits.
+        for (int i = 0; i < 60; i++) {
+            MSG_Msg *pMsg = MSG_AllocMsg_Internal(MSG_NTFY_REQ_REGISTER, i, 8);
+            if (MSG_SendMsg("chatter", Client, pMsg) != 0)
+                return 1;
+            usleep(10000);
+        }
+        return 0;
+    });
+    usleep(30000);
+    const int64_t Start = NowMs();
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 200));
+    const int64_t Spent = NowMs() - Start;
+    EXPECT_GE(Spent, 190);
+    EXPECT_LT(Spent, 400) << "the internal messages do not restart the wait";
+    EXPECT_EQ(0, WaitChild(Chatter));
+}
+
+TEST_F(SendReceive, PrivateEndpointsHaveNoReceiveLoop)
+{
+    MSG_AllocMsg(kRequest, 0, 0); // opens this thread's private endpoint
+    char PrivateName[64];
+    snprintf(PrivateName, sizeof PrivateName, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
+    const int64_t Start = NowMs();
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg(PrivateName, 1000));
+    EXPECT_LT(NowMs() - Start, 50);
+}
+
+// Sends raw bytes to the client's public endpoint as another process might.
+void SendRaw(uint32_t To, const void *pBytes, uint32_t Size)
+{
+    LINX *pLinx = linx_open("forger", 0, nullptr);
+    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, 0);
+    memcpy(pSig, pBytes, Size);
+    linx_send(pLinx, &pSig, To);
+    linx_close(pLinx);
+}
+
+TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
+{
+    const uint32_t Client = FindSpid("client");
+    const pid_t Forger = StartChild([Client] {
+        const uint32_t Short[3] = {kRequest | MSG_TYPE_USER_SHIFT, 1, 2};
+        SendRaw(Client, Short, sizeof Short); // shorter than the header
+        MSG_Msg Corrupt = {};
+        Corrupt.MsgType = kRequest | MSG_TYPE_USER_SHIFT;
+        Corrupt.SendStackSize = 9;
+        SendRaw(Client, &Corrupt, sizeof Corrupt);
+        const uint32_t Foreign[2] = {0x55, 0}; // no library mark
+        SendRaw(Client, Foreign, sizeof Foreign);
+        struct {
+            MSG_Msg Header;
+            char Payload[4];
+        } Repairable = {};
+        Repairable.Header.MsgType = kRequest | MSG_TYPE_USER_SHIFT;
+        Repairable.Header.Sequence = 42;
+        Repairable.Header.PayloadBytes = -5;
+        Repairable.Header.InUseMagic = 0xDEADBEEF;
+        SendRaw(Client, &Repairable, sizeof Repairable);
+        return 0;
+    });
+    EXPECT_EQ(0, WaitChild(Forger));
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 1000)) << "refused, and the receiver goes on";
+    MSG_Msg *pMsg = MSG_RecvAnyMsg("client", 1000);
+    ASSERT_NE(nullptr, pMsg);
+    EXPECT_EQ(42u, MSG_GetSequence(pMsg));
+    EXPECT_EQ(4, MSG_GetPayloadBytes(pMsg)) << "the size LINX delivered wins";
+    EXPECT_EQ(1u, MSG_GetSendStackSize(pMsg));
+    EXPECT_EQ(0u, MSG_ReleaseMsg(pMsg)) << "the magic was made this process's";
+    std::string Log;
+    for (const LoggedLine &L : TakeLoggedLines())
+        Log += L.Text;
+    EXPECT_NE(std::string::npos, Log.find("linx_sigsize(Linx handle"));
+    EXPECT_NE(std::string::npos, Log.find("Send stack overflow"));
+    EXPECT_NE(std::string::npos, Log.find("Size mismatch (Linx=4, hdr=-5)"));
+}
+
+uint32_t NoteClose(void *pContext, MSG_Msg *pMsg)
+{
+    *(uint32_t *)pContext = MSG_GetSender(pMsg);
+    return 0;
+}
+
+TEST_F(SendReceive, CloseCallbackRunsWhenThePeerDies)
+{
+    const pid_t Peer = StartChild([] {
+        MSG_OpenLocal("watched");
+        pause();
+        return 0;
+    });
+    const uint32_t PeerSpid = FindSpid("watched");
+    uint32_t ClosedSender = 0;
+    ASSERT_EQ(0u, MSG_RegisterCloseCallback("client", "watched", PeerSpid, NoteClose, &ClosedSender, 1));
+    EXPECT_EQ(PeerSpid, MSG_GetRemoteId("client", "watched"));
+    kill(Peer, SIGKILL);
+    WaitChild(Peer);
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 500)) << "the close message is internal";
+    EXPECT_EQ(PeerSpid, ClosedSender);
+    EXPECT_EQ(0u, MSG_GetRemoteId("client", "watched")) << "a just-once record goes with its peer";
+}
+
+TEST_F(SendReceive, UserLogRecordsBothDirections)
+{
+    ASSERT_EQ(0u, MSG_UserLogConfig(4096, 16, MSG_USER_LOG_RECV | MSG_USER_LOG_SEND));
+    const uint32_t Client = FindSpid("client");
+    ASSERT_EQ(0u, MSG_SendMsg("client", Client, MSG_AllocMsg(kRequest, 8, 2)));
+    MSG_Msg *pMsg = MSG_RecvMsg("client", kRequest, 1000);
+    ASSERT_NE(nullptr, pMsg);
+    MSG_ReleaseMsg(pMsg);
+    TakeLoggedLines();
+    MSG_UserLogDump(nullptr);
+    std::vector<LoggedLine> Lines = TakeLoggedLines();
+    ASSERT_EQ(3u, Lines.size());
+    char Expected[96];
+    snprintf(Expected, sizeof Expected, "0x%x=>0x%x,2,4,,{0x80000120,8,", Client, Client);
+    EXPECT_NE(std::string::npos, Lines[1].Text.find(Expected)) << Lines[1].Text;
+    EXPECT_NE(std::string::npos, Lines[2].Text.find(Expected)) << Lines[2].Text;
+    MSG_UserLogConfig(4096, 16, 0);
+}
+
+} // namespace
