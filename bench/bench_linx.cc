@@ -1,8 +1,10 @@
-// LINX on the stand-in against a raw AF_UNIX SOCK_SEQPACKET socket pair,
-// measured side by side in one run:
-//   - round trip of a 64-byte signal between two processes (medians, ratio),
+// Messaging on the LINX stand-in against a raw AF_UNIX SOCK_SEQPACKET
+// socket pair, measured side by side in one run:
+//   - round trip of 64 bytes between two processes: raw socket pair,
+//     linx_send/linx_receive, and MSG_SendMsg with the answer routed back
+//     by the sender stack (medians, ratios),
 //   - round trip between two threads of one process (no payload copy),
-//   - one-way throughput of 64 B and 64 KiB signals between two processes.
+//   - one-way throughput of 64 B and 64 KiB, through linx_ and MSG_.
 #include <errno.h>
 #include <sched.h>
 #include <stdio.h>
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include "linx.h"
+#include "orvane.h"
 
 namespace {
 
@@ -184,13 +187,97 @@ double LinxOneWay(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t Count)
     return (NowUs() - Start) / 1e6;
 }
 
+// ---- MSG_ ---------------------------------------------------------------------
+
+constexpr MSG_Type kMsgRequest = 0x100;
+constexpr MSG_Type kMsgAnswer = 0x101;
+constexpr MSG_Type kMsgQuit = 0x7F0;
+
+// Answers requests (bEcho) or just takes them; a quit request is answered
+// with the number of requests taken.
+pid_t StartMsgPeer(const char *pName, bool bEcho)
+{
+    const pid_t Child = fork();
+    if (Child != 0)
+        return Child;
+    MSG_OpenLocal(pName);
+    for (uint32_t Taken = 0;;) {
+        MSG_Msg *pMsg = MSG_RecvAnyMsg(pName, MSG_TIMEOUT_FOREVER);
+        if (pMsg == nullptr)
+            _exit(1);
+        const bool bQuit = MSG_GetType(pMsg) == kMsgQuit;
+        if (bQuit)
+            MSG_SetSequence(pMsg, Taken);
+        if (bQuit || bEcho) {
+            MSG_SetType(pMsg, bQuit ? kMsgAnswer : MSG_GetType(pMsg) | 1);
+            MSG_SendMsg(pName, 0, pMsg);
+        } else {
+            MSG_ReleaseMsg(pMsg);
+        }
+        if (bQuit)
+            _exit(0);
+        Taken++;
+    }
+}
+
+void MsgRounds(uint32_t Peer, int Rounds, std::vector<double> *pSamples)
+{
+    for (int i = 0; i < Rounds; i++) {
+        const double Start = NowUs();
+        MSG_Msg *pMsg = MSG_AllocMsg(kMsgRequest, (uint32_t)i, kPayload - MSG_HEADER_BYTES);
+        if (MSG_SendMsg("bench-msg-client", Peer, pMsg) != 0)
+            Fail("MSG_SendMsg");
+        MSG_Msg *pAnswer = MSG_RecvMsg("bench-msg-client", kMsgAnswer, MSG_TIMEOUT_FOREVER);
+        if (pAnswer == nullptr)
+            Fail("MSG_RecvMsg");
+        MSG_ReleaseMsg(pAnswer);
+        if (pSamples)
+            pSamples->push_back(NowUs() - Start);
+    }
+}
+
+uint32_t StopMsgPeer(uint32_t Peer)
+{
+    while (MSG_SendMsg("bench-msg-client", Peer, MSG_AllocMsg(kMsgQuit, 0, 0)) != 0)
+        sched_yield();
+    MSG_Msg *pAnswer = MSG_RecvMsg("bench-msg-client", kMsgAnswer, 60000);
+    if (pAnswer == nullptr)
+        Fail("stop");
+    const uint32_t Taken = MSG_GetSequence(pAnswer);
+    MSG_ReleaseMsg(pAnswer);
+    return Taken;
+}
+
+void MsgThroughput(LINX *pLinx, int32_t Payload, uint32_t Count)
+{
+    const pid_t Child = StartMsgPeer("bench-msg-sink", false);
+    const uint32_t Peer = Hunt(pLinx, "bench-msg-sink");
+    const double Start = NowUs();
+    for (uint32_t i = 0; i < Count; i++) {
+        MSG_Msg *pMsg = MSG_AllocMsg(kMsgRequest, i, Payload);
+        MSG_Status Status;
+        while ((Status = MSG_SendMsg("bench-msg-client", Peer, pMsg)) == MSG_ERR_LINX) {
+            sched_yield(); // the receiver's queue is full (the message was released)
+            pMsg = MSG_AllocMsg(kMsgRequest, i, Payload);
+        }
+        if (Status != 0)
+            Fail("MSG_SendMsg");
+    }
+    if (StopMsgPeer(Peer) != Count)
+        Fail("MSG one-way count");
+    const double Seconds = (NowUs() - Start) / 1e6;
+    waitpid(Child, nullptr, 0);
+    const double Bytes = Payload + MSG_HEADER_BYTES;
+    printf("MSG one-way %6.0f B: %9.0f msgs/s     %8.1f MB/s\n", Bytes, Count / Seconds, Count * Bytes / Seconds / 1e6);
+}
+
 void Throughput(LINX *pLinx, uint32_t Size, uint32_t Count)
 {
     const pid_t Child = StartLinxPeer("bench-sink", false);
     const LINX_SPID Peer = Hunt(pLinx, "bench-sink");
     const double Seconds = LinxOneWay(pLinx, Peer, Size, Count);
     waitpid(Child, nullptr, 0);
-    printf("one-way %6u B: %9.0f signals/s  %8.1f MB/s\n", Size, Count / Seconds,
+    printf("linx one-way %6u B: %9.0f signals/s  %8.1f MB/s\n", Size, Count / Seconds,
            Count * (double)Size / Seconds / 1e6);
 }
 
@@ -232,27 +319,37 @@ int main()
         Fail("linx_open");
     const pid_t LinxChild = StartLinxPeer("bench-echo", true);
     const LINX_SPID Peer = Hunt(pLinx, "bench-echo");
+    const pid_t MsgChild = StartMsgPeer("bench-msg-echo", true);
+    const uint32_t MsgPeer = Hunt(pLinx, "bench-msg-echo");
+    MSG_OpenLocal("bench-msg-client");
     const RawPeer Raw = StartRawEcho();
 
-    // Warm up both, then alternate blocks so that both see the same machine.
+    // Warm up all three, then alternate blocks so that each sees the same machine.
     RawRounds(Raw, 2000, nullptr);
     LinxRounds(pLinx, Peer, 2000, nullptr);
-    std::vector<double> RawSamples, LinxSamples;
+    MsgRounds(MsgPeer, 2000, nullptr);
+    std::vector<double> RawSamples, LinxSamples, MsgSamples;
     for (int Block = 0; Block < kBlocks; Block++) {
         RawRounds(Raw, kRoundsPerBlock, &RawSamples);
         LinxRounds(pLinx, Peer, kRoundsPerBlock, &LinxSamples);
+        MsgRounds(MsgPeer, kRoundsPerBlock, &MsgSamples);
     }
     StopPeer(pLinx, Peer);
+    StopMsgPeer(MsgPeer);
     waitpid(LinxChild, nullptr, 0);
+    waitpid(MsgChild, nullptr, 0);
     close(Raw.Fd);
     waitpid(Raw.Child, nullptr, 0);
 
     const double RawMedian = Median(RawSamples);
     const double LinxMedian = Median(LinxSamples);
+    const double MsgMedian = Median(MsgSamples);
     printf("round trip, 64 B, two processes (median of %zu):\n", RawSamples.size());
     printf("  raw AF_UNIX SOCK_SEQPACKET   %7.2f us\n", RawMedian);
-    printf("  linx_send/linx_receive       %7.2f us   ratio %.2fx (target <= 2x)\n", LinxMedian,
+    printf("  linx_send/linx_receive       %7.2f us   %.2fx raw (target <= 2x)\n", LinxMedian,
            LinxMedian / RawMedian);
+    printf("  MSG_SendMsg/MSG_RecvMsg      %7.2f us   %.2fx linx_ (target <= 1.10x), %.2fx raw\n", MsgMedian,
+           MsgMedian / LinxMedian, MsgMedian / RawMedian);
 
     std::vector<double> IntraSamples;
     int Copies = 0;
@@ -263,6 +360,9 @@ int main()
 
     Throughput(pLinx, 64, 200000);
     Throughput(pLinx, 64 * 1024, 20000);
+    MsgThroughput(pLinx, kPayload - MSG_HEADER_BYTES, 200000);
+    MsgThroughput(pLinx, 64 * 1024 - MSG_HEADER_BYTES, 20000);
+    MSG_CloseLocal("bench-msg-client");
     linx_close(pLinx);
     return 0;
 }
