@@ -20,9 +20,7 @@ uint32_t MSG_NewOpenCloseTypes()
 {
     pthread_mutex_lock(&gTypeMutex);
     const uint32_t Open = gNextOpenCloseType;
-    gNextOpenCloseType = (gNextOpenCloseType + 2) & ~1u;
-    if (gNextOpenCloseType + 1 >= MSG_NTFY_REQ_REGISTER)
-        gNextOpenCloseType = MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN;
+    gNextOpenCloseType = jNextOpenCloseType(Open);
     pthread_mutex_unlock(&gTypeMutex);
     return Open;
 }

@@ -26,6 +26,14 @@ struct RemoteEndpoint {
     char Name[];           // full LINX path, or empty for a nameless record
 };
 
+// The open type handed out after Current: pairs run 0x10000000/0x10000001
+// up to 0x1FFFFFFE/0x1FFFFFFF, then start again.
+static inline uint32_t jNextOpenCloseType(uint32_t Current)
+{
+    const uint32_t Next = (Current + 2) & ~1u;
+    return Next + 1 >= MSG_NTFY_REQ_REGISTER ? MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN : Next;
+}
+
 // A 56-byte hunt or attach signal of Type (bit 31 set here), handed to LINX
 // and so no longer counted as held by the tracker.
 MSG_Status jAllocEventSignal(LocalEndpoint *pEndpoint, MSG_Type Type, MSG_Msg **ppSignal);

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "log_capture.h"
+#include "msg_remote_endpoint.h"
 #include "msg_test_util.h"
 
 namespace {
@@ -28,6 +29,13 @@ TEST_F(RemoteTable, TypePairsAreFreshEvenOddPairs)
     EXPECT_GE(First, MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN);
     EXPECT_EQ(0u, First % 2);
     EXPECT_EQ(First + 2, Second);
+}
+
+TEST(OpenCloseTypes, PairsWrapToTheStartOfTheRange)
+{
+    EXPECT_EQ(0x10000002u, jNextOpenCloseType(0x10000000));
+    EXPECT_EQ(0x1FFFFFFEu, jNextOpenCloseType(0x1FFFFFFC));
+    EXPECT_EQ(0x10000000u, jNextOpenCloseType(0x1FFFFFFE)) << "0x1FFFFFFE/0x1FFFFFFF is the last pair";
 }
 
 TEST_F(RemoteTable, HuntedOpenClosedAndBack)
