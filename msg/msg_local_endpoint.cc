@@ -91,6 +91,45 @@ int jInfoRequest(LocalEndpoint *p, int32_t Type, void *pRecord)
     return Result;
 }
 
+// A child of fork() does not own its parent's endpoints: their sockets stay
+// the parent's.  It forgets them without a word (the log may be locked by
+// a thread that no longer exists in the child), starting with an empty
+// registry and no current endpoint.  Messages on a forgotten endpoint's
+// handle go with the handle.
+void jForgetEndpoint(LocalEndpoint *p)
+{
+    jFreeList(p->pCallbackHead);
+    jFreeList(p->pNtfyHead);
+    jFreeList(p->pRemoteHead);
+    jFreeList(p->pPendFreeHead);
+    linx_close(p->pLinx);
+    MSG_Free(p);
+}
+
+void jForkPrepare()
+{
+    pthread_mutex_lock(&gRegistryMutex);
+}
+
+void jForkParent()
+{
+    pthread_mutex_unlock(&gRegistryMutex);
+}
+
+void jForkChild()
+{
+    pthread_mutex_init(&gRegistryMutex, nullptr);
+    LocalEndpoint *p = gpRegistryHead;
+    gpRegistryHead = nullptr;
+    while (p != nullptr) {
+        LocalEndpoint *pNext = p->pNext;
+        jForgetEndpoint(p);
+        p = pNext;
+    }
+    if (gbKeyCreated)
+        pthread_setspecific(gMyEndpointKey, nullptr);
+}
+
 } // namespace
 
 void MSG_Init(void)
@@ -103,6 +142,14 @@ void MSG_Init(void)
         return;
     }
     gbKeyCreated = true;
+}
+
+void jWatchForks(void)
+{
+    // Registered after the first LINX socket is open, so that in a child
+    // the LINX layer has dropped its parent's sockets before this runs.
+    static pthread_once_t Once = PTHREAD_ONCE_INIT;
+    pthread_once(&Once, [] { pthread_atfork(jForkPrepare, jForkParent, jForkChild); });
 }
 
 LocalEndpoint *MSG_GetMyEndpoint(void)

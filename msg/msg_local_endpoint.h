@@ -48,6 +48,10 @@ struct LocalEndpoint {
     char Name[];                   // NUL-terminated, inline
 };
 
+// Makes a child of fork() start without its parent's endpoints; called
+// once a LINX socket is open.
+void jWatchForks(void);
+
 // The endpoint a message's owner token names, or null when no open
 // endpoint of this process carries it.
 LocalEndpoint *jEndpointOfToken(uint32_t Token);

@@ -44,6 +44,7 @@ MSG_Status MSG_OpenLocal(const char *pEndpointName)
                    "Did you forget to insmod linx.ko?\n", pName);
         Status = MSG_ERR_LINX;
     } else {
+        jWatchForks();
         Spid = linx_get_spid(pLinx);
         LocalEndpoint *pEndpoint = nullptr;
         Status = MSG_AddLocalEndpoint(pName, pLinx, Spid, bPublic, &pEndpoint);

@@ -33,6 +33,14 @@ int32_t CountEndpoints()
     return Count;
 }
 
+uint32_t FindSpidOf(const char *pName)
+{
+    LINX *pLinx = linx_open("finder", 0, nullptr);
+    const uint32_t Spid = HuntAndWait(pLinx, pName, 2000);
+    linx_close(pLinx);
+    return Spid;
+}
+
 class Endpoints : public testing::Test {
 protected:
     void SetUp() override { TakeLoggedLines(); }
@@ -161,6 +169,28 @@ TEST_F(Endpoints, OpenLocalDualPairsThePublicWithTheCallersPrivate)
     EXPECT_EQ(0u, MSG_OpenLocalDual("dual", &pAgain, &pPublic));
     EXPECT_EQ(pPrivate, pAgain);
     MSG_CloseLocal("dual");
+}
+
+TEST_F(Endpoints, AForkedChildStartsWithoutItsParentsEndpoints)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("forked"));
+    MSG_Msg *pHeld = MSG_AllocMsg(1, 0, 0);
+    ASSERT_NE(nullptr, MSG_GetMyEndpoint());
+    const pid_t Child = StartChild([] {
+        if (MSG_IsLocalOpen("forked") != 0 || MSG_GetMyEndpoint() != nullptr)
+            return 1;
+        if (MSG_OpenLocal("forked") != 0)
+            return 2;
+        MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
+        return pMsg != nullptr && MSG_ReleaseMsg(pMsg) == 0 && MSG_CloseLocal("forked") == 0 ? 0 : 3;
+    });
+    EXPECT_EQ(0, WaitChild(Child));
+    // The parent's endpoints are untouched by the child's end.
+    EXPECT_EQ(0u, MSG_SendMsg("forked", FindSpidOf("forked"), pHeld));
+    MSG_Msg *pBack = MSG_RecvMsg("forked", 1, 2000);
+    ASSERT_NE(nullptr, pBack);
+    MSG_ReleaseMsg(pBack);
+    MSG_CloseLocal("forked");
 }
 
 TEST_F(Endpoints, SocketQueries)
