@@ -211,7 +211,8 @@ void jStartLinxd(const char *pInstance)
     }
 }
 
-int jConnect()
+// Connects to the instance's linxd, starting one if none listens.
+int jConnectOnce()
 {
     const char *pInstance = jInstance();
     if (!linxd_instance_valid(pInstance)) {
@@ -315,17 +316,40 @@ int jCall(int ConnFd, Call *pCall)
 }
 
 // A request that carries only numbers; stores value[0] of the reply.
-int jSimpleCall(const StandinSocket &S, uint32_t Op, uint32_t Arg0, uint32_t Arg1, uint32_t *pValue)
+int jSimpleCall(int ConnFd, uint32_t Op, uint32_t Arg0, uint32_t Arg1, uint32_t *pValue)
 {
     Call C;
     C.Request.op = Op;
     C.Request.arg[0] = Arg0;
     C.Request.arg[1] = Arg1;
-    if (jCall(S.ConnFd, &C) != 0)
+    if (jCall(ConnFd, &C) != 0)
         return -1;
     if (pValue != nullptr)
         *pValue = C.Reply.value[0];
     return 0;
+}
+
+// A connection to a linxd that answers.  A linxd that was just killed may
+// still have taken the connection; its successor is then started and tried.
+int jConnect()
+{
+    constexpr int kTries = 3;
+    for (int Try = 0; Try < kTries; Try++) {
+        const int Fd = jConnectOnce();
+        if (Fd < 0)
+            return -1;
+        uint32_t Version;
+        if (jSimpleCall(Fd, LINXD_OP_VERSION, 0, 0, &Version) == 0)
+            return Fd;
+        const int Error = errno;
+        close(Fd);
+        if (Error != ENOTCONN) {
+            errno = Error;
+            return -1;
+        }
+    }
+    errno = EHOSTUNREACH;
+    return -1;
 }
 
 // A request that hands linxd a signal of the caller's (hunt, attach, timeout).
@@ -859,7 +883,7 @@ int jInfo(const StandinSocket &S, struct linx_info_rec *pInfo)
     case LINX_INFO_OWNER: {
         auto *pRec = (struct linx_info_owner_rec *)pInfo->record;
         uint32_t Pid;
-        if (jSimpleCall(S, LINXD_OP_INFO_OWNER, pRec->spid, 0, &Pid) != 0)
+        if (jSimpleCall(S.ConnFd, LINXD_OP_INFO_OWNER, pRec->spid, 0, &Pid) != 0)
             return -1;
         pRec->pid = (int32_t)Pid;
         return 0;
@@ -880,7 +904,7 @@ int jInfo(const StandinSocket &S, struct linx_info_rec *pInfo)
     }
     case LINX_INFO_RECV_QUEUE: {
         auto *pRec = (struct linx_info_recv_queue_rec *)pInfo->record;
-        return jSimpleCall(S, LINXD_OP_INFO_QUEUE, pRec->spid, 0, &pRec->count);
+        return jSimpleCall(S.ConnFd, LINXD_OP_INFO_QUEUE, pRec->spid, 0, &pRec->count);
     }
     default:
         errno = EINVAL;
@@ -892,7 +916,7 @@ int jDispatch(StandinSocket &S, uint32_t Request, void *pRecord)
 {
     switch (Request) {
     case LINX_IOCTL_VERSION:
-        return jSimpleCall(S, LINXD_OP_VERSION, 0, 0, (uint32_t *)pRecord);
+        return jSimpleCall(S.ConnFd, LINXD_OP_VERSION, 0, 0, (uint32_t *)pRecord);
     case LINX_IOCTL_REGISTER_NAME:
         return jRegister(S, (const struct linx_register_rec *)pRecord);
     case LINX_IOCTL_SEND:
@@ -910,7 +934,7 @@ int jDispatch(StandinSocket &S, uint32_t Request, void *pRecord)
                            &pRec->attref);
     }
     case LINX_IOCTL_DETACH:
-        return jSimpleCall(S, LINXD_OP_DETACH, *(uint32_t *)pRecord, 0, nullptr);
+        return jSimpleCall(S.ConnFd, LINXD_OP_DETACH, *(uint32_t *)pRecord, 0, nullptr);
     case LINX_IOCTL_REQUEST_TMO: {
         auto *pRec = (struct linx_tmo_rec *)pRecord;
         return jSignalCall(S, LINXD_OP_REQUEST_TMO, (uint32_t)pRec->tmo, pRec->sig, pRec->sigsize,
@@ -918,19 +942,19 @@ int jDispatch(StandinSocket &S, uint32_t Request, void *pRecord)
     }
     case LINX_IOCTL_CANCEL_TMO: {
         auto *pRec = (struct linx_tmo_rec *)pRecord;
-        return jSimpleCall(S, LINXD_OP_CANCEL_TMO, pRec->tmoref, 0, nullptr);
+        return jSimpleCall(S.ConnFd, LINXD_OP_CANCEL_TMO, pRec->tmoref, 0, nullptr);
     }
     case LINX_IOCTL_MODIFY_TMO: {
         auto *pRec = (struct linx_tmo_rec *)pRecord;
-        return jSimpleCall(S, LINXD_OP_MODIFY_TMO, pRec->tmoref, (uint32_t)pRec->tmo, nullptr);
+        return jSimpleCall(S.ConnFd, LINXD_OP_MODIFY_TMO, pRec->tmoref, (uint32_t)pRec->tmo, nullptr);
     }
     case LINX_IOCTL_REQUEST_NEW_LINK: {
         auto *pRec = (struct linx_new_link_rec *)pRecord;
-        return jSimpleCall(S, LINXD_OP_REQUEST_NEW_LINK, pRec->spid, 0, &pRec->token);
+        return jSimpleCall(S.ConnFd, LINXD_OP_REQUEST_NEW_LINK, pRec->spid, 0, &pRec->token);
     }
     case LINX_IOCTL_CANCEL_NEW_LINK: {
         auto *pRec = (struct linx_new_link_rec *)pRecord;
-        return jSimpleCall(S, LINXD_OP_CANCEL_NEW_LINK, pRec->token, 0, nullptr);
+        return jSimpleCall(S.ConnFd, LINXD_OP_CANCEL_NEW_LINK, pRec->token, 0, nullptr);
     }
     case LINX_IOCTL_INFO:
         return jInfo(S, (struct linx_info_rec *)pRecord);

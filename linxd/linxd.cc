@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -27,6 +28,9 @@ namespace {
 constexpr uint32_t kDefaultHuntSigNo = 251;
 constexpr uint32_t kDefaultAttachSigNo = 252;
 constexpr uint32_t kDefaultTmoSigNo = 253;
+// Pending hunts, attaches, timeouts and new-link tokens one socket may
+// hold at a time: a runaway client cannot exhaust the service.
+constexpr uint32_t kMaxHeldPerSocket = 4096;
 
 int64_t jNowMs()
 {
@@ -54,6 +58,7 @@ struct Socket {
     uint32_t Slot = 0;
     std::deque<std::string> Backlog; // linxd's signals waiting for queue room
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
+    uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
 };
 
 struct Client {
@@ -112,6 +117,8 @@ private:
     uint32_t jNewSpid();
     uint32_t jNewRef();
     Socket *jFindSocket(uint32_t Spid);
+    bool jHold(uint32_t Spid);
+    void jUnhold(uint32_t Spid);
     bool jSendReply(int Fd, const Reply &R);
     void jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op);
 
@@ -129,10 +136,23 @@ private:
     std::map<uint32_t, Timer> mTimers;
     std::set<std::pair<int64_t, uint32_t>> mTimerOrder;   // (deadline, reference)
     std::map<uint32_t, uint32_t> mNewLinks;               // token -> owner
+    struct Delivery {
+        uint32_t To;
+        uint32_t From;
+        std::string Signal;
+    };
+    std::vector<Delivery> mAfterReply;                    // signals due once a reply is sent
     uint32_t mNextSpid = 0x10000;
     uint32_t mNextRef = 0;
     int64_t mIdleSinceMs = 0;
 };
+
+// An empty read is the end of the connection, or an empty datagram.
+bool jHungUp(int Fd)
+{
+    struct pollfd P = {Fd, POLLRDHUP, 0};
+    return poll(&P, 1, 0) > 0 && (P.revents & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
+}
 
 Reply jError(int Error)
 {
@@ -231,6 +251,22 @@ Socket *Service::jFindSocket(uint32_t Spid)
     return It == mSockets.end() ? nullptr : &It->second;
 }
 
+// Counts one more item requested by Spid, unless it holds its maximum.
+bool Service::jHold(uint32_t Spid)
+{
+    Socket *pS = jFindSocket(Spid);
+    if (pS == nullptr || pS->Held >= kMaxHeldPerSocket)
+        return false;
+    pS->Held++;
+    return true;
+}
+
+void Service::jUnhold(uint32_t Spid)
+{
+    if (Socket *pS = jFindSocket(Spid))
+        pS->Held--;
+}
+
 bool Service::jSendReply(int Fd, const Reply &R)
 {
     linxd_reply Header = R.Header;
@@ -259,7 +295,7 @@ void Service::jServeClient(int Fd)
     const ssize_t Got = recv(Fd, Buffer.data(), Buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (Got < 0 && (errno == EAGAIN || errno == EINTR))
         return;
-    if (Got <= 0) {
+    if (Got < 0 || (Got == 0 && jHungUp(Fd))) {
         jDropClient(Fd); // the client closed its socket or vanished
         return;
     }
@@ -285,6 +321,10 @@ void Service::jServeClient(int Fd)
     const bool bSent = jSendReply(Fd, R);
     if (R.Fds[0] >= 0 && R.Header.result == 0 && Req.op == LINXD_OP_REGISTER)
         close(R.Fds[0]); // the outlet now belongs to the client alone
+    std::vector<Delivery> Due;
+    Due.swap(mAfterReply);
+    for (const Delivery &D : Due)
+        jDeliver(D.To, D.From, D.Signal);
     if (!bSent)
         jDropClient(Fd); // a client that does not read its replies is gone
 }
@@ -313,6 +353,7 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
         if (It == mAttaches.end() || It->second.Attacher != C.Spid)
             return jError(EINVAL);
         mAttaches.erase(It);
+        jUnhold(C.Spid);
         return jValue(0);
     }
     case LINXD_OP_REQUEST_TMO:
@@ -327,6 +368,7 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
         mTimerOrder.erase({It->second.DeadlineMs, Arg0});
         if (Req.op == LINXD_OP_CANCEL_TMO) {
             mTimers.erase(It);
+            jUnhold(C.Spid);
         } else {
             It->second.DeadlineMs = jNowMs() + (int32_t)Req.arg[1];
             mTimerOrder.insert({It->second.DeadlineMs, Arg0});
@@ -336,14 +378,20 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
     case LINXD_OP_REQUEST_NEW_LINK: {
         // The stand-in has no links to other nodes, so no new-link signal
         // ever arrives; the token is kept until cancelled or closed.
+        if (!jHold(C.Spid))
+            return jError(ENOBUFS);
         const uint32_t Token = jNewRef();
         mNewLinks[Token] = C.Spid;
         return jValue(Token);
     }
-    case LINXD_OP_CANCEL_NEW_LINK:
-        if (mNewLinks.erase(Arg0) == 0)
+    case LINXD_OP_CANCEL_NEW_LINK: {
+        auto It = mNewLinks.find(Arg0);
+        if (It == mNewLinks.end() || It->second != C.Spid)
             return jError(EINVAL);
+        mNewLinks.erase(It);
+        jUnhold(C.Spid);
         return jValue(0);
+    }
     default: // the queries: name, owner, statistics, queue, inlet
         return jInfo(Req.op, Arg0);
     }
@@ -391,14 +439,14 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     R.Fds[0] = Pair[1];
     R.Fds[1] = mRegionFd;
 
-    // Hunts waiting for this name are answered now, from the new socket.
+    // Hunts waiting for this name are answered once the reply is out, so
+    // that nobody learns of the socket before its owner does.
     auto Range = mHunts.equal_range(Name);
-    std::vector<Hunt> Found;
-    for (auto It = Range.first; It != Range.second; ++It)
-        Found.push_back(It->second);
+    for (auto It = Range.first; It != Range.second; ++It) {
+        jUnhold(It->second.Requester);
+        mAfterReply.push_back({It->second.OnBehalf, Spid, std::move(It->second.Signal)});
+    }
     mHunts.erase(Range.first, Range.second);
-    for (const Hunt &H : Found)
-        jDeliver(H.OnBehalf, Spid, H.Signal);
     return R;
 }
 
@@ -412,6 +460,8 @@ Reply Service::jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std:
         jDeliver(OnBehalf, Named->second.front(), Signal);
         return jValue(0);
     }
+    if (!jHold(C.Spid))
+        return jError(ENOBUFS);
     mHunts.insert({Name, Hunt{C.Spid, OnBehalf, std::move(Signal)}});
     return jValue(0);
 }
@@ -423,6 +473,8 @@ Reply Service::jAttach(Client &C, uint32_t Target, std::string Signal)
         jDeliver(C.Spid, Target, Signal); // not open: it is already gone
         return jValue(Ref);
     }
+    if (!jHold(C.Spid))
+        return jError(ENOBUFS);
     mAttaches[Ref] = Attach{C.Spid, Target, std::move(Signal)};
     return jValue(Ref);
 }
@@ -431,6 +483,8 @@ Reply Service::jRequestTmo(Client &C, int32_t Ms, std::string Signal)
 {
     if (Ms < 0)
         return jError(EINVAL);
+    if (!jHold(C.Spid))
+        return jError(ENOBUFS);
     const uint32_t Ref = jNewRef();
     const int64_t Deadline = jNowMs() + Ms;
     mTimers[Ref] = Timer{C.Spid, Deadline, std::move(Signal)};
@@ -535,13 +589,21 @@ void Service::jCloseSocket(uint32_t Spid)
     mFreeSlots.push_back(S.Slot);
     mSockets.erase(It);
 
-    for (auto H = mHunts.begin(); H != mHunts.end();)
-        H = (H->second.OnBehalf == Spid || H->second.Requester == Spid) ? mHunts.erase(H) : ++H;
+    // What others requested about the closed socket no longer counts for them.
+    for (auto H = mHunts.begin(); H != mHunts.end();) {
+        const bool bDropped = H->second.OnBehalf == Spid || H->second.Requester == Spid;
+        if (bDropped)
+            jUnhold(H->second.Requester);
+        H = bDropped ? mHunts.erase(H) : ++H;
+    }
     std::vector<Attach> Fired;
     for (auto A = mAttaches.begin(); A != mAttaches.end();) {
+        const bool bDropped = A->second.Target == Spid || A->second.Attacher == Spid;
         if (A->second.Target == Spid)
             Fired.push_back(A->second);
-        A = (A->second.Target == Spid || A->second.Attacher == Spid) ? mAttaches.erase(A) : ++A;
+        if (bDropped)
+            jUnhold(A->second.Attacher);
+        A = bDropped ? mAttaches.erase(A) : ++A;
     }
     for (auto T = mTimers.begin(); T != mTimers.end();) {
         if (T->second.Owner == Spid) {
@@ -579,6 +641,7 @@ void Service::jFireTimers()
         mTimerOrder.erase(mTimerOrder.begin());
         Timer T = std::move(mTimers[Ref]);
         mTimers.erase(Ref);
+        jUnhold(T.Owner);
         jDeliver(T.Owner, T.Owner, T.Signal);
     }
 }

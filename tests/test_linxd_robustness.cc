@@ -118,6 +118,53 @@ TEST_F(LinxdRobustness, GarbageAndTruncatedRequestsAreRefused)
     ExpectServing();
 }
 
+TEST_F(LinxdRobustness, RandomRequestsNeverStopIt)
+{
+    const int Fd = RawConnect(TestInstance());
+    ASSERT_GE(Fd, 0);
+    ASSERT_EQ(0, RawRequest(Fd, LINXD_OP_REGISTER, 0, "noise").Header.result);
+    unsigned Seed = 12345;
+    char Datagram[512];
+    for (int i = 0; i < 3000; i++) {
+        const size_t Len = (size_t)(rand_r(&Seed) % (int)sizeof Datagram);
+        for (size_t b = 0; b < Len; b++)
+            Datagram[b] = (char)rand_r(&Seed);
+        if (Len >= sizeof(linxd_request) && i % 2 == 0) {
+            // A well-formed head with random operation, arguments and sizes.
+            linxd_request Req = {LINXD_PROTOCOL_MAGIC, (uint32_t)(rand_r(&Seed) % 20),
+                                 {(uint32_t)rand_r(&Seed), (uint32_t)rand_r(&Seed) % 100},
+                                 (uint32_t)(rand_r(&Seed) % 40), (uint32_t)(rand_r(&Seed) % 40)};
+            memcpy(Datagram, &Req, sizeof Req);
+        }
+        linxd_reply Reply;
+        send(Fd, Datagram, Len, MSG_NOSIGNAL);
+        ASSERT_GE(recv(Fd, &Reply, sizeof Reply, 0), (ssize_t)sizeof Reply) << "every request is answered";
+    }
+    close(Fd);
+    ExpectServing();
+}
+
+TEST_F(LinxdRobustness, OneClientCannotHoldWithoutLimit)
+{
+    const int Fd = RawConnect(TestInstance());
+    const RawReply Registered = RawRequest(Fd, LINXD_OP_REGISTER, 0, "greedy");
+    ASSERT_EQ(0, Registered.Header.result);
+    close(Registered.Fd);
+    int Granted = 0;
+    for (int i = 0; i < 5000; i++)
+        Granted += RawRequest(Fd, LINXD_OP_REQUEST_TMO, 1000000).Header.result == 0;
+    EXPECT_EQ(4096, Granted);
+    EXPECT_EQ(ENOBUFS, RawRequest(Fd, LINXD_OP_HUNT, Registered.Header.value[0], "nobody").Header.error);
+    EXPECT_EQ(ENOBUFS, RawRequest(Fd, LINXD_OP_REQUEST_NEW_LINK, 0).Header.error);
+    // Others are served as before, and the limit goes with the client.
+    ExpectServing();
+    close(Fd);
+    const int Again = RawConnect(TestInstance());
+    ASSERT_EQ(0, RawRequest(Again, LINXD_OP_REGISTER, 0, "greedy").Header.result);
+    EXPECT_EQ(0, RawRequest(Again, LINXD_OP_REQUEST_TMO, 1000000).Header.result);
+    close(Again);
+}
+
 TEST_F(LinxdRobustness, VanishingClientsAreCleanedUp)
 {
     // Connect and leave; send a request and leave before the reply.
@@ -187,6 +234,10 @@ TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
     ASSERT_EQ(1u, Linxd.size());
     const pid_t Waiter = StartChild([] {
         LINX *p = linx_open("waiter", 0, nullptr);
+        if (p == nullptr) {
+            fprintf(stderr, "waiter: linx_open: %s\n", strerror(errno));
+            return 2;
+        }
         union LINX_SIGNAL *pSig = nullptr;
         // Blocks without limit until linxd goes away.
         const int Result = linx_receive(p, &pSig, nullptr);
@@ -204,7 +255,7 @@ TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
     linx_close(pLinx);
     // The next client starts a new linxd.
     pLinx = linx_open("robust", 0, nullptr);
-    ASSERT_NE(nullptr, pLinx);
+    ASSERT_NE(nullptr, pLinx) << strerror(errno);
     ExpectServing();
 }
 
