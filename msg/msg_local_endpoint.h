@@ -27,6 +27,7 @@
 
 struct PendFreeEntry;
 struct CallbackEntry;
+struct RemoteEndpoint;
 
 struct LocalEndpoint {
     struct LocalEndpoint *pPrev;   // registry neighbours, newest first
@@ -38,7 +39,7 @@ struct LocalEndpoint {
     pthread_mutex_t PendFreeMutex;
     struct PendFreeEntry *pPendFreeHead; // deferred releases
     pthread_mutex_t RemoteMutex;
-    void *pRemoteHead;             // remote endpoint table
+    struct RemoteEndpoint *pRemoteHead; // remote endpoint table
     pthread_mutex_t CallbackMutex;
     struct CallbackEntry *pCallbackHead;
     pthread_mutex_t NtfyMutex;

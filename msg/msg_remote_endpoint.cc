@@ -25,11 +25,6 @@ uint32_t MSG_NewOpenCloseTypes()
     return Open;
 }
 
-RemoteEndpoint *&jHead(LocalEndpoint *p)
-{
-    return *(RemoteEndpoint **)&p->pRemoteHead;
-}
-
 RemoteEndpoint *jNewRecord(const char *pName, uint32_t RemoteId, uint32_t bDelOnClose)
 {
     const size_t NameBytes = strlen(pName) + 1;
@@ -48,14 +43,14 @@ RemoteEndpoint *jNewRecord(const char *pName, uint32_t RemoteId, uint32_t bDelOn
 
 void jInsert_NeedsLock(LocalEndpoint *pMyEndpoint, RemoteEndpoint *p)
 {
-    p->pNext = jHead(pMyEndpoint);
-    jHead(pMyEndpoint) = p;
+    p->pNext = pMyEndpoint->pRemoteHead;
+    pMyEndpoint->pRemoteHead = p;
 }
 
 // The link that points at the first record Match accepts, or null.
 template <typename Predicate> RemoteEndpoint **jFindLink_NeedsLock(LocalEndpoint *pMyEndpoint, Predicate Match)
 {
-    for (RemoteEndpoint **ppLink = &jHead(pMyEndpoint); *ppLink != nullptr; ppLink = &(*ppLink)->pNext)
+    for (RemoteEndpoint **ppLink = &pMyEndpoint->pRemoteHead; *ppLink != nullptr; ppLink = &(*ppLink)->pNext)
         if (Match(**ppLink))
             return ppLink;
     return nullptr;
@@ -331,7 +326,7 @@ MSG_Status MSG_AttachAsNeeded(LocalEndpoint *pMyEndpoint)
 {
     MSG_Status Result = MSG_OK;
     pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
-    for (RemoteEndpoint *p = jHead(pMyEndpoint); p != nullptr; p = p->pNext) {
+    for (RemoteEndpoint *p = pMyEndpoint->pRemoteHead; p != nullptr; p = p->pNext) {
         if (p->RemoteId == 0 || p->bAttached)
             continue;
         const MSG_Status Status = MSG_LinxAttach(pMyEndpoint, p);
