@@ -126,7 +126,7 @@ void jForkChild()
     new (&gTableMutex) std::shared_mutex();
     for (auto &Entry : gByFd) {
         StandinSocket &S = *Entry.second;
-        for (int Fd : {S.PollFd, S.ConnFd, S.OutletFd, S.ReadyFd, S.ArrivalFd})
+        for (int Fd : {S.PollFd, S.ConnFd, S.OutletFd}) // the record's destructor closes the rest
             if (Fd >= 0)
                 close(Fd);
     }
