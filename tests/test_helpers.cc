@@ -2,24 +2,11 @@
 // the extra-flag bits of a message header.
 #include <gtest/gtest.h>
 
-#include <stddef.h>
 #include <string.h>
 
 #include "orvane.h"
 
 namespace {
-
-TEST(Helpers, HeaderLayoutIsFixed)
-{
-    EXPECT_EQ(0u, offsetof(MSG_Msg, MsgType));
-    EXPECT_EQ(4u, offsetof(MSG_Msg, Sequence));
-    EXPECT_EQ(8u, offsetof(MSG_Msg, SendStackSize));
-    EXPECT_EQ(12u, offsetof(MSG_Msg, SendStack));
-    EXPECT_EQ(44u, offsetof(MSG_Msg, pOwner));
-    EXPECT_EQ(48u, offsetof(MSG_Msg, InUseMagic));
-    EXPECT_EQ(52u, offsetof(MSG_Msg, PayloadBytes));
-    EXPECT_EQ(56u, sizeof(MSG_Msg));
-}
 
 TEST(Helpers, ElapsedTimeTruncatesTowardZero)
 {
@@ -86,15 +73,6 @@ TEST(Helpers, ExtraFlagsKeepTheSendStackSize)
     MSG_SetExtraFlags(&Msg, 0xABCDEF00);
     EXPECT_EQ(0xABCDEF00u, MSG_GetExtraFlags(&Msg));
     EXPECT_EQ(3u, Msg.SendStackSize);
-}
-
-TEST(Helpers, DebugFlagWordIsStoredWhole)
-{
-    EXPECT_EQ(0u, MSG_DebugSetFlag(0x80000401u));
-    EXPECT_EQ(0x80000401u, MSG_DebugGetFlag());
-    EXPECT_EQ(0x80000401u, DebugFlag);
-    EXPECT_EQ(0u, MSG_DebugSetName());
-    MSG_DebugSetFlag(0);
 }
 
 } // namespace
