@@ -3,6 +3,7 @@
 #include "linx_standin.h"
 
 #include <dlfcn.h>
+#include <spawn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -15,7 +16,6 @@
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -189,24 +189,18 @@ std::string jLinxdPath()
     return Slash == std::string::npos ? "linxd" : Path.substr(0, Slash + 1) + "linxd";
 }
 
-// Starts linxd detached from this process (its own session, reparented to
-// init), so that it outlives the client that started it.
+// Starts linxd.  posix_spawn runs no fork handlers, so this is safe while
+// other threads of the process hold library locks; linxd detaches itself
+// (its own session, reparented to init), and the short-lived process
+// spawned here is reaped at once.
 void jStartLinxd(const char *pInstance)
 {
     const std::string Path = jLinxdPath();
-    const char *Argv[] = {"linxd", "--instance", pInstance, nullptr};
-    const pid_t Child = fork();
-    if (Child < 0)
+    char *const Argv[] = {(char *)"linxd", (char *)"--instance", (char *)pInstance, nullptr};
+    pid_t Child;
+    if (posix_spawn(&Child, Path.c_str(), nullptr, nullptr, Argv, environ) != 0 &&
+        posix_spawnp(&Child, "linxd", nullptr, nullptr, Argv, environ) != 0)
         return;
-    if (Child == 0) {
-        setsid();
-        if (fork() != 0)
-            _exit(0);
-        syscall(SYS_close_range, 3, ~0U, 0);
-        execv(Path.c_str(), (char *const *)Argv);
-        execvp("linxd", (char *const *)Argv);
-        _exit(127);
-    }
     while (waitpid(Child, nullptr, 0) < 0 && errno == EINTR) {
     }
 }
@@ -315,14 +309,20 @@ int jCall(int ConnFd, Call *pCall)
     return 0;
 }
 
+// A request that carries only numbers, into pCall.
+int jNumbersCall(int ConnFd, Call *pCall, uint32_t Op, uint32_t Arg0, uint32_t Arg1 = 0)
+{
+    pCall->Request.op = Op;
+    pCall->Request.arg[0] = Arg0;
+    pCall->Request.arg[1] = Arg1;
+    return jCall(ConnFd, pCall);
+}
+
 // A request that carries only numbers; stores value[0] of the reply.
 int jSimpleCall(int ConnFd, uint32_t Op, uint32_t Arg0, uint32_t Arg1, uint32_t *pValue)
 {
     Call C;
-    C.Request.op = Op;
-    C.Request.arg[0] = Arg0;
-    C.Request.arg[1] = Arg1;
-    if (jCall(ConnFd, &C) != 0)
+    if (jNumbersCall(ConnFd, &C, Op, Arg0, Arg1) != 0)
         return -1;
     if (pValue != nullptr)
         *pValue = C.Reply.value[0];
@@ -516,9 +516,7 @@ std::shared_ptr<Inlet> jGetInlet(const StandinSocket &S, uint32_t To)
             return It->second;
     }
     Call C;
-    C.Request.op = LINXD_OP_GET_INLET;
-    C.Request.arg[0] = To;
-    if (jCall(S.ConnFd, &C) != 0)
+    if (jNumbersCall(S.ConnFd, &C, LINXD_OP_GET_INLET, To) != 0)
         return nullptr;
     if (C.Fds[0] < 0 || C.Reply.value[0] >= LINXD_MAX_SOCKETS) {
         jCloseIf(C.Fds[0]);
@@ -860,9 +858,7 @@ int jInfo(const StandinSocket &S, struct linx_info_rec *pInfo)
     case LINX_INFO_NAME: {
         auto *pRec = (struct linx_info_name_rec *)pInfo->record;
         Call C;
-        C.Request.op = LINXD_OP_INFO_NAME;
-        C.Request.arg[0] = pRec->spid;
-        if (jCall(S.ConnFd, &C) != 0)
+        if (jNumbersCall(S.ConnFd, &C, LINXD_OP_INFO_NAME, pRec->spid) != 0)
             return -1;
         const int32_t Needed = (int32_t)C.Reply.data_len; // counts the terminator
         if (Needed <= 0) {
@@ -891,9 +887,7 @@ int jInfo(const StandinSocket &S, struct linx_info_rec *pInfo)
     case LINX_INFO_STAT: {
         auto *pRec = (struct linx_info_stat *)pInfo->record;
         Call C;
-        C.Request.op = LINXD_OP_INFO_STAT;
-        C.Request.arg[0] = pRec->spid;
-        if (jCall(S.ConnFd, &C) != 0)
+        if (jNumbersCall(S.ConnFd, &C, LINXD_OP_INFO_STAT, pRec->spid) != 0)
             return -1;
         if (C.Reply.data_len != sizeof *pRec) {
             errno = EPROTO;

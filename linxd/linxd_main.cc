@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <string>
@@ -51,16 +52,22 @@ bool jParseVersion(const char *pText, uint32_t *pWord)
     return true;
 }
 
-// Started by a client: no terminal, nothing inherited on the standard streams.
-void jDetachStreams()
+// Without --foreground linxd runs as a daemon: nothing inherited but the
+// standard streams, and those on /dev/null; its own session; and the
+// process that started it (a client waiting for it) ends at once.
+void jDaemonize()
 {
+    syscall(SYS_close_range, 3, ~0U, 0);
     const int Null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (Null < 0)
-        return;
-    dup2(Null, 0);
-    dup2(Null, 1);
-    dup2(Null, 2);
-    close(Null);
+    if (Null >= 0) {
+        dup2(Null, 0);
+        dup2(Null, 1);
+        dup2(Null, 2);
+        close(Null);
+    }
+    if (fork() != 0)
+        _exit(0);
+    setsid();
 }
 
 } // namespace
@@ -103,6 +110,6 @@ int main(int argc, char **argv)
         return 2;
     }
     if (!Options.bForeground)
-        jDetachStreams();
+        jDaemonize();
     return LinxdRun(Options);
 }

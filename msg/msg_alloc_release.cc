@@ -12,6 +12,7 @@
 
 #include "msg_local_endpoint.h"
 #include "msg_main.h"
+#include "msg_open_close.h"
 
 static_assert(offsetof(MSG_Msg, MsgType) == 0, "header layout");
 static_assert(offsetof(MSG_Msg, Sequence) == 4, "header layout");
@@ -35,19 +36,6 @@ constexpr uint32_t kMaxOwnerNameBytes = 128;
 LocalEndpoint *jOwnerOf(const MSG_Msg *pMsg)
 {
     return jEndpointOfToken(pMsg->pOwner);
-}
-
-// The calling thread's endpoint, opened on demand.
-MSG_Status jMyEndpoint(LocalEndpoint **ppEndpoint)
-{
-    *ppEndpoint = MSG_GetMyEndpoint();
-    if (*ppEndpoint != nullptr)
-        return MSG_OK;
-    const MSG_Status Status = MSG_OpenLocal(nullptr);
-    if (Status != MSG_OK)
-        return Status;
-    *ppEndpoint = MSG_GetMyEndpoint();
-    return *ppEndpoint != nullptr ? MSG_OK : MSG_ERR_NOT_OPEN;
 }
 
 bool jIsPending_NeedsLock(const LocalEndpoint *pEndpoint, const MSG_Msg *pMsg)
@@ -232,7 +220,7 @@ MSG_Msg *MSG_AllocMsg_Internal(MSG_Type MsgType, uint32_t Seq, int32_t PayloadBy
     MSG_Msg *pMsg = nullptr;
     MSG_Status Status = PayloadBytes < 0 || PayloadBytes > INT32_MAX - MSG_HEADER_BYTES
                             ? MSG_ERR_WRONG_PARAMETER
-                            : jMyEndpoint(&pEndpoint);
+                            : jOpenMyEndpoint(&pEndpoint);
     if (Status == MSG_OK)
         Status = MSG_AllocMsg_Private(pEndpoint, MsgType, PayloadBytes + MSG_HEADER_BYTES, &pMsg);
     if (Status == MSG_OK) {
@@ -292,7 +280,7 @@ MSG_Status MSG_CloneMsg(const MSG_Msg *pOriginal, MSG_Msg **pClone)
     LocalEndpoint *pEndpoint = MSG_GetMyEndpoint();
     MSG_Status Status = MSG_ERR_WRONG_PARAMETER;
     if (pOriginal != nullptr && pClone != nullptr) {
-        Status = jMyEndpoint(&pEndpoint);
+        Status = jOpenMyEndpoint(&pEndpoint);
         if (Status == MSG_OK)
             Status = MSG_Clone_Private(pEndpoint, pOriginal, pClone);
     }

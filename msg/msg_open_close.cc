@@ -94,14 +94,19 @@ MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivate
     *pPublicEndpoint = MSG_GetLocalEndpoint(pName);
     if (*pPublicEndpoint == nullptr)
         return MSG_ERR_NOT_OPEN;
-    *pPrivateEndpoint = MSG_GetMyEndpoint();
-    if (*pPrivateEndpoint != nullptr)
+    return jOpenMyEndpoint(pPrivateEndpoint);
+}
+
+MSG_Status jOpenMyEndpoint(LocalEndpoint **ppEndpoint)
+{
+    *ppEndpoint = MSG_GetMyEndpoint();
+    if (*ppEndpoint != nullptr)
         return MSG_OK;
     const MSG_Status Status = MSG_OpenLocal(nullptr);
     if (Status != MSG_OK)
         return Status;
-    *pPrivateEndpoint = MSG_GetMyEndpoint();
-    return *pPrivateEndpoint != nullptr ? MSG_OK : MSG_ERR_NOT_OPEN;
+    *ppEndpoint = MSG_GetMyEndpoint();
+    return *ppEndpoint != nullptr ? MSG_OK : MSG_ERR_NOT_OPEN;
 }
 
 MSG_Status MSG_LinxHunt(LocalEndpoint *pEndpoint, const char *pRemoteName, MSG_Type MsgTypeOpen)

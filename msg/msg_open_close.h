@@ -11,6 +11,10 @@
 extern "C" MSG_API MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivateEndpoint,
                              LocalEndpoint **pPublicEndpoint);
 
+// The calling thread's current endpoint, opening its private endpoint when
+// it has none: 0, MSG_OpenLocal's failure, or 302.
+MSG_Status jOpenMyEndpoint(LocalEndpoint **ppEndpoint);
+
 // Hunts for a remote name on behalf of the endpoint; the answer arrives as
 // a message of MsgTypeOpen.
 MSG_Status MSG_LinxHunt(LocalEndpoint *pEndpoint, const char *pRemoteName, MSG_Type MsgTypeOpen);

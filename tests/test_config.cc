@@ -11,7 +11,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "in_child.h"
 #include "log_capture.h"
 #include "orvane.h"
 
@@ -86,20 +86,6 @@ std::string Lookup(const char *pName)
     return Out;
 }
 
-template <typename Body> void InChild(Body Run)
-{
-    fflush(nullptr);
-    const pid_t Child = fork();
-    ASSERT_NE(-1, Child);
-    if (Child == 0) {
-        TakeLoggedLines();
-        Run();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int Status = 0;
-    waitpid(Child, &Status, 0);
-    EXPECT_TRUE(WIFEXITED(Status) && WEXITSTATUS(Status) == 0) << "see the child's failures above";
-}
 
 bool Logged(const std::vector<LoggedLine> &Lines, const std::string &Text)
 {
@@ -112,7 +98,8 @@ bool Logged(const std::vector<LoggedLine> &Lines, const std::string &Text)
 TEST(Config, MissingFileIsTriedOnceAndNamesMapToThemselves)
 {
     gFeedPath.clear();
-    InChild([] {
+    RunInChild([] {
+        TakeLoggedLines(); // what the parent logged before the fork
         EXPECT_EQ("alpha", Lookup("alpha"));
         EXPECT_EQ("beta", Lookup("beta"));
         EXPECT_EQ(1, gStats.load());
@@ -128,7 +115,7 @@ TEST(Config, LinkSubstitutionFirstMatchWins)
 {
     gFeedPath = WriteFeed(Entry("alpha", "lnk1") + Entry("plain") + Entry("alpha", "lnk2") +
                           Entry(std::string(200, 'n'), "l"));
-    InChild([] {
+    RunInChild([] {
         MSG_DebugSetFlag(MSG_DEBUG_LOG_SUCCESS);
         EXPECT_EQ("lnk1/alpha", Lookup("alpha"));
         EXPECT_TRUE(Logged(TakeLoggedLines(), "subst remote ep \"lnk1/alpha\"\n"));
@@ -143,7 +130,7 @@ TEST(Config, LinkSubstitutionFirstMatchWins)
 TEST(Config, UnparsableFileFallsBackToBareNames)
 {
     gFeedPath = WriteFeed(Entry("", "lnk1")); // an Endpoint without its required name
-    InChild([] {
+    RunInChild([] {
         EXPECT_EQ("alpha", Lookup("alpha"));
         std::vector<LoggedLine> Lines = TakeLoggedLines();
         EXPECT_TRUE(Logged(Lines, "system function error: ParseFromArray, buf addr 0x"));
@@ -151,7 +138,7 @@ TEST(Config, UnparsableFileFallsBackToBareNames)
     });
     unlink(gFeedPath.c_str());
     gFeedPath = WriteFeed("\xff\xff\xff garbage");
-    InChild([] { EXPECT_EQ("alpha", Lookup("alpha")); });
+    RunInChild([] { EXPECT_EQ("alpha", Lookup("alpha")); });
     unlink(gFeedPath.c_str());
 }
 
@@ -168,7 +155,7 @@ TEST(ConfigThreaded, FirstLookupsRacingSeeTheWholeFile)
     for (int i = 0; i < 500; i++)
         Bytes += Entry("ep" + std::to_string(i), "link");
     gFeedPath = WriteFeed(Bytes);
-    InChild([] {
+    RunInChild([] {
         std::vector<std::thread> Threads;
         std::atomic<int> Wrong{0};
         for (int t = 0; t < 6; t++)

@@ -13,11 +13,11 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+#include "in_child.h"
 #include "log_capture.h"
 #include "orvane.h"
 
@@ -95,22 +95,6 @@ Identity jRead()
     return Id;
 }
 
-// Runs Body in a child process with a fresh identity cache; the child's
-// gtest failures are reported through its exit code.
-template <typename Body> void jInChild(Body Run)
-{
-    fflush(nullptr);
-    const pid_t Child = fork();
-    ASSERT_NE(-1, Child);
-    if (Child == 0) {
-        Run();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int Status = 0;
-    ASSERT_EQ(Child, waitpid(Child, &Status, 0));
-    ASSERT_TRUE(WIFEXITED(Status));
-    EXPECT_EQ(0, WEXITSTATUS(Status)) << "see the child's failures above";
-}
 
 std::string jArgv(const std::string &Argv0)
 {
@@ -129,7 +113,7 @@ TEST(Identity, HalvoIndexIsAPlainSubstringTest)
     gSelfLine = jArgv("/system/bin/radiod");
     for (const Case &C : Cases) {
         gpKernelLine = C.pLine;
-        jInChild([&] {
+        RunInChild([&] {
             Identity Id = jRead();
             EXPECT_EQ(C.Halvo, Id.Halvo) << C.pLine;
             if (C.Halvo >= 0) {
@@ -157,7 +141,7 @@ TEST(Identity, ProgramNameIsTheCutBaseNameOfArgv0)
     };
     for (const Case &C : Cases) {
         gSelfLine = jArgv(C.Argv0);
-        jInChild([&] { EXPECT_EQ(C.ProgName, jRead().ProgName) << C.Argv0; });
+        RunInChild([&] { EXPECT_EQ(C.ProgName, jRead().ProgName) << C.Argv0; });
     }
 }
 
@@ -165,7 +149,7 @@ TEST(Identity, UnreadableKernelLineIsRetriedOnEveryCall)
 {
     gSelfLine = jArgv("/system/bin/radiod");
     gpKernelLine = nullptr;
-    jInChild([] {
+    RunInChild([] {
         Identity Id = jRead();
         EXPECT_EQ(-1, Id.Halvo);
         EXPECT_EQ(0u, Id.Pid);
@@ -193,7 +177,7 @@ TEST(Identity, UnopenableProgramLineLeavesTheNameEmptyForGood)
 {
     gpKernelLine = "ep0\n";
     gbSelfUnopenable = true;
-    jInChild([] {
+    RunInChild([] {
         EXPECT_EQ(0u, MSG_GetProcessInfo(nullptr, nullptr, nullptr));
         gbSelfUnopenable = false;
         Identity Id = jRead();
@@ -209,7 +193,7 @@ TEST(IdentityThreaded, ConcurrentFirstCallsLoadOnce)
     gpKernelLine = "ep1\n";
     gSelfLine = jArgv("/usr/bin/worker");
     gKernelOpens = 0;
-    jInChild([] {
+    RunInChild([] {
         std::vector<std::thread> Threads;
         std::atomic<int> Mismatches{0};
         for (int i = 0; i < 8; i++)
