@@ -281,6 +281,68 @@ MSG_API MSG_Status MSG_RegisterCloseCallback(const char *pLocalName, const char 
                                              uint32_t RemoteId, MSG_CallbackFunc pFunc,
                                              void *pContext, uint32_t bJustOnce);
 
+/* ---- Opening and closing remote endpoints ---------------------------------
+ * A peer is reached by its name, resolved through the configuration, in
+ * the table of one of the program's public endpoints, whose receive loop
+ * (MSG_RecvAnyMsg) delivers the peer's open and close messages.
+ *
+ * MSG_OpenRemoteAsync returns at once; pOpenCallback runs in the receive
+ * loop's thread when the peer appears, pCloseCallback (may be null) when it
+ * goes, each with a message whose sender is the peer.  Give both with a
+ * range of 0..0; bOneShot 0 keeps the peer across its restarts (the
+ * callbacks fire at every appearance and loss), 1 forgets it at its first
+ * loss.  The hunt is made from the public endpoint: called from another
+ * thread while its loop waits, the call waits for that wait to end.  306
+ * when the peer is open already, 309 while it is being looked for.
+ *
+ * MSG_OpenRemoteSync waits on the calling thread's private endpoint, up to
+ * TimeoutMillisec (-1: without limit; 0: only if the peer exists), and
+ * stores the peer's LINX id; 101 when it did not appear in time.  The peer
+ * is forgotten when it goes; no callback runs.
+ *
+ * MSG_CloseRemote forgets a peer and the callbacks registered for it. */
+MSG_API MSG_Status MSG_OpenRemoteAsync(const char *pLocalName, const char *pRemoteName,
+                                       const MSG_Callback *pOpenCallback,
+                                       const MSG_Callback *pCloseCallback);
+MSG_API MSG_Status MSG_OpenRemoteSync(const char *pLocalName, const char *pRemoteName,
+                                      int32_t TimeoutMillisec, uint32_t *pRemoteId);
+MSG_API MSG_Status MSG_CloseRemote(const char *pLocalName, const char *pRemoteName);
+/* The one place a hunt is made: the answer is a message of MsgTypeOpen. */
+MSG_API MSG_Status MSG_LinxHunt(LocalEndpoint *pEndpoint, const char *pRemoteName,
+                                MSG_Type MsgTypeOpen);
+/* The receive loop's handler of an open (even type) or close (odd type)
+ * message: updates the table, purges a dead peer's subscriptions and hunts
+ * again for a peer whose record survives it. */
+MSG_API MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg);
+
+/* ---- Notifications ----------------------------------------------------------
+ * A public endpoint publishes copies of messages to the endpoints that
+ * subscribed to ranges of user types.  The publisher's program subscribes a
+ * known LINX id with MSG_RegisterNotification; another process subscribes
+ * itself with MSG_RegisterNotificationRemote, a request the publisher's
+ * receive loop handles (a callback for MSG_NTFY_REQ_REGISTER..
+ * MSG_NTFY_REQ_UNREGISTER on the publisher sees each request).  A
+ * subscriber that goes away loses its subscriptions.
+ *
+ * MSG_SendNotification sends a clone of pMsg to every subscriber whose
+ * range covers its type, with the publisher as sender, and always releases
+ * pMsg.  305 when nobody subscribed to its type; after a failed send the
+ * other subscribers still get their copies.  Publish request types: a
+ * response type (low four bits 1) is routed like a response. */
+MSG_API MSG_Status MSG_RegisterNotification(const char *pName, uint32_t MsgTypeMin,
+                                            uint32_t MsgTypeMax, uint32_t Receiver);
+MSG_API MSG_Status MSG_UnregisterNotification(const char *pName, uint32_t MsgTypeMin,
+                                              uint32_t MsgTypeMax, uint32_t Receiver);
+MSG_API MSG_Status MSG_RegisterNotificationRemote(const char *pName, uint32_t MsgTypeMin,
+                                                  uint32_t MsgTypeMax, uint32_t RemoteId);
+MSG_API MSG_Status MSG_UnregisterNotificationRemote(const char *pName, uint32_t MsgTypeMin,
+                                                    uint32_t MsgTypeMax, uint32_t RemoteId);
+MSG_API MSG_Status MSG_SendNotification(const char *pName, MSG_Msg *pMsg);
+/* Subscriptions held by the named endpoint; -1 when it is not open. */
+MSG_API int32_t MSG_CountNotifications_Private(const char *pName);
+MSG_API MSG_Status MSG_NotificationReqHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg);
+MSG_API MSG_Status MSG_PurgeNotifications(LocalEndpoint *pEndpoint, uint32_t RemoteId);
+
 /* ---- Sending and receiving ---------------------------------------------------
  * MSG_SendMsg sends on behalf of the named endpoint (its SPID is what the
  * receiver sees as sender); a response type (low four bits 1) with

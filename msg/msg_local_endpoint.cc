@@ -81,6 +81,17 @@ void jFreeList(void *pHead)
     }
 }
 
+// The endpoint's lists of plain records (every one but the pending frees,
+// which hold LINX buffers).
+void jFreeLists(LocalEndpoint *p)
+{
+    jFreeList(p->pCallbackHead);
+    jFreeList(p->pNtfyHead);
+    jFreeList(p->pRemoteHead);
+    jFreeList(p->pWithdrawnHead);
+    jFreeList(p->pPendingHuntHead);
+}
+
 // A LINX info request on the endpoint's socket, under its LinxMutex.
 int jInfoRequest(LocalEndpoint *p, int32_t Type, void *pRecord)
 {
@@ -98,9 +109,7 @@ int jInfoRequest(LocalEndpoint *p, int32_t Type, void *pRecord)
 // handle go with the handle.
 void jForgetEndpoint(LocalEndpoint *p)
 {
-    jFreeList(p->pCallbackHead);
-    jFreeList(p->pNtfyHead);
-    jFreeList(p->pRemoteHead);
+    jFreeLists(p);
     jFreeList(p->pPendFreeHead);
     linx_close(p->pLinx);
     MSG_Free(p);
@@ -174,8 +183,10 @@ MSG_Status MSG_AddLocalEndpoint(const char *pEndpointName, struct LinxHandle *pL
         p->bTelemetry = strcmp(pEndpointName, "Telemetry") != 0 && strcmp(pEndpointName, "TelemSender") != 0;
         p->pPendFreeHead = nullptr;
         p->pRemoteHead = nullptr;
+        p->pWithdrawnHead = nullptr;
         p->pCallbackHead = nullptr;
         p->pNtfyHead = nullptr;
+        p->pPendingHuntHead = nullptr;
         p->Owner = 0;
         p->pPrev = nullptr;
         if (!bPublic) {
@@ -218,9 +229,7 @@ MSG_Status MSG_DeleteLocalEndpoint(LocalEndpoint *pLocalEndpoint)
         p->pNext->pPrev = p->pPrev;
     pthread_mutex_unlock(&gRegistryMutex);
 
-    jFreeList(p->pCallbackHead);
-    jFreeList(p->pNtfyHead);
-    jFreeList(p->pRemoteHead);
+    jFreeLists(p);
     pthread_mutex_lock(&p->LinxMutex);
     MSG_ReleasePendingMsgs_NeedsLock(p);
     pthread_mutex_unlock(&p->LinxMutex);

@@ -13,8 +13,10 @@
  * nothing.
  *
  * Locks: gRegistryMutex guards the registry links and tokens; each record
- * has LinxMutex (every call on pLinx) and one mutex per list.  Order: the
- * registry, RemoteMutex, LinxMutex, PendFreeMutex, the tracker's mutex.
+ * has LinxMutex (every call on pLinx) and one mutex per list.  Order: a
+ * publisher's NtfyMutex, the registry, RemoteMutex, LinxMutex,
+ * PendFreeMutex, the tracker's mutex.  The pending-hunt list of a private
+ * endpoint is touched only by its owning thread and has no lock.
  */
 #ifndef MSG_LOCAL_ENDPOINT_H
 #define MSG_LOCAL_ENDPOINT_H
@@ -28,6 +30,9 @@
 struct PendFreeEntry;
 struct CallbackEntry;
 struct RemoteEndpoint;
+struct NtfyEntry;
+struct PendingHunt;
+struct WithdrawnAttach;
 
 struct LocalEndpoint {
     struct LocalEndpoint *pPrev;   // registry neighbours, newest first
@@ -40,10 +45,13 @@ struct LocalEndpoint {
     struct PendFreeEntry *pPendFreeHead; // deferred releases
     pthread_mutex_t RemoteMutex;
     struct RemoteEndpoint *pRemoteHead; // remote endpoint table
+    struct WithdrawnAttach *pWithdrawnHead; // attaches to detach (RemoteMutex)
     pthread_mutex_t CallbackMutex;
     struct CallbackEntry *pCallbackHead;
     pthread_mutex_t NtfyMutex;
-    void *pNtfyHead;               // notifications registered by peers
+    struct NtfyEntry *pNtfyHead;   // notifications registered by peers
+    struct PendingHunt *pPendingHuntHead; // private endpoint: hunts of timed-out
+                                          // synchronous opens (owner thread only)
     pthread_t Owner;               // owning thread of a private endpoint, 0 if public
     uint32_t Token;                // what messages carry in pOwner
     char Name[];                   // NUL-terminated, inline

@@ -2,6 +2,17 @@
 // MSG_Init.  Opening checks for a name conflict, opens the LINX socket and
 // enters the endpoint in the registry; a private endpoint gets a name made
 // from its thread and process, so a thread reopens under the same name.
+//
+// Opening and closing remote endpoints.  A peer is found by a LINX hunt
+// whose signal comes back as the record's open message; the receive loop
+// then attaches to it, and its death comes back as the close message.
+// LINX cannot withdraw a hunt: a late hunt answer for a record that is gone
+// is absorbed by the handler (105, no callback).  Attaches of deleted
+// records are withdrawn by the remote table.  A synchronous open that timed
+// out remembers its hunt on the thread's private endpoint, and the next
+// synchronous open of the same peer from that thread waits for that hunt
+// instead of making another, so a thread that retries while its peer is
+// down keeps one hunt pending in LINX, not one per try.
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -9,6 +20,14 @@
 #include "msg_main.h"
 #include "msg_open_close.h"
 #include "msg_remote_endpoint.h"
+
+// A hunt a timed-out synchronous open left with LINX; its answer, when the
+// peer appears, is a signal of Type (bit 31 set) on the private endpoint.
+struct PendingHunt {
+    PendingHunt *pNext;
+    MSG_Type Type;
+    char Name[]; // full path of the peer
+};
 
 namespace {
 
@@ -144,9 +163,224 @@ MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
     if (pMsg->MsgType % 2 == 0)
         return MSG_SetRemoteStateOpen(pEndpoint, Sender, pMsg->MsgType);
     MSG_Status Status = MSG_SetRemoteStateClosed(pEndpoint, Sender, pMsg->MsgType, Name, sizeof Name);
-    if (Status == MSG_OK || Status == MSG_ERR_REMOTE_NOT_FOUND)
-        Status = MSG_OK; // the peer's notification subscriptions end here once they exist
+    if (Status == MSG_OK || Status == MSG_ERR_REMOTE_NOT_FOUND) {
+        // Also for a peer the table no longer knows: its subscriptions go.
+        MSG_PurgeNotifications(pEndpoint, Sender);
+        Status = MSG_OK;
+    }
     if (Status == MSG_OK && Name[0] != '\0')
         Status = MSG_LinxHunt(pEndpoint, Name, pMsg->MsgType - 1);
+    return Status;
+}
+
+namespace {
+
+// The named public endpoint whose table a remote open uses, and the
+// caller's private endpoint: 302 when the name is not an open public
+// endpoint (a private one runs no receive loop to deliver open and close
+// messages).
+MSG_Status jOpenBoth(const char *pLocalName, LocalEndpoint **ppPublic, LocalEndpoint **ppMine)
+{
+    const MSG_Status Status = MSG_OpenLocalDual(pLocalName, ppMine, ppPublic);
+    if (*ppPublic != nullptr && (*ppPublic)->Owner != 0)
+        return MSG_ERR_NOT_OPEN;
+    return Status;
+}
+
+bool jIsValidOpenCallback(const MSG_Callback *pCallback)
+{
+    return pCallback->pFunc != nullptr && pCallback->MsgTypeMin == 0 && pCallback->MsgTypeMax == 0 &&
+           pCallback->bOneShot <= 1;
+}
+
+MSG_Status jRegisterFor(const char *pLocalName, const MSG_Callback *pCallback, MSG_Type Type)
+{
+    MSG_Callback Copy = *pCallback;
+    Copy.MsgTypeMin = Copy.MsgTypeMax = Type;
+    return MSG_RegisterCallback(pLocalName, &Copy);
+}
+
+// Unlinks the pending hunt for the peer from the private endpoint's list;
+// null when there is none.
+PendingHunt *jTakePendingHunt(LocalEndpoint *pMine, const char *pPath)
+{
+    for (PendingHunt **ppLink = &pMine->pPendingHuntHead; *ppLink != nullptr; ppLink = &(*ppLink)->pNext) {
+        PendingHunt *p = *ppLink;
+        if (strcmp(p->Name, pPath) == 0) {
+            *ppLink = p->pNext;
+            return p;
+        }
+    }
+    return nullptr;
+}
+
+// Without memory the hunt is merely not reused.
+void jRememberPendingHunt(LocalEndpoint *pMine, const char *pPath, MSG_Type Type)
+{
+    const size_t NameBytes = strlen(pPath) + 1;
+    PendingHunt *p = (PendingHunt *)MSG_Malloc((uint32_t)(sizeof(PendingHunt) + NameBytes));
+    if (p == nullptr)
+        return;
+    memcpy(p->Name, pPath, NameBytes);
+    p->Type = Type;
+    p->pNext = pMine->pPendingHuntHead;
+    pMine->pPendingHuntHead = p;
+}
+
+// Makes sure a hunt for the peer is pending on the private endpoint and
+// gives the type its answer will carry.  A hunt left by an earlier timed-out
+// open is reused while unanswered; one already answered tells of an earlier
+// appearance of the peer, which may be gone by now, so its answer is
+// dropped and the peer hunted afresh.
+MSG_Status jHuntFromMine(LocalEndpoint *pMine, const char *pPath, MSG_Type NtfyOpen, MSG_Type *pHuntType)
+{
+    *pHuntType = NtfyOpen;
+    if (PendingHunt *pOld = jTakePendingHunt(pMine, pPath)) {
+        const uint32_t OldAnswer[] = {1, pOld->Type | MSG_TYPE_USER_SHIFT};
+        MSG_Msg *pStale = nullptr;
+        if (MSG_RecvMsg_Private(pMine, OldAnswer, 0, &pStale, nullptr) == MSG_OK)
+            MSG_ReleaseMsg_Private(pMine, &pStale);
+        else
+            *pHuntType = pOld->Type;
+        MSG_Free(pOld);
+        if (*pHuntType != NtfyOpen)
+            return MSG_OK;
+    }
+    return MSG_LinxHunt(pMine, pPath, NtfyOpen);
+}
+
+// Waits on the private endpoint for the hunt's answer and opens the record
+// with the peer's id.  101 on timeout, when the hunt is remembered.
+MSG_Status jAwaitPeer(LocalEndpoint *pPublic, LocalEndpoint *pMine, const char *pPath, MSG_Type NtfyOpen,
+                      int32_t TimeoutMillisec, uint32_t *pPeer)
+{
+    MSG_Type HuntType = 0;
+    MSG_Status Status = jHuntFromMine(pMine, pPath, NtfyOpen, &HuntType);
+    if (Status != MSG_OK)
+        return Status;
+    const uint32_t sigSelHunt[] = {1, HuntType | MSG_TYPE_USER_SHIFT};
+    MSG_Msg *pMsgHunt = nullptr;
+    Status = MSG_RecvMsg_Private(pMine, sigSelHunt, TimeoutMillisec, &pMsgHunt, nullptr);
+    if (Status == MSG_ERR_RECEIVE_TIMEOUT) {
+        jRememberPendingHunt(pMine, pPath, HuntType);
+        return MSG_ERR_OPEN_REMOTE_TIMEOUT;
+    }
+    if (Status != MSG_OK)
+        return Status;
+    MSG_ASSERT(pMsgHunt->MsgType == sigSelHunt[1]);
+    const uint32_t Sender = MSG_GetSender(pMsgHunt);
+    Status = MSG_ReleaseMsg_Private(pMine, &pMsgHunt);
+    if (Status == MSG_OK && Sender == 0)
+        Status = MSG_ERR_UNKNOWN; // an answer without a sender names no peer
+    if (Status == MSG_OK)
+        Status = MSG_SetRemoteStateOpen(pPublic, Sender, NtfyOpen);
+    if (Status == MSG_OK)
+        *pPeer = Sender;
+    return Status;
+}
+
+bool jIsValidAsyncOpen(const MSG_Callback *pOpenCallback, const MSG_Callback *pCloseCallback)
+{
+    return pOpenCallback != nullptr && jIsValidOpenCallback(pOpenCallback) &&
+           (pCloseCallback == nullptr ||
+            (jIsValidOpenCallback(pCloseCallback) && pCloseCallback->bOneShot == pOpenCallback->bOneShot));
+}
+
+// Enters the record of the peer's full path in the public endpoint's table
+// (after both endpoints are known): 306 or 309 leave the record there alone.
+MSG_Status jNewRecord(const char *pLocalName, const char *pRemoteName, uint32_t bDelOnClose, char *pPath,
+                      LocalEndpoint **ppPublic, LocalEndpoint **ppMine, MSG_Type *pNtfyOpen)
+{
+    MSG_Status Status = MSG_GetFullEndpointPath(pRemoteName, pPath, kFullPathBytes);
+    if (Status == MSG_OK)
+        Status = jOpenBoth(pLocalName, ppPublic, ppMine);
+    if (Status == MSG_OK)
+        Status = MSG_NewRemoteEndpoint(*ppPublic, pPath, bDelOnClose, pNtfyOpen);
+    return Status;
+}
+
+MSG_Status jOpenRemoteAsync(const char *pLocalName, const char *pRemoteName, const MSG_Callback *pOpenCallback,
+                            const MSG_Callback *pCloseCallback)
+{
+    if (pLocalName == nullptr || pRemoteName == nullptr || !jIsValidAsyncOpen(pOpenCallback, pCloseCallback))
+        return MSG_ERR_WRONG_PARAMETER;
+    char Path[kFullPathBytes] = {};
+    LocalEndpoint *pPublic = nullptr, *pMine = nullptr;
+    MSG_Type NtfyOpen = 0;
+    MSG_Status Status = jNewRecord(pLocalName, pRemoteName, pOpenCallback->bOneShot, Path, &pPublic, &pMine, &NtfyOpen);
+    if (Status != MSG_OK)
+        return Status;
+    Status = jRegisterFor(pLocalName, pOpenCallback, NtfyOpen);
+    if (Status == MSG_OK && pCloseCallback != nullptr)
+        Status = jRegisterFor(pLocalName, pCloseCallback, NtfyOpen + 1);
+    if (Status == MSG_OK)
+        Status = MSG_LinxHunt(pPublic, Path, NtfyOpen);
+    if (Status != MSG_OK)
+        MSG_CloseRemote(pLocalName, Path); // the record and its callbacks
+    return Status;
+}
+
+MSG_Status jOpenRemoteSync(const char *pLocalName, const char *pRemoteName, int32_t TimeoutMillisec, uint32_t *pPeer)
+{
+    if (pLocalName == nullptr || pRemoteName == nullptr || TimeoutMillisec < MSG_TIMEOUT_FOREVER)
+        return MSG_ERR_WRONG_PARAMETER;
+    char Path[kFullPathBytes] = {};
+    LocalEndpoint *pPublic = nullptr, *pMine = nullptr;
+    MSG_Type NtfyOpen = 0;
+    // A synchronously opened record always goes with its peer.
+    MSG_Status Status = jNewRecord(pLocalName, pRemoteName, 1, Path, &pPublic, &pMine, &NtfyOpen);
+    if (Status != MSG_OK)
+        return Status;
+    Status = jAwaitPeer(pPublic, pMine, Path, NtfyOpen, TimeoutMillisec, pPeer);
+    if (Status != MSG_OK)
+        MSG_DeleteRemoteEndpoint(pPublic, Path, nullptr, nullptr);
+    return Status;
+}
+
+} // namespace
+
+MSG_Status MSG_OpenRemoteAsync(const char *pLocalName, const char *pRemoteName, const MSG_Callback *pOpenCallback,
+                               const MSG_Callback *pCloseCallback)
+{
+    const MSG_Status Status = jOpenRemoteAsync(pLocalName, pRemoteName, pOpenCallback, pCloseCallback);
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: local ep \"%s\", remote ep \"%s\", open $callback, close $callback\n",
+                    Status, pLocalName, pRemoteName, pOpenCallback, pCloseCallback);
+    return Status;
+}
+
+MSG_Status MSG_OpenRemoteSync(const char *pLocalName, const char *pRemoteName, int32_t TimeoutMillisec,
+                              uint32_t *pRemoteId)
+{
+    if (pRemoteId != nullptr)
+        *pRemoteId = 0;
+    uint32_t Peer = 0;
+    const MSG_Status Status = jOpenRemoteSync(pLocalName, pRemoteName, TimeoutMillisec, &Peer);
+    if (Status == MSG_OK && pRemoteId != nullptr)
+        *pRemoteId = Peer;
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: local ep \"%s\", remote ep 0x%x/\"%s\", timeout %d ms\n",
+                    Status, pLocalName, Peer, pRemoteName, TimeoutMillisec);
+    return Status;
+}
+
+MSG_Status MSG_CloseRemote(const char *pLocalName, const char *pRemoteName)
+{
+    char Path[kFullPathBytes] = {};
+    LocalEndpoint *pLocal = nullptr;
+    uint32_t RemoteId = 0;
+    MSG_Type NtfyOpen = 0;
+    MSG_Status Status = MSG_OK;
+    if (pLocalName == nullptr || pRemoteName == nullptr || pRemoteName[0] == '\0') {
+        Status = MSG_ERR_WRONG_PARAMETER;
+    } else if ((pLocal = MSG_GetLocalEndpoint(pLocalName)) == nullptr) {
+        Status = MSG_ERR_NOT_OPEN;
+        MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: local ep \"%s\"\n", Status, pLocalName);
+    } else if ((Status = MSG_GetFullEndpointPath(pRemoteName, Path, sizeof Path)) == MSG_OK &&
+               (Status = MSG_DeleteRemoteEndpoint(pLocal, Path, &RemoteId, &NtfyOpen)) == MSG_OK) {
+        Status = MSG_PurgeOpenCloseCallbacks(pLocal, NtfyOpen);
+        const MSG_Status NtfyStatus = RemoteId != 0 ? MSG_PurgeNotifications(pLocal, RemoteId) : MSG_OK;
+        if (Status == MSG_OK)
+            Status = NtfyStatus;
+    }
+    MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, remote ep \"%s\"\n", Status, pLocal, pRemoteName);
     return Status;
 }

@@ -8,6 +8,11 @@
 
 #include "msg_main.h"
 
+struct WithdrawnAttach {
+    WithdrawnAttach *pNext;
+    LINX_OSATTREF Ref;
+};
+
 namespace {
 
 constexpr uint32_t kEventSignalSequence = 99999;
@@ -38,6 +43,7 @@ RemoteEndpoint *jNewRecord(const char *pName, uint32_t RemoteId, uint32_t bDelOn
     p->NtfyClose = p->NtfyOpen + 1;
     p->bAttached = 0;
     p->bDelOnClose = bDelOnClose;
+    p->AttachRef = 0;
     return p;
 }
 
@@ -63,11 +69,46 @@ RemoteEndpoint *jFindByName_NeedsLock(LocalEndpoint *pMyEndpoint, const char *pN
     return ppLink != nullptr ? *ppLink : nullptr;
 }
 
-void jUnlinkAndFree(RemoteEndpoint **ppLink)
+// Queues the record's attach for detaching.  Without memory for the entry
+// the attach stays with LINX, and its close message is absorbed when it
+// comes.
+void jWithdrawAttach_NeedsLock(LocalEndpoint *pMyEndpoint, RemoteEndpoint *p)
+{
+    if (p->AttachRef == 0)
+        return;
+    WithdrawnAttach *pEntry = (WithdrawnAttach *)MSG_Malloc(sizeof(WithdrawnAttach));
+    if (pEntry != nullptr) {
+        pEntry->Ref = p->AttachRef;
+        pEntry->pNext = pMyEndpoint->pWithdrawnHead;
+        pMyEndpoint->pWithdrawnHead = pEntry;
+    }
+    p->AttachRef = 0;
+}
+
+void jUnlinkAndFree_NeedsLock(LocalEndpoint *pMyEndpoint, RemoteEndpoint **ppLink)
 {
     RemoteEndpoint *p = *ppLink;
     *ppLink = p->pNext;
+    jWithdrawAttach_NeedsLock(pMyEndpoint, p);
     MSG_Free(p);
+}
+
+// Detaches every withdrawn attach.  One that fired meanwhile is unknown to
+// LINX (EINVAL): its close message is already on its way and is absorbed.
+void jDetachWithdrawn_NeedsLock(LocalEndpoint *pMyEndpoint)
+{
+    while (WithdrawnAttach *pEntry = pMyEndpoint->pWithdrawnHead) {
+        pMyEndpoint->pWithdrawnHead = pEntry->pNext;
+        LINX_OSATTREF Ref = pEntry->Ref;
+        MSG_Free(pEntry);
+        pthread_mutex_lock(&pMyEndpoint->LinxMutex);
+        const int Result = linx_detach(pMyEndpoint->pLinx, &Ref);
+        const int Error = errno;
+        pthread_mutex_unlock(&pMyEndpoint->LinxMutex);
+        if (Result != 0 && Error != EINVAL)
+            MSG_LOG_OS(LOG_ERR, MSG_LOG_PREFIX "$file:$line: system function error: $plocal: linx_detach(Linx handle %p), "
+                       "$errno\n", pMyEndpoint, (void *)pMyEndpoint->pLinx, Error);
+    }
 }
 
 MSG_Status MSG_LinxAttach(LocalEndpoint *pMyEndpoint, RemoteEndpoint *pRemote)
@@ -83,6 +124,7 @@ MSG_Status MSG_LinxAttach(LocalEndpoint *pMyEndpoint, RemoteEndpoint *pRemote)
     const LINX_OSATTREF Ref = linx_attach(pMyEndpoint->pLinx, (union LINX_SIGNAL **)&pSignal, pRemote->RemoteId);
     const int Error = errno;
     pthread_mutex_unlock(&pMyEndpoint->LinxMutex);
+    pRemote->AttachRef = Ref; // kept so that a deletion can withdraw it
     if (Ref == 0) {
         MSG_LOG_OS(LOG_ERR, MSG_LOG_PREFIX "$file:$line: system function error: $plocal: linx_attach(Linx handle %p, "
                    "msg type 0x%x, remote ep 0x%x/\"%s\"), $errno\n",
@@ -103,6 +145,7 @@ MSG_Status MSG_NewAlreadyOpenRemote(LocalEndpoint *pMyEndpoint, const char *pRem
     pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
     RemoteEndpoint *p = jFindByName_NeedsLock(pMyEndpoint, pRemoteName);
     if (p != nullptr) {
+        jWithdrawAttach_NeedsLock(pMyEndpoint, p); // its close type is about to change
         p->RemoteId = RemoteId;
         p->NtfyOpen = MSG_NewOpenCloseTypes();
         p->NtfyClose = p->NtfyOpen + 1;
@@ -231,11 +274,12 @@ MSG_Status MSG_SetRemoteStateClosed(LocalEndpoint *pMyEndpoint, uint32_t RemoteI
         RemoteEndpoint *p = *ppLink;
         p->RemoteId = 0;
         p->bAttached = 0;
+        p->AttachRef = 0; // this close message is that attach firing
         MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: remote ep 0x%x/\"%s\"\n", 0, RemoteId, p->Name);
         if (!p->bDelOnClose && p->Name[0] != '\0')
             snprintf(pNameBuf, NameLen, "%s", p->Name); // hunted again by the caller
         else
-            jUnlinkAndFree(ppLink);
+            jUnlinkAndFree_NeedsLock(pMyEndpoint, ppLink);
         Status = MSG_OK;
     }
     pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
@@ -263,7 +307,7 @@ MSG_Status MSG_DeleteRemoteEndpoint(LocalEndpoint *pMyEndpoint, const char *pNam
             *pRemoteId = (*ppLink)->RemoteId;
         if (pNtfyOpen != nullptr)
             *pNtfyOpen = (*ppLink)->NtfyOpen;
-        jUnlinkAndFree(ppLink);
+        jUnlinkAndFree_NeedsLock(pMyEndpoint, ppLink);
         Status = MSG_OK;
     }
     pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
@@ -326,6 +370,7 @@ MSG_Status MSG_AttachAsNeeded(LocalEndpoint *pMyEndpoint)
 {
     MSG_Status Result = MSG_OK;
     pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
+    jDetachWithdrawn_NeedsLock(pMyEndpoint);
     for (RemoteEndpoint *p = pMyEndpoint->pRemoteHead; p != nullptr; p = p->pNext) {
         if (p->RemoteId == 0 || p->bAttached)
             continue;

@@ -7,8 +7,17 @@
  * out process-wide: the open type (even) arrives when the hunted name
  * appears, the close type (odd, open + 1) when the attached peer goes.
  *
- * Locks: the local endpoint's RemoteMutex guards the table and every
- * record; attaching takes the endpoint's LinxMutex inside it.  The type
+ * An attach that can no longer matter (its record was deleted, or refreshed
+ * with new types) is withdrawn from LINX: its reference is queued on the
+ * endpoint and detached by the next MSG_AttachAsNeeded, which the receive
+ * loop runs before every wait.  Detaching there, rather than at once, keeps
+ * a deletion from waiting for a receive that holds the endpoint's
+ * LinxMutex; and without it LINX would keep every attach of a peer that is
+ * opened and closed again and again for as long as that peer lives.
+ *
+ * Locks: the local endpoint's RemoteMutex guards the table, every record
+ * and the withdrawn attaches; attaching and detaching take the endpoint's
+ * LinxMutex inside it.  The type
  * counter has a mutex of its own, taken with nothing under it.
  */
 #ifndef MSG_REMOTE_ENDPOINT_H
@@ -23,6 +32,7 @@ struct RemoteEndpoint {
     uint32_t NtfyClose;    // NtfyOpen + 1, announcing its end
     uint32_t bAttached;    // an attach was attempted for RemoteId
     uint32_t bDelOnClose;  // removed when the peer closes (else hunted again)
+    LINX_OSATTREF AttachRef; // the attach on RemoteId while it may still fire, else 0
     char Name[];           // full LINX path, or empty for a nameless record
 };
 

@@ -114,19 +114,29 @@ void jSpend(Deadline *pDeadline)
     pDeadline->Last = Now;
 }
 
-// An internal message the receive loop consumes itself.  Notification
-// requests are taken off the queue here; subscriptions are handled once
-// the notification service exists.
+// A signal of no type the receive loop knows, from another process.
+MSG_Status jRefuseUnknown(const LocalEndpoint *pEndpoint, const MSG_Msg *pMsg)
+{
+    MSG_LOG_OUTCOME(MSG_ERR_UNKNOWN, MSG_LOG_PREFIX "$func: $err: unknown type refused: $plocal, $message\n",
+                    MSG_ERR_UNKNOWN, pEndpoint, pMsg);
+    return MSG_ERR_UNKNOWN;
+}
+
+// An internal message the receive loop consumes itself: a peer's open or
+// close, or a notification request; then the internal callbacks of its
+// type.  Any other internal type is refused with a line saying so.
 MSG_Status jHandleInternal(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
 {
     const MSG_Type Type = pMsg->MsgType;
-    MSG_Status Status = MSG_ERR_UNKNOWN;
-    if (Type >= MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN && Type <= MSG_TYPE_INTERNAL_OPEN_CLOSE_MAX)
+    MSG_Status Status;
+    if (Type >= MSG_TYPE_INTERNAL_OPEN_CLOSE_MIN && Type <= MSG_TYPE_INTERNAL_OPEN_CLOSE_MAX) {
         Status = MSG_OpenCloseHandler(pEndpoint, pMsg);
-    else if (Type == MSG_NTFY_REQ_REGISTER || Type == MSG_NTFY_REQ_UNREGISTER)
-        Status = MSG_OK; // the telemetry copy of a request goes here
-    else
-        return Status;
+    } else if (Type == MSG_NTFY_REQ_REGISTER || Type == MSG_NTFY_REQ_UNREGISTER) {
+        Status = MSG_NotificationReqHandler(pEndpoint, pMsg);
+        // The telemetry copy of a request goes here (bTelemetry).
+    } else {
+        return jRefuseUnknown(pEndpoint, pMsg);
+    }
     if (Status == MSG_OK)
         Status = MSG_AttachAsNeeded(pEndpoint);
     if (Status == MSG_OK)
@@ -296,14 +306,13 @@ MSG_Msg *MSG_RecvAnyMsg(const char *pLocalName, int32_t TimeoutMillisec)
             MSG_RecvMsg_Private(pEndpoint, kAnySignal, Time.bTracked ? Time.Remaining : TimeoutMillisec, &pMsg,
                                 nullptr) != MSG_OK)
             return nullptr;
-        MSG_Status Status = MSG_ERR_UNKNOWN;
-        if (pMsg->MsgType & MSG_TYPE_USER_SHIFT) {
-            // A signal without the mark is not this library's: unknown.
-            pMsg->MsgType &= ~MSG_TYPE_USER_SHIFT;
-            if (pMsg->MsgType <= MSG_TYPE_USER_MAX)
-                return pMsg; // its telemetry copy goes here, as in MSG_RecvMsg
-            Status = jHandleInternal(pEndpoint, pMsg);
-        }
+        // A signal without the mark is not this library's: refused like an
+        // unknown internal type.
+        const bool bMarked = pMsg->MsgType & MSG_TYPE_USER_SHIFT;
+        pMsg->MsgType &= ~MSG_TYPE_USER_SHIFT;
+        if (bMarked && pMsg->MsgType <= MSG_TYPE_USER_MAX)
+            return pMsg; // its telemetry copy goes here, as in MSG_RecvMsg
+        const MSG_Status Status = bMarked ? jHandleInternal(pEndpoint, pMsg) : jRefuseUnknown(pEndpoint, pMsg);
         MSG_ReleaseMsg_Private(pEndpoint, &pMsg);
         if (Status != MSG_OK)
             return nullptr;

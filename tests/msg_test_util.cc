@@ -1,12 +1,52 @@
 #include "msg_test_util.h"
 
-uint32_t FindSpid(const char *pName, int TimeoutMs)
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+uint32_t FindSpid(const char *pLocal, const char *pName, int TimeoutMs)
 {
-    LINX *pLinx = linx_open("spid-finder", 0, nullptr);
-    const uint32_t Spid = pLinx != nullptr ? HuntAndWait(pLinx, pName, TimeoutMs) : 0;
-    if (pLinx != nullptr)
-        linx_close(pLinx);
-    return Spid;
+    uint32_t Spid = 0;
+    const MSG_Status Status = MSG_OpenRemoteSync(pLocal, pName, TimeoutMs, &Spid);
+    return Status == MSG_ERR_REMOTE_ALREADY_OPEN ? MSG_GetRemoteId(pLocal, pName) : Spid;
+}
+
+pid_t StartPeer(const char *pName)
+{
+    int Ready[2];
+    if (pipe(Ready) != 0)
+        return -1;
+    const pid_t Child = StartChild([&] {
+        close(Ready[0]);
+        if (MSG_OpenLocal(pName) != 0)
+            return 1;
+        const char Byte = 1;
+        if (write(Ready[1], &Byte, 1) != 1)
+            return 2;
+        pause();
+        return 0;
+    });
+    close(Ready[1]);
+    char Byte = 0;
+    const bool bReady = read(Ready[0], &Byte, 1) == 1;
+    close(Ready[0]);
+    if (!bReady) {
+        kill(Child, SIGKILL);
+        WaitChild(Child);
+        return -1;
+    }
+    return Child;
+}
+
+bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done)
+{
+    struct timespec Start;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    while (!Done() && MSG_GetMsecSince(Start) < TimeoutMs) {
+        if (MSG_Msg *pMsg = MSG_RecvAnyMsg(pLocal, 20))
+            MSG_ReleaseMsg(pMsg);
+    }
+    return Done();
 }
 
 int ServeEcho(const char *pName)

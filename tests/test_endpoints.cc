@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "linx_test_util.h"
+#include "msg_test_util.h"
 #include "log_capture.h"
 #include "orvane.h"
 
@@ -31,14 +31,6 @@ int32_t CountEndpoints()
     int32_t Count = 0;
     MSG_ForAllLocalEndpoints(CountOne, &Count);
     return Count;
-}
-
-uint32_t FindSpidOf(const char *pName)
-{
-    LINX *pLinx = linx_open("finder", 0, nullptr);
-    const uint32_t Spid = HuntAndWait(pLinx, pName, 2000);
-    linx_close(pLinx);
-    return Spid;
 }
 
 class Endpoints : public testing::Test {
@@ -186,7 +178,7 @@ TEST_F(Endpoints, AForkedChildStartsWithoutItsParentsEndpoints)
     });
     EXPECT_EQ(0, WaitChild(Child));
     // The parent's endpoints are untouched by the child's end.
-    EXPECT_EQ(0u, MSG_SendMsg("forked", FindSpidOf("forked"), pHeld));
+    EXPECT_EQ(0u, MSG_SendMsg("forked", FindSpid("forked", "forked"), pHeld));
     MSG_Msg *pBack = MSG_RecvMsg("forked", 1, 2000);
     ASSERT_NE(nullptr, pBack);
     MSG_ReleaseMsg(pBack);

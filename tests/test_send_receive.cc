@@ -46,7 +46,7 @@ protected:
 TEST_F(SendReceive, RequestAndAnswerBetweenTwoProcesses)
 {
     const pid_t Server = StartChild([] { return ServeEcho("server"); });
-    const uint32_t ServerSpid = FindSpid("server");
+    const uint32_t ServerSpid = FindSpid("client", "server");
     ASSERT_NE(0u, ServerSpid);
     for (uint32_t i = 0; i < 50; i++) {
         MSG_Msg *pMsg = MSG_AllocMsg(kRequest, i, 8);
@@ -69,7 +69,7 @@ TEST_F(SendReceive, AnswersRetraceThePathOfARequest)
 {
     // client -> relay -> end, and the answer back through the relay.
     const pid_t End = StartChild([] { return ServeEcho("end"); });
-    const uint32_t EndSpid = FindSpid("end");
+    const uint32_t EndSpid = FindSpid("client", "end");
     const pid_t Relay = StartChild([EndSpid] {
         MSG_OpenLocal("relay");
         for (int Handled = 0; Handled < 2; Handled++) {
@@ -83,7 +83,7 @@ TEST_F(SendReceive, AnswersRetraceThePathOfARequest)
         }
         return 0;
     });
-    const uint32_t RelaySpid = FindSpid("relay");
+    const uint32_t RelaySpid = FindSpid("client", "relay");
     MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 77, 4);
     ASSERT_EQ(0u, MSG_SendMsg("client", RelaySpid, pMsg));
     MSG_Msg *pAnswer = MSG_RecvMsg("client", kAnswer, 5000);
@@ -99,7 +99,7 @@ TEST_F(SendReceive, AnswersRetraceThePathOfARequest)
 TEST_F(SendReceive, ResponseRoutingRules)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("side"));
-    const uint32_t Side = FindSpid("side"), Client = FindSpid("client");
+    const uint32_t Side = FindSpid("client", "side"), Client = FindSpid("client", "client");
 
     // A response with nobody on its stack and no receiver has nowhere to go.
     MSG_Msg *pMsg = MSG_AllocMsg(kAnswer, 0, 0);
@@ -139,7 +139,7 @@ TEST_F(SendReceive, ResponseRoutingRules)
 TEST_F(SendReceive, OwnerRules)
 {
     MSG_Msg *pMine = MSG_AllocMsg(kRequest, 0, 0);
-    const uint32_t Client = FindSpid("client");
+    const uint32_t Client = FindSpid("client", "client");
     std::thread([pMine, Client] {
         EXPECT_EQ(302u, MSG_SendMsg("client", Client, pMine)) << "this thread has no endpoint";
         MSG_Msg *pOwn = MSG_AllocMsg(kRequest, 0, 0);
@@ -173,7 +173,7 @@ TEST_F(SendReceive, ReceiveTimeouts)
     EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 150));
     EXPECT_GE(NowMs() - Start, 149);
 
-    const uint32_t Client = FindSpid("client");
+    const uint32_t Client = FindSpid("client", "client");
     const pid_t Late = StartChild([Client] {
         MSG_OpenLocal("late");
         usleep(200000);
@@ -188,7 +188,7 @@ TEST_F(SendReceive, ReceiveTimeouts)
 
 TEST_F(SendReceive, ReceiveLoopCountsTimeAcrossInternalMessages)
 {
-    const uint32_t Client = FindSpid("client");
+    const uint32_t Client = FindSpid("client", "client");
     const pid_t Chatter = StartChild([Client] {
         MSG_OpenLocal("chatter");
         // Internal messages only, for longer than the receiver waits.
@@ -231,7 +231,7 @@ void SendRaw(uint32_t To, const void *pBytes, uint32_t Size)
 
 TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
 {
-    const uint32_t Client = FindSpid("client");
+    const uint32_t Client = FindSpid("client", "client");
     const pid_t Forger = StartChild([Client] {
         const uint32_t Short[3] = {kRequest | MSG_TYPE_USER_SHIFT, 1, 2};
         SendRaw(Client, Short, sizeof Short); // shorter than the header
@@ -282,7 +282,7 @@ TEST_F(SendReceive, CloseCallbackRunsWhenThePeerDies)
         pause();
         return 0;
     });
-    const uint32_t PeerSpid = FindSpid("watched");
+    const uint32_t PeerSpid = FindSpid("client", "watched");
     uint32_t ClosedSender = 0;
     ASSERT_EQ(0u, MSG_RegisterCloseCallback("client", "watched", PeerSpid, NoteClose, &ClosedSender, 1));
     EXPECT_EQ(PeerSpid, MSG_GetRemoteId("client", "watched"));
@@ -295,8 +295,8 @@ TEST_F(SendReceive, CloseCallbackRunsWhenThePeerDies)
 
 TEST_F(SendReceive, UserLogRecordsBothDirections)
 {
+    const uint32_t Client = FindSpid("client", "client");
     ASSERT_EQ(0u, MSG_UserLogConfig(4096, 16, MSG_USER_LOG_RECV | MSG_USER_LOG_SEND));
-    const uint32_t Client = FindSpid("client");
     ASSERT_EQ(0u, MSG_SendMsg("client", Client, MSG_AllocMsg(kRequest, 8, 2)));
     MSG_Msg *pMsg = MSG_RecvMsg("client", kRequest, 1000);
     ASSERT_NE(nullptr, pMsg);

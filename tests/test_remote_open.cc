@@ -1,0 +1,203 @@
+// Opening and closing remote endpoints between real processes: asynchronous
+// opens with their callbacks across the peer's restarts and kill -9,
+// synchronous opens with their timeouts, and closing a peer.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+#include "msg_local_endpoint.h"
+#include "msg_test_util.h"
+
+namespace {
+
+struct Event {
+    MSG_Type Type;
+    uint32_t Sender;
+};
+
+uint32_t Record(void *pContext, MSG_Msg *pMsg)
+{
+    ((std::vector<Event> *)pContext)->push_back({MSG_GetType(pMsg), MSG_GetSender(pMsg)});
+    return 0;
+}
+
+void Kill(pid_t Peer)
+{
+    kill(Peer, SIGKILL);
+    WaitChild(Peer);
+}
+
+class RemoteOpen : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(0u, MSG_OpenLocal("watcher")); }
+    void TearDown() override
+    {
+        MSG_CloseLocal("watcher");
+        MSG_CloseLocal(nullptr);
+    }
+    MSG_Status OpenAsync(const char *pName, uint32_t bOneShot)
+    {
+        const MSG_Callback OnOpen = {Record, &Opened, 0, 0, bOneShot};
+        const MSG_Callback OnClose = {Record, &Closed, 0, 0, bOneShot};
+        return MSG_OpenRemoteAsync("watcher", pName, &OnOpen, &OnClose);
+    }
+    bool PumpUntil(const std::vector<Event> &Events, size_t Count, int TimeoutMs = 5000)
+    {
+        return Pump("watcher", TimeoutMs, [&] { return Events.size() >= Count; });
+    }
+    std::vector<Event> Opened, Closed;
+};
+
+TEST_F(RemoteOpen, AsyncOpenFindsPeersThatExistAndPeersThatComeLater)
+{
+    const pid_t Early = StartPeer("early");
+    ASSERT_EQ(0u, OpenAsync("early", 0));
+    EXPECT_EQ(309u, OpenAsync("early", 0)) << "its hunt is in progress";
+    ASSERT_TRUE(PumpUntil(Opened, 1));
+    const uint32_t EarlyId = MSG_GetRemoteId("watcher", "early");
+    EXPECT_NE(0u, EarlyId);
+    EXPECT_EQ(EarlyId, Opened[0].Sender);
+    EXPECT_EQ(0u, Opened[0].Type % 2);
+    EXPECT_EQ(306u, OpenAsync("early", 0)) << "open already";
+
+    ASSERT_EQ(0u, OpenAsync("late", 0));
+    EXPECT_FALSE(PumpUntil(Opened, 2, 100)) << "nobody of that name yet";
+    const pid_t Late = StartPeer("late");
+    ASSERT_TRUE(PumpUntil(Opened, 2));
+    EXPECT_NE(Opened[0].Type, Opened[1].Type);
+
+    Kill(Early);
+    Kill(Late);
+    ASSERT_TRUE(PumpUntil(Closed, 2));
+    EXPECT_FALSE(PumpUntil(Closed, 3, 200)) << "each callback was registered once";
+    EXPECT_EQ(Opened[0].Type + 1, Closed[0].Type) << "the early peer was killed first";
+    EXPECT_EQ(EarlyId, Closed[0].Sender);
+    EXPECT_EQ(0u, MSG_GetRemoteId("watcher", "early")) << "hunted again";
+}
+
+TEST_F(RemoteOpen, PersistentRecordsOutliveRestartsAndOneShotRecordsDoNot)
+{
+    ASSERT_EQ(0u, OpenAsync("phoenix", 0));
+    for (size_t Life = 1; Life <= 3; Life++) {
+        const pid_t Peer = StartPeer("phoenix");
+        ASSERT_TRUE(PumpUntil(Opened, Life)) << Life;
+        const uint32_t Id = MSG_GetRemoteId("watcher", "phoenix");
+        EXPECT_EQ(Id, Opened.back().Sender);
+        Kill(Peer);
+        ASSERT_TRUE(PumpUntil(Closed, Life)) << Life;
+        EXPECT_EQ(Id, Closed.back().Sender);
+        EXPECT_EQ(Opened[0].Type, Opened.back().Type) << "the record keeps its types";
+        EXPECT_EQ(Opened[0].Type + 1, Closed.back().Type);
+    }
+
+    Opened.clear();
+    Closed.clear();
+    ASSERT_EQ(0u, OpenAsync("mayfly", 1));
+    pid_t Peer = StartPeer("mayfly");
+    ASSERT_TRUE(PumpUntil(Opened, 1));
+    Kill(Peer);
+    ASSERT_TRUE(PumpUntil(Closed, 1));
+    Peer = StartPeer("mayfly");
+    EXPECT_FALSE(PumpUntil(Opened, 2, 300)) << "a one-shot record ends at the first loss";
+    EXPECT_EQ(0u, OpenAsync("mayfly", 1)) << "and can be opened anew";
+    EXPECT_TRUE(PumpUntil(Opened, 2));
+    Kill(Peer);
+}
+
+TEST_F(RemoteOpen, CloseRemoteForgetsThePeerAndWithdrawsItsAttach)
+{
+    const pid_t Peer = StartPeer("doomed");
+    ASSERT_EQ(0u, OpenAsync("doomed", 0));
+    ASSERT_TRUE(PumpUntil(Opened, 1));
+    EXPECT_EQ(0u, MSG_CloseRemote("watcher", "doomed"));
+    EXPECT_EQ(105u, MSG_CloseRemote("watcher", "doomed"));
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("watcher", 0)) << "detaches the withdrawn attach";
+    Kill(Peer);
+    usleep(100000);
+    EXPECT_EQ(0, MSG_GetNumMsgsPending("watcher", 0)) << "no close message comes";
+    EXPECT_FALSE(PumpUntil(Closed, 1, 200));
+
+    EXPECT_EQ(301u, MSG_CloseRemote("watcher", ""));
+    EXPECT_EQ(301u, MSG_CloseRemote(nullptr, "doomed"));
+    TakeLoggedLines();
+    EXPECT_EQ(302u, MSG_CloseRemote("nosuch", "doomed"));
+    EXPECT_EQ(2u, TakeLoggedLines().size()) << "the local endpoint's line and the outcome line";
+}
+
+TEST_F(RemoteOpen, AsyncOpenChecksItsArguments)
+{
+    const MSG_Callback Good = {Record, &Opened, 0, 0, 0};
+    MSG_Callback Ranged = Good, Twice = Good, OneShot = Good;
+    Ranged.MsgTypeMax = 5;
+    Twice.bOneShot = 2;
+    OneShot.bOneShot = 1;
+    EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", nullptr, nullptr));
+    EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", &Ranged, nullptr));
+    EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", &Twice, nullptr));
+    EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", &Good, &OneShot)) << "one-shot flags differ";
+    EXPECT_EQ(301u, MSG_OpenRemoteAsync(nullptr, "p", &Good, nullptr));
+    EXPECT_EQ(302u, MSG_OpenRemoteAsync("nosuch", "p", &Good, nullptr));
+    char PrivateName[64];
+    MSG_AllocMsg(1, 0, 0); // opens this thread's private endpoint
+    snprintf(PrivateName, sizeof PrivateName, "%s", MSG_GetMyEndpoint()->Name);
+    EXPECT_EQ(302u, MSG_OpenRemoteAsync(PrivateName, "p", &Good, nullptr)) << "it runs no receive loop";
+    EXPECT_EQ(0u, MSG_GetRemoteId("watcher", "p"));
+}
+
+// Pending hunts LINX holds on behalf of the calling thread's private endpoint.
+uint32_t PendingHunts()
+{
+    LINX *pLinx = linx_open("stat-reader", 0, nullptr);
+    struct linx_info_stat *pStat = nullptr;
+    uint32_t Hunts = ~0u;
+    if (linx_get_stat(pLinx, MSG_GetMyEndpoint()->Spid, &pStat) == 0) {
+        Hunts = pStat->hunts;
+        linx_free_stat(pLinx, &pStat);
+    }
+    linx_close(pLinx);
+    return Hunts;
+}
+
+TEST_F(RemoteOpen, SyncOpenWaitsTimesOutAndIsNotConfusedByLateAnswers)
+{
+    uint32_t Id = 7;
+    EXPECT_EQ(101u, MSG_OpenRemoteSync("watcher", "tardy", 0, &Id));
+    EXPECT_EQ(0u, Id);
+    for (int Try = 0; Try < 5; Try++)
+        EXPECT_EQ(101u, MSG_OpenRemoteSync("watcher", "tardy", 20, &Id)) << "no record is left: never 309";
+    EXPECT_EQ(1u, PendingHunts()) << "retries reuse the hunt left with LINX";
+    EXPECT_EQ(301u, MSG_OpenRemoteSync("watcher", "tardy", -2, &Id));
+
+    // The peer appears: the hunt's answer arrives late and waits, unselected.
+    const pid_t Tardy = StartPeer("tardy");
+    usleep(100000);
+    EXPECT_EQ(101u, MSG_OpenRemoteSync("watcher", "ghost", 50, &Id)) << "another peer's open ignores it";
+    ASSERT_EQ(0u, MSG_OpenRemoteSync("watcher", "tardy", 0, &Id));
+    EXPECT_EQ(Id, MSG_GetRemoteId("watcher", "tardy"));
+    EXPECT_EQ(306u, MSG_OpenRemoteSync("watcher", "tardy", 0, nullptr));
+    EXPECT_EQ(0, MSG_GetNumMsgsPending(MSG_GetMyEndpoint()->Name, 0)) << "the stale answer was dropped";
+    EXPECT_EQ(1u, PendingHunts()) << "ghost's";
+
+    // A peer that starts while the open waits; and a synchronously opened
+    // peer is forgotten at its death.
+    const pid_t Slow = StartChild([] {
+        usleep(150000);
+        MSG_OpenLocal("slow");
+        pause();
+        return 0;
+    });
+    ASSERT_EQ(0u, MSG_OpenRemoteSync("watcher", "slow", 5000, &Id));
+    EXPECT_NE(0u, Id);
+    Kill(Slow);
+    Kill(Tardy);
+    EXPECT_TRUE(Pump("watcher", 5000, [] { return MSG_GetRemoteId("watcher", "slow") == 0; }));
+    EXPECT_TRUE(Pump("watcher", 5000, [] { return MSG_GetRemoteId("watcher", "tardy") == 0; }));
+    EXPECT_TRUE(Opened.empty() && Closed.empty()) << "no callbacks for synchronous opens";
+}
+
+} // namespace
