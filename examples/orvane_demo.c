@@ -1,152 +1,251 @@
-/* orvane_demo: three processes exchanging typed messages.
+/* orvane_demo: what a program does all day with liborvane, in three
+ * processes.
  *
- *   weather-server  a public endpoint served by MSG_RecvAnyMsg; it answers
- *                   every request with the same message turned into a
- *                   response, which travels back along the sender stack.
- *   relay           forwards requests to the server and answers back to
- *                   whoever asked, without knowing who that was.
- *   client (this)   finds both by name, asks the server directly and
- *                   through the relay, and prints answers and round trips.
+ *   weather-server  serves requests on its public endpoint and publishes
+ *                   weather updates to whoever subscribed.
+ *   relay           finds the server by name, subscribes to its updates,
+ *                   and forwards requests to it; answers travel back along
+ *                   the sender stack.
+ *   client (this)   opens both peers asynchronously and learns of their
+ *                   appearance and death through callbacks, asks the
+ *                   server directly and through the relay, subscribes to
+ *                   the updates, and watches the relay die and come back.
  *
- * It also shows status texts, a diagnostic line and callbacks, and stops
- * by itself.  On a host without the LINX kernel module this runs on the
- * linxd stand-in, which the first call starts. */
+ * Everything stops by itself.  On a host without the LINX kernel module
+ * this runs on the linxd stand-in, which the first call starts. */
 #define _POSIX_C_SOURCE 200809L
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "linx.h"
 #include "orvane.h"
 
-#define WEATHER_REQ 0x100u /* low four bits 0: a request */
-#define WEATHER_RSP 0x101u /* low four bits 1: its response */
-#define QUIT_REQ    0x7F0u
+#define WEATHER_REQ    0x100u /* low four bits 0: a request */
+#define WEATHER_RSP    0x101u /* low four bits 1: its response */
+#define WEATHER_UPDATE 0x200u /* published to subscribers */
+#define QUIT_REQ       0x7F0u
+#define UPDATES        3
 
-static double now_us(void)
+static double now_ms(void)
 {
     struct timespec Now;
     clock_gettime(CLOCK_MONOTONIC, &Now);
-    return Now.tv_sec * 1e6 + Now.tv_nsec / 1e3;
+    return Now.tv_sec * 1e3 + Now.tv_nsec / 1e6;
 }
 
-/* The LINX id of an endpoint, found by hunting its name. */
-static uint32_t find(const char *pName)
+static void say(const char *pWho, const char *pText)
 {
-    LINX *pLinx = linx_open("demo-finder", 0, NULL);
-    union LINX_SIGNAL *pSig = NULL;
-    uint32_t Spid = 0;
-    if (pLinx != NULL && linx_hunt(pLinx, pName, NULL) == 0 &&
-        linx_receive_w_tmo(pLinx, &pSig, 5000, NULL) > 0) {
-        Spid = linx_sender(pLinx, &pSig);
-        linx_free_buf(pLinx, &pSig);
-    }
-    if (pLinx != NULL)
-        linx_close(pLinx);
-    return Spid;
+    printf("%-8s %s\n", pWho, pText);
+    fflush(stdout);
 }
 
-/* The server answers; with a Forward id it is the relay, which sends
- * requests on to Forward and answers back down the stack. */
-static int serve(const char *pName, uint32_t Forward)
+/* ---- weather-server ------------------------------------------------------ */
+
+static void publish_update(int Number)
 {
-    if (MSG_OpenLocal(pName) != MSG_OK)
+    static const char *const Forecasts[UPDATES] = {"rain at 14:00", "wind from the west", "clear by evening"};
+    MSG_Msg *pMsg = MSG_AllocMsg(WEATHER_UPDATE, (uint32_t)Number, 64);
+    snprintf(MSG_GetPayloadMutable(pMsg), 64, "%s", Forecasts[Number - 1]);
+    MSG_SendNotification("weather-server", pMsg); /* always consumes pMsg */
+}
+
+static void answer(MSG_Msg *pMsg)
+{
+    snprintf(MSG_GetPayloadMutable(pMsg), (size_t)MSG_GetPayloadBytes(pMsg), "sunny, 21 C");
+    MSG_SetType(pMsg, WEATHER_RSP);
+    MSG_SendMsg("weather-server", 0, pMsg); /* back to whoever asked */
+}
+
+/* Answers requests; once both client and relay subscribed, publishes an
+ * update every 100 ms until UPDATES went out. */
+static int run_server(void)
+{
+    if (MSG_OpenLocal("weather-server") != MSG_OK)
         return 1;
-    for (;;) {
-        MSG_Msg *pMsg = MSG_RecvAnyMsg(pName, 10000);
+    int Published = 0;
+    double NextUpdate = 0;
+    for (double Idle = now_ms(); now_ms() - Idle < 10000;) {
+        if (Published < UPDATES && MSG_CountNotifications_Private("weather-server") >= 2 &&
+            now_ms() >= NextUpdate) {
+            publish_update(++Published);
+            NextUpdate = now_ms() + 100;
+        }
+        MSG_Msg *pMsg = MSG_RecvAnyMsg("weather-server", 20);
         if (pMsg == NULL)
-            return 2;
+            continue;
+        Idle = now_ms();
+        if (MSG_GetType(pMsg) == QUIT_REQ) {
+            MSG_ReleaseMsg(pMsg);
+            return MSG_CloseLocal("weather-server") == MSG_OK ? 0 : 2;
+        }
+        answer(pMsg);
+    }
+    return 3;
+}
+
+/* ---- relay ----------------------------------------------------------------- */
+
+static int run_relay(void)
+{
+    uint32_t Server = 0;
+    if (MSG_OpenLocal("relay") != MSG_OK ||
+        MSG_OpenRemoteSync("relay", "weather-server", 5000, &Server) != MSG_OK ||
+        MSG_RegisterNotificationRemote("relay", WEATHER_UPDATE, WEATHER_UPDATE, Server) != MSG_OK)
+        return 1;
+    for (double Idle = now_ms(); now_ms() - Idle < 10000;) {
+        MSG_Msg *pMsg = MSG_RecvAnyMsg("relay", 100);
+        if (pMsg == NULL)
+            continue;
+        Idle = now_ms();
         const MSG_Type Type = MSG_GetType(pMsg);
         if (Type == QUIT_REQ) {
             MSG_ReleaseMsg(pMsg);
-            return MSG_CloseLocal(pName) == MSG_OK ? 0 : 3;
+            return MSG_CloseLocal("relay") == MSG_OK ? 0 : 2;
         }
-        if ((Type & 0xF) == 1) {
-            MSG_SendMsg(pName, 0, pMsg); /* an answer: back to whoever asked */
-        } else if (Forward != 0) {
-            MSG_SendMsg(pName, Forward, pMsg);
+        if (Type == WEATHER_UPDATE) {
+            char Line[96];
+            snprintf(Line, sizeof Line, "update %u: %s", MSG_GetSequence(pMsg), (const char *)MSG_GetPayload(pMsg));
+            say("relay", Line);
+            MSG_ReleaseMsg(pMsg);
         } else {
-            char *pText = MSG_GetPayloadMutable(pMsg);
-            snprintf(pText, (size_t)MSG_GetPayloadBytes(pMsg), "sunny, 21 C (asked by 0x%x)",
-                     MSG_GetOrigSender(pMsg));
-            MSG_SetType(pMsg, Type | 1);
-            MSG_SendMsg(pName, 0, pMsg);
+            /* a request goes on to the server; its answer back down the stack */
+            MSG_SendMsg("relay", Type == WEATHER_RSP ? 0 : Server, pMsg);
         }
     }
+    return 3;
 }
 
-static pid_t start(const char *pName, const char *pForwardTo)
+static pid_t start(int (*Run)(void))
 {
     fflush(stdout);
     const pid_t Child = fork();
     if (Child == 0)
-        _exit(serve(pName, pForwardTo != NULL ? find(pForwardTo) : 0));
+        _exit(Run());
     return Child;
 }
 
-static uint32_t on_answer(void *pContext, MSG_Msg *pMsg)
+/* ---- client ------------------------------------------------------------------ */
+
+struct Peer {
+    const char *pName;
+    uint32_t Id;       /* while up */
+    int Appearances;
+    int Losses;
+    double LostAt;     /* when the client saw it go */
+};
+
+static uint32_t on_open(void *pContext, MSG_Msg *pMsg)
 {
-    printf("    callback %s: seq %u says \"%s\"\n", (const char *)pContext, MSG_GetSequence(pMsg),
-           (const char *)MSG_GetPayload(pMsg));
+    struct Peer *pPeer = pContext;
+    char Line[96];
+    pPeer->Id = MSG_GetSender(pMsg);
+    snprintf(Line, sizeof Line, "open callback: %s is %s at 0x%x", pPeer->pName,
+             pPeer->Appearances++ ? "back" : "up", pPeer->Id);
+    say("client", Line);
     return 0;
 }
 
-/* One request to Receiver; prints the answer and the round trip. */
+static uint32_t on_close(void *pContext, MSG_Msg *pMsg)
+{
+    struct Peer *pPeer = pContext;
+    char Line[96];
+    snprintf(Line, sizeof Line, "close callback: %s (0x%x) is gone", pPeer->pName, MSG_GetSender(pMsg));
+    say("client", Line);
+    pPeer->Id = 0;
+    pPeer->Losses++;
+    pPeer->LostAt = now_ms();
+    return 0;
+}
+
+static uint32_t on_update(void *pContext, MSG_Msg *pMsg)
+{
+    char Line[96];
+    snprintf(Line, sizeof Line, "update %u: %s", MSG_GetSequence(pMsg), (const char *)MSG_GetPayload(pMsg));
+    say("client", Line);
+    ++*(int *)pContext;
+    return 0;
+}
+
+/* Serves the client's receive loop until *pValue reaches Wanted (5 s at
+ * most); user messages go to the callbacks. */
+static int serve_until(const int *pValue, int Wanted)
+{
+    const double Start = now_ms();
+    while (*pValue < Wanted && now_ms() - Start < 5000) {
+        MSG_Msg *pMsg = MSG_RecvAnyMsg("client", 20);
+        if (pMsg != NULL) {
+            MSG_ProcessCallback("client", pMsg);
+            MSG_ReleaseMsg(pMsg);
+        }
+    }
+    return *pValue >= Wanted ? 0 : 1;
+}
+
 static int ask(uint32_t Receiver, const char *pVia)
 {
-    const uint32_t Seq = MSG_GetNextSequence();
-    MSG_Msg *pMsg = MSG_AllocMsg(WEATHER_REQ, Seq, 64);
-    const double Start = now_us();
+    char Line[128];
+    MSG_Msg *pMsg = MSG_AllocMsg(WEATHER_REQ, MSG_GetNextSequence(), 64);
+    const double Start = now_ms();
     if (MSG_SendMsg("client", Receiver, pMsg) != MSG_OK)
         return 1;
     MSG_Msg *pAnswer = MSG_RecvMsg("client", WEATHER_RSP, 5000);
     if (pAnswer == NULL)
         return 1;
-    printf("  %-18s seq %2u: \"%s\" in %.1f us\n", pVia, MSG_GetSequence(pAnswer),
-           (const char *)MSG_GetPayload(pAnswer), now_us() - Start);
-    MSG_ProcessCallback("client", pAnswer);
+    snprintf(Line, sizeof Line, "asked %-20s \"%s\" in %.0f us", pVia, (const char *)MSG_GetPayload(pAnswer),
+             (now_ms() - Start) * 1e3);
+    say("client", Line);
     MSG_ReleaseMsg(pAnswer);
     return 0;
 }
 
-static void show_status_and_log(void)
+static int open_async(struct Peer *pPeer)
 {
-    printf("status texts: 0 \"%s\", 102 \"%s\", 307 \"%s\"\n", MSG_DebugStrError(0),
-           MSG_DebugStrError(102), MSG_DebugStrError(307));
-    fflush(stdout);
-    MSG_DebugSetFlag(MSG_DEBUG_STDERR);
-    MSG_LogErrFilter(104, __FILE__, __LINE__, "main",
-                     "$progname: $halvo: liborvane: $func: $err: $local\n", 104, "nosuch");
-    MSG_DebugSetFlag(0);
+    const MSG_Callback OnOpen = {on_open, pPeer, 0, 0, 0}; /* 0: across restarts */
+    const MSG_Callback OnClose = {on_close, pPeer, 0, 0, 0};
+    return MSG_OpenRemoteAsync("client", pPeer->pName, &OnOpen, &OnClose) != MSG_OK;
+}
+
+static int stop(uint32_t Id, pid_t Child)
+{
+    int Status = 0;
+    MSG_SendMsg("client", Id, MSG_AllocMsg(QUIT_REQ, 0, 0));
+    waitpid(Child, &Status, 0);
+    return !WIFEXITED(Status) || WEXITSTATUS(Status) != 0;
 }
 
 int main(void)
 {
-    const pid_t Server = start("weather-server", NULL);
-    const pid_t Relay = start("relay", "weather-server");
-    show_status_and_log();
-
+    struct Peer Server = {"weather-server", 0, 0, 0, 0}, Relay = {"relay", 0, 0, 0, 0};
+    int Updates = 0;
     int Failures = MSG_OpenLocal("client") != MSG_OK;
-    MSG_RegisterCallbackHelper("client", on_answer, "logger", WEATHER_RSP, WEATHER_RSP, 0);
-    const uint32_t ServerId = find("weather-server"), RelayId = find("relay");
-    printf("\nclient 0x%x found weather-server at 0x%x and relay at 0x%x\n", find("client"), ServerId,
-           RelayId);
-    for (int i = 0; i < 4 && !Failures; i++)
-        Failures += ask(ServerId, "direct");
-    for (int i = 0; i < 2 && !Failures; i++)
-        Failures += ask(RelayId, "through the relay");
+    Failures += open_async(&Server) + open_async(&Relay);
+    Failures += MSG_RegisterCallbackHelper("client", on_update, &Updates, WEATHER_UPDATE, WEATHER_UPDATE, 0) != 0;
+    const pid_t ServerPid = start(run_server);
+    pid_t RelayPid = start(run_relay);
+    Failures += serve_until(&Server.Appearances, 1) + serve_until(&Relay.Appearances, 1);
 
-    MSG_SendMsg("client", RelayId, MSG_AllocMsg(QUIT_REQ, 0, 0));
-    MSG_SendMsg("client", ServerId, MSG_AllocMsg(QUIT_REQ, 0, 0));
-    int Status = 0;
-    waitpid(Relay, &Status, 0);
-    Failures += !WIFEXITED(Status) || WEXITSTATUS(Status) != 0;
-    waitpid(Server, &Status, 0);
-    Failures += !WIFEXITED(Status) || WEXITSTATUS(Status) != 0;
+    if (!Failures)
+        Failures += ask(Server.Id, "weather-server:") + ask(Relay.Id, "through the relay:");
+    if (!Failures && MSG_RegisterNotificationRemote("client", WEATHER_UPDATE, WEATHER_UPDATE, Server.Id) == MSG_OK)
+        say("client", "subscribed to weather-server's updates");
+    Failures += serve_until(&Updates, UPDATES);
+
+    nanosleep(&(struct timespec){0, 100000000}, NULL); /* lets the relay print its last update */
+    say("client", "killing the relay (SIGKILL)");
+    const double KilledAt = now_ms();
+    kill(RelayPid, SIGKILL);
+    Failures += serve_until(&Relay.Losses, 1);
+    waitpid(RelayPid, NULL, 0);
+    printf("%-8s (its death reached the close callback %.2f ms after the kill)\n", "", Relay.LostAt - KilledAt);
+    say("client", "starting the relay again");
+    RelayPid = start(run_relay);
+    Failures += serve_until(&Relay.Appearances, 2) || ask(Relay.Id, "through the relay:");
+
+    Failures += stop(Relay.Id, RelayPid) + stop(Server.Id, ServerPid);
     MSG_CloseLocal("client");
-    printf("%s\n", Failures ? "demo FAILED" : "server and relay stopped; done");
+    say(Failures ? "FAILED" : "done", "server and relay stopped");
     return Failures != 0;
 }

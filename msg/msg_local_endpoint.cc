@@ -184,6 +184,7 @@ MSG_Status MSG_AddLocalEndpoint(const char *pEndpointName, struct LinxHandle *pL
         p->pPendFreeHead = nullptr;
         p->pRemoteHead = nullptr;
         p->pWithdrawnHead = nullptr;
+        p->bAttachPending = 0;
         p->pCallbackHead = nullptr;
         p->pNtfyHead = nullptr;
         p->pPendingHuntHead = nullptr;

@@ -46,6 +46,7 @@ struct LocalEndpoint {
     pthread_mutex_t RemoteMutex;
     struct RemoteEndpoint *pRemoteHead; // remote endpoint table
     struct WithdrawnAttach *pWithdrawnHead; // attaches to detach (RemoteMutex)
+    uint32_t bAttachPending;       // a record may await its attach (RemoteMutex)
     pthread_mutex_t CallbackMutex;
     struct CallbackEntry *pCallbackHead;
     pthread_mutex_t NtfyMutex;

@@ -47,10 +47,20 @@ RemoteEndpoint *jNewRecord(const char *pName, uint32_t RemoteId, uint32_t bDelOn
     return p;
 }
 
+// A record that is open and not attached yet makes the next
+// MSG_AttachAsNeeded walk the table; otherwise it need not, which keeps the
+// receive loop's cost per message independent of the table's size.
+void jSetAttachPending_NeedsLock(LocalEndpoint *pMyEndpoint, const RemoteEndpoint *p)
+{
+    if (p->RemoteId != 0 && !p->bAttached)
+        pMyEndpoint->bAttachPending = 1;
+}
+
 void jInsert_NeedsLock(LocalEndpoint *pMyEndpoint, RemoteEndpoint *p)
 {
     p->pNext = pMyEndpoint->pRemoteHead;
     pMyEndpoint->pRemoteHead = p;
+    jSetAttachPending_NeedsLock(pMyEndpoint, p);
 }
 
 // The link that points at the first record Match accepts, or null.
@@ -153,6 +163,7 @@ MSG_Status MSG_NewAlreadyOpenRemote(LocalEndpoint *pMyEndpoint, const char *pRem
         p->bDelOnClose = bJustOnce;
         Status = MSG_LinxAttach(pMyEndpoint, p);
         p->bAttached = Status == MSG_OK;
+        jSetAttachPending_NeedsLock(pMyEndpoint, p);
         bDropExisting = Status != MSG_OK && bJustOnce;
         *pNtfyClose = p->NtfyClose;
     } else if ((p = jNewRecord(pRemoteName, RemoteId, bJustOnce)) == nullptr) {
@@ -248,6 +259,7 @@ MSG_Status MSG_SetRemoteStateOpen(LocalEndpoint *pMyEndpoint, uint32_t RemoteId,
         pMyEndpoint, [MsgOpen](const RemoteEndpoint &R) { return R.NtfyOpen == MsgOpen && R.RemoteId == 0; });
     if (ppLink != nullptr) {
         (*ppLink)->RemoteId = RemoteId;
+        jSetAttachPending_NeedsLock(pMyEndpoint, *ppLink);
         Status = MSG_OK;
         MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: remote ep 0x%x/\"%s\"\n", 0, RemoteId,
                         (*ppLink)->Name);
@@ -371,7 +383,8 @@ MSG_Status MSG_AttachAsNeeded(LocalEndpoint *pMyEndpoint)
     MSG_Status Result = MSG_OK;
     pthread_mutex_lock(&pMyEndpoint->RemoteMutex);
     jDetachWithdrawn_NeedsLock(pMyEndpoint);
-    for (RemoteEndpoint *p = pMyEndpoint->pRemoteHead; p != nullptr; p = p->pNext) {
+    for (RemoteEndpoint *p = pMyEndpoint->bAttachPending ? pMyEndpoint->pRemoteHead : nullptr; p != nullptr;
+         p = p->pNext) {
         if (p->RemoteId == 0 || p->bAttached)
             continue;
         const MSG_Status Status = MSG_LinxAttach(pMyEndpoint, p);
@@ -379,6 +392,7 @@ MSG_Status MSG_AttachAsNeeded(LocalEndpoint *pMyEndpoint)
         if (Status != MSG_OK)
             Result = Status;
     }
+    pMyEndpoint->bAttachPending = 0;
     pthread_mutex_unlock(&pMyEndpoint->RemoteMutex);
     return Result;
 }

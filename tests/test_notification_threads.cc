@@ -1,0 +1,71 @@
+// Publishing from several threads while subscribers come and go: local and
+// remote subscriptions change under the walk, subscribers close with copies
+// in flight, and every subscription of a closed subscriber is purged.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "msg_test_util.h"
+
+namespace {
+
+constexpr MSG_Type kNews = 0x150;
+
+TEST(NotificationThreads, PublishersAndChurningSubscribers)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("pub"));
+    const uint32_t Pub = FindSpid("pub", "pub");
+    std::atomic<bool> bStop{false}, bChurned{false};
+    std::atomic<int> Received{0}, Failures{0};
+    std::thread Loop([&] {
+        while (!bStop)
+            if (MSG_Msg *pMsg = MSG_RecvAnyMsg("pub", 10))
+                MSG_ReleaseMsg(pMsg);
+    });
+    std::vector<std::thread> Publishers, Subscribers;
+    for (int t = 0; t < 3; t++)
+        Publishers.emplace_back([&] {
+            for (uint32_t i = 0; !bChurned; i++) {
+                const MSG_Status Status = MSG_SendNotification("pub", MSG_AllocMsg(kNews, i, 16));
+                // 305 while nobody subscribed, 103 for a subscriber closing.
+                Failures += Status != 0 && Status != 305 && Status != 103;
+            }
+        });
+    for (int t = 0; t < 3; t++)
+        Subscribers.emplace_back([&, t] {
+            const std::string Name = "sub" + std::to_string(t);
+            for (int Round = 0; Round < 15; Round++) {
+                Failures += MSG_OpenLocal(Name.c_str()) != 0;
+                const uint32_t Me = FindSpid(Name.c_str(), Name.c_str());
+                Failures += MSG_RegisterNotificationRemote(Name.c_str(), 0x100, 0x1FF, Pub) != 0;
+                Failures += MSG_RegisterNotification("pub", 0x150, 0x150, Me) != 0;
+                for (int i = 0; i < 5; i++)
+                    if (MSG_Msg *pMsg = MSG_RecvMsg(Name.c_str(), kNews, 2)) {
+                        Received++;
+                        MSG_ReleaseMsg(pMsg);
+                    }
+                MSG_UnregisterNotification("pub", 0x150, 0x150, Me);
+                Failures += MSG_CloseLocal(Name.c_str()) != 0;
+            }
+        });
+    for (std::thread &T : Subscribers)
+        T.join();
+    bChurned = true;
+    for (std::thread &T : Publishers)
+        T.join();
+    struct timespec Start;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    while (MSG_CountNotifications_Private("pub") != 0 && MSG_GetMsecSince(Start) < 5000)
+        usleep(1000);
+    bStop = true;
+    Loop.join();
+    EXPECT_EQ(0, MSG_CountNotifications_Private("pub")) << "every closed subscriber was purged";
+    EXPECT_EQ(0, Failures.load());
+    EXPECT_GT(Received.load(), 0);
+    MSG_CloseLocal("pub");
+}
+
+} // namespace

@@ -1,0 +1,206 @@
+// Notifications: subscriptions made by the publisher and by request from
+// other processes, publishing to several subscribers when one is gone,
+// subscribers that die, and requests another process malformed.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <string.h>
+
+#include <string>
+
+#include "log_capture.h"
+#include "msg_local_endpoint.h"
+#include "msg_test_util.h"
+
+namespace {
+
+constexpr MSG_Type kNews = 0x150;
+
+uint32_t SpidOf(const char *pName)
+{
+    return MSG_GetLocalEndpoint(pName)->Spid;
+}
+
+// Publishes one message of Type carrying Value.
+MSG_Status Publish(MSG_Type Type, uint32_t Value = 0)
+{
+    MSG_Msg *pMsg = MSG_AllocMsg(Type, 0, sizeof Value);
+    memcpy(MSG_GetPayloadMutable(pMsg), &Value, sizeof Value);
+    return MSG_SendNotification("pub", pMsg);
+}
+
+// Copies of Type that arrive at a local endpoint within a short wait; each
+// must come from the publisher.
+int Copies(const char *pName, MSG_Type Type = kNews)
+{
+    int Count = 0;
+    while (MSG_Msg *pMsg = MSG_RecvMsg(pName, Type, 100)) {
+        EXPECT_EQ(SpidOf("pub"), MSG_GetSender(pMsg));
+        MSG_ReleaseMsg(pMsg);
+        Count++;
+    }
+    return Count;
+}
+
+bool Logged(const std::string &Text)
+{
+    bool bFound = false;
+    for (const LoggedLine &L : TakeLoggedLines())
+        bFound |= L.Text.find(Text) != std::string::npos;
+    return bFound;
+}
+
+class Notifications : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (const char *pName : {"pub", "a", "c"})
+            ASSERT_EQ(0u, MSG_OpenLocal(pName));
+        TakeLoggedLines();
+    }
+    void TearDown() override
+    {
+        for (const char *pName : {"pub", "a", "c"})
+            MSG_CloseLocal(pName);
+        MSG_CloseLocal(nullptr);
+        MSG_DebugSetFlag(0);
+    }
+};
+
+TEST_F(Notifications, PublisherSubscriptionsDuplicatesAndPurges)
+{
+    const uint32_t A = SpidOf("a"), C = SpidOf("c");
+    EXPECT_EQ(301u, MSG_RegisterNotification("pub", 0x10, 0x20, 0));
+    EXPECT_EQ(301u, MSG_RegisterNotification("pub", 0x20, 0x10, A));
+    EXPECT_EQ(301u, MSG_RegisterNotification("pub", 0x10, 0x1000000, A)) << "only user types";
+    EXPECT_EQ(301u, MSG_RegisterNotification(nullptr, 0x10, 0x20, A));
+    TakeLoggedLines();
+    EXPECT_EQ(104u, MSG_RegisterNotification("nosuch", 0x10, 0x20, A));
+    EXPECT_EQ(2u, TakeLoggedLines().size()) << "the request's line and the outcome line";
+    EXPECT_EQ(0, MSG_CountNotifications_Private("pub"));
+    EXPECT_EQ(-1, MSG_CountNotifications_Private("nosuch"));
+
+    ASSERT_EQ(0u, MSG_RegisterNotification("pub", 0x10, 0xFFFFFF, A));
+    ASSERT_EQ(0u, MSG_RegisterNotification("pub", 0x10, 0x20, A));
+    ASSERT_EQ(0u, MSG_RegisterNotification("pub", 0x10, 0x20, A)) << "equal entries are kept";
+    ASSERT_EQ(0u, MSG_RegisterNotification("pub", 0x15, 0x15, C));
+    EXPECT_EQ(4, MSG_CountNotifications_Private("pub"));
+    EXPECT_EQ(0u, Publish(0x15));
+    EXPECT_EQ(3, Copies("a", 0x15)) << "one copy per matching entry";
+    EXPECT_EQ(1, Copies("c", 0x15));
+
+    EXPECT_EQ(305u, MSG_UnregisterNotification("pub", 0x10, 0x1F, A)) << "ranges must be equal";
+    EXPECT_EQ(0u, MSG_UnregisterNotification("pub", 0x10, 0x20, A));
+    EXPECT_EQ(3, MSG_CountNotifications_Private("pub"));
+    EXPECT_EQ(0u, Publish(0x15));
+    EXPECT_EQ(2, Copies("a", 0x15));
+    EXPECT_EQ(1, Copies("c", 0x15));
+
+    MSG_DebugSetFlag(MSG_DEBUG_LOG_NO_NTFY);
+    EXPECT_EQ(305u, Publish(0x5)) << "nobody covers it; the message is still released";
+    EXPECT_TRUE(Logged("sent to 0 endpoints w/0 errs"));
+    EXPECT_EQ(104u, MSG_SendNotification("nosuch", MSG_AllocMsg(0x15, 0, 0)));
+    EXPECT_EQ(301u, MSG_SendNotification("pub", nullptr));
+
+    LocalEndpoint *pPub = MSG_GetLocalEndpoint("pub");
+    EXPECT_EQ(0u, MSG_PurgeNotifications(pPub, A));
+    EXPECT_EQ(1, MSG_CountNotifications_Private("pub")) << "C's stays";
+    EXPECT_EQ(0u, MSG_PurgeNotifications(pPub, A)) << "nothing left of A";
+}
+
+TEST_F(Notifications, ACopyThatCannotBeSentSparesTheOthers)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("gone"));
+    const uint32_t Gone = SpidOf("gone");
+    MSG_CloseLocal("gone");
+    for (uint32_t Subscriber : {SpidOf("a"), Gone, SpidOf("c")})
+        ASSERT_EQ(0u, MSG_RegisterNotification("pub", 0x100, 0x1FF, Subscriber));
+    EXPECT_EQ(103u, Publish(kNews, 7));
+    EXPECT_TRUE(Logged("sent to 3 endpoints w/1 errs"));
+    EXPECT_EQ(1, Copies("a"));
+    EXPECT_EQ(1, Copies("c"));
+}
+
+int CountRequest(void *pContext, MSG_Msg *)
+{
+    ++*(int *)pContext;
+    return 0;
+}
+
+// A subscriber process: subscribes remotely to two ranges, withdraws one,
+// and with bCheck takes the copy the test publishes, then ends.
+int Subscribe(const char *pName, bool bCheck)
+{
+    MSG_OpenLocal(pName);
+    const uint32_t Pub = FindSpid(pName, "pub");
+    if (Pub == 0 || MSG_RegisterNotificationRemote(pName, 0x100, 0x1FF, Pub) != 0 ||
+        MSG_RegisterNotificationRemote(pName, 0x300, 0x3FF, Pub) != 0 ||
+        MSG_UnregisterNotificationRemote(pName, 0x300, 0x3FF, Pub) != 0)
+        return 1;
+    if (!bCheck) {
+        pause();
+        return 0;
+    }
+    MSG_Msg *pCopy = MSG_RecvMsg(pName, kNews, 5000);
+    uint32_t Value = 0;
+    if (pCopy != nullptr)
+        memcpy(&Value, MSG_GetPayload(pCopy), sizeof Value);
+    return pCopy != nullptr && MSG_GetSender(pCopy) == Pub && Value == 42 ? 0 : 2;
+}
+
+TEST_F(Notifications, RemoteSubscribersAreServedAndPurgedWhenTheyDie)
+{
+    int Requests = 0;
+    ASSERT_EQ(0u, MSG_RegisterCallbackHelper("pub", (MSG_CallbackFunc)CountRequest, &Requests, MSG_NTFY_REQ_REGISTER,
+                                             MSG_NTFY_REQ_UNREGISTER, 0));
+    const pid_t Reader = StartChild([] { return Subscribe("reader", true); });
+    const pid_t Sleeper = StartChild([] { return Subscribe("sleeper", false); });
+    ASSERT_TRUE(Pump("pub", 5000, [&] { return Requests == 6; }));
+    EXPECT_EQ(2, MSG_CountNotifications_Private("pub"));
+
+    EXPECT_EQ(0u, Publish(kNews, 42));
+    EXPECT_EQ(0, WaitChild(Reader)) << "its copy came from the publisher";
+    kill(Sleeper, SIGKILL);
+    WaitChild(Sleeper);
+    EXPECT_TRUE(Pump("pub", 5000, [] { return MSG_CountNotifications_Private("pub") == 0; }))
+        << "both purged by their close messages";
+}
+
+// Sends raw bytes to the publisher as another process might.
+void SendRaw(LINX *pForger, const void *pBytes, uint32_t Size)
+{
+    union LINX_SIGNAL *pSig = linx_alloc(pForger, Size, 0);
+    memcpy(pSig, pBytes, Size);
+    linx_send(pForger, &pSig, SpidOf("pub"));
+}
+
+TEST_F(Notifications, MalformedRequestsAreRefusedAndTheLoopGoesOn)
+{
+    LINX *pForger = linx_open("forger", 0, nullptr); // open throughout: a subscriber that lives
+    struct {
+        MSG_Msg Header;
+        uint32_t Range[2];
+    } Request = {};
+    Request.Header.MsgType = MSG_NTFY_REQ_REGISTER | MSG_TYPE_USER_SHIFT;
+    Request.Header.InUseMagic = MAGIC_NUM_MSG_ALLOC;
+    Request.Header.PayloadBytes = 8;
+    Request.Range[0] = 0x30;
+    Request.Range[1] = 0x10;
+    SendRaw(pForger, &Request, sizeof(MSG_Msg) + 4); // half a range
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("pub", 500));
+    EXPECT_TRUE(Logged("MSG_NotificationReqHandler: result 300/unknown error"));
+    EXPECT_EQ(0, MSG_CountNotifications_Private("pub"));
+
+    Request.Header.MsgType = 0x30000000 | MSG_TYPE_USER_SHIFT;
+    SendRaw(pForger, &Request, sizeof Request);
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("pub", 500));
+    EXPECT_TRUE(Logged("unknown type refused"));
+
+    Request.Header.MsgType = MSG_NTFY_REQ_REGISTER | MSG_TYPE_USER_SHIFT;
+    SendRaw(pForger, &Request, sizeof Request); // an upside-down range is taken as it is
+    EXPECT_TRUE(Pump("pub", 2000, [] { return MSG_CountNotifications_Private("pub") == 1; }));
+    EXPECT_EQ(305u, Publish(0x20)) << "and never matches";
+    linx_close(pForger);
+}
+
+} // namespace
