@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_util.h"
 #include "linx.h"
 #include "orvane.h"
 
@@ -30,25 +31,6 @@ constexpr int kBlocks = 6;
 constexpr int kRoundsPerBlock = 3000;
 constexpr uint32_t kEcho = 0x10;
 constexpr uint32_t kStop = 0x11;
-
-double NowUs()
-{
-    struct timespec Now;
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return Now.tv_sec * 1e6 + Now.tv_nsec / 1e3;
-}
-
-double Median(std::vector<double> Samples)
-{
-    std::sort(Samples.begin(), Samples.end());
-    return Samples[Samples.size() / 2];
-}
-
-void Fail(const char *pWhat)
-{
-    fprintf(stderr, "bench_linx: %s: %s\n", pWhat, strerror(errno));
-    exit(1);
-}
 
 // ---- raw socket pair -------------------------------------------------------
 
@@ -115,18 +97,6 @@ int LinxEchoLoop(LINX *pLinx, bool bEcho)
     }
 }
 
-LINX_SPID Hunt(LINX *pLinx, const char *pName)
-{
-    if (linx_hunt(pLinx, pName, nullptr) != 0)
-        Fail("hunt");
-    union LINX_SIGNAL *pSig = nullptr;
-    if (linx_receive_w_tmo(pLinx, &pSig, 10000, nullptr) <= 0)
-        Fail("hunt answer");
-    const LINX_SPID Peer = linx_sender(pLinx, &pSig);
-    linx_free_buf(pLinx, &pSig);
-    return Peer;
-}
-
 pid_t StartLinxPeer(const char *pName, bool bEcho)
 {
     const pid_t Child = fork();
@@ -135,18 +105,6 @@ pid_t StartLinxPeer(const char *pName, bool bEcho)
         _exit(pLinx == nullptr ? 1 : LinxEchoLoop(pLinx, bEcho));
     }
     return Child;
-}
-
-// Sends a new signal, waiting while the receiver's queue is full.
-void SendWaiting(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t SigNo)
-{
-    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, SigNo);
-    while (linx_send(pLinx, &pSig, Peer) != 0) {
-        if (errno != ENOBUFS)
-            Fail("send");
-        sched_yield(); // let the receiver catch up
-        pSig = linx_alloc(pLinx, Size, SigNo);
-    }
 }
 
 uint32_t StopPeer(LINX *pLinx, LINX_SPID Peer)

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "linx.h"
 #include "orvane.h"
 
@@ -35,25 +36,6 @@ constexpr MSG_Type kNews = 0x150;
 constexpr MSG_Type kAck = 0x160;
 constexpr MSG_Type kEcho = 0x100;
 constexpr MSG_Type kQuit = 0x7F0;
-
-double NowUs()
-{
-    struct timespec Now;
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return Now.tv_sec * 1e6 + Now.tv_nsec / 1e3;
-}
-
-double Percentile(std::vector<double> Samples, double Fraction)
-{
-    std::sort(Samples.begin(), Samples.end());
-    return Samples[std::min(Samples.size() - 1, (size_t)(Samples.size() * Fraction))];
-}
-
-void Fail(const char *pWhat)
-{
-    fprintf(stderr, "bench_peers: %s: %s\n", pWhat, strerror(errno));
-    exit(1);
-}
 
 pid_t Fork(int (*Body)(int), int Arg)
 {
@@ -175,29 +157,6 @@ int RawReceiver(int Index)
     }
 }
 
-LINX_SPID Hunt(LINX *pLinx, const std::string &Name)
-{
-    if (linx_hunt(pLinx, Name.c_str(), nullptr) != 0)
-        Fail("hunt");
-    union LINX_SIGNAL *pSig = nullptr;
-    if (linx_receive_w_tmo(pLinx, &pSig, 10000, nullptr) <= 0)
-        Fail("hunt answer");
-    const LINX_SPID Peer = linx_sender(pLinx, &pSig);
-    linx_free_buf(pLinx, &pSig);
-    return Peer;
-}
-
-void SendRaw(LINX *pLinx, LINX_SPID To, uint32_t SigNo)
-{
-    union LINX_SIGNAL *pSig = linx_alloc(pLinx, kSignalBytes, SigNo);
-    while (linx_send(pLinx, &pSig, To) != 0) {
-        if (errno != ENOBUFS)
-            Fail("linx_send");
-        sched_yield();
-        pSig = linx_alloc(pLinx, kSignalBytes, SigNo);
-    }
-}
-
 void TakeAcks(LINX *pLinx, int Count)
 {
     for (int i = 0; i < Count; i++) {
@@ -218,17 +177,17 @@ double RawFanOut(int Receivers)
     for (int i = 0; i < Receivers; i++)
         Children.push_back(Fork(RawReceiver, i));
     for (int i = 0; i < Receivers; i++)
-        Peers.push_back(Hunt(pLinx, "raw" + std::to_string(i)));
+        Peers.push_back(Hunt(pLinx, ("raw" + std::to_string(i)).c_str()));
     const double Start = NowUs();
     for (int Round = 0; Round < kRounds; Round++) {
         for (int i = 0; i < kPerRound; i++)
             for (LINX_SPID Peer : Peers)
-                SendRaw(pLinx, Peer, kNews);
+                SendWaiting(pLinx, Peer, kSignalBytes, kNews);
         TakeAcks(pLinx, Receivers);
     }
     const double Seconds = (NowUs() - Start) / 1e6;
     for (LINX_SPID Peer : Peers)
-        SendRaw(pLinx, Peer, kQuit);
+        SendWaiting(pLinx, Peer, kSignalBytes, kQuit);
     TakeAcks(pLinx, Receivers);
     for (pid_t Child : Children)
         waitpid(Child, nullptr, 0);
@@ -378,7 +337,7 @@ TableCost WithRecords(int Count)
     MSG_SendMsg("scale-table", Peer, MSG_AllocMsg(kQuit, 0, 0));
     waitpid(Child, nullptr, 0);
     MSG_CloseLocal("scale-table");
-    return {Percentile(Trips, 0.5), PollUs, LookupNs};
+    return {Median(Trips), PollUs, LookupNs};
 }
 
 void Scale()

@@ -103,19 +103,6 @@ uint32_t MSG_IsLocalOpen(const char *pEndpointName)
     return MSG_GetLocalEndpoint(pEndpointName) != nullptr;
 }
 
-MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivateEndpoint,
-                             LocalEndpoint **pPublicEndpoint)
-{
-    const char *pName = pEndpointName;
-    MSG_ASSERT(pName != NULL);
-    MSG_ASSERT(pPrivateEndpoint != NULL);
-    MSG_ASSERT(pPublicEndpoint != NULL);
-    *pPublicEndpoint = MSG_GetLocalEndpoint(pName);
-    if (*pPublicEndpoint == nullptr)
-        return MSG_ERR_NOT_OPEN;
-    return jOpenMyEndpoint(pPrivateEndpoint);
-}
-
 MSG_Status jOpenMyEndpoint(LocalEndpoint **ppEndpoint)
 {
     *ppEndpoint = MSG_GetMyEndpoint();
@@ -174,6 +161,21 @@ MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
 }
 
 namespace {
+
+// The named public endpoint and the caller's private one, opened if need
+// be: 0, 302, or MSG_OpenLocal's failure.
+MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivateEndpoint,
+                             LocalEndpoint **pPublicEndpoint)
+{
+    const char *pName = pEndpointName;
+    MSG_ASSERT(pName != NULL);
+    MSG_ASSERT(pPrivateEndpoint != NULL);
+    MSG_ASSERT(pPublicEndpoint != NULL);
+    *pPublicEndpoint = MSG_GetLocalEndpoint(pName);
+    if (*pPublicEndpoint == nullptr)
+        return MSG_ERR_NOT_OPEN;
+    return jOpenMyEndpoint(pPrivateEndpoint);
+}
 
 // The named public endpoint whose table a remote open uses, and the
 // caller's private endpoint: 302 when the name is not an open public

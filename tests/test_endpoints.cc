@@ -15,9 +15,6 @@
 #include "log_capture.h"
 #include "orvane.h"
 
-extern "C" MSG_Status MSG_OpenLocalDual(const char *pEndpointName, LocalEndpoint **pPrivateEndpoint,
-                                        LocalEndpoint **pPublicEndpoint);
-
 namespace {
 
 int32_t CountOne(void *pCount, LocalEndpoint *)
@@ -145,22 +142,6 @@ TEST_F(Endpoints, RegistryFindsTheNewestAndVisitsAll)
     MSG_CloseLocal("d");
     EXPECT_EQ(0, CountEndpoints());
     EXPECT_EQ(0, MSG_ForAllLocalEndpoints([](void *, LocalEndpoint *) { return 9; }, nullptr));
-}
-
-TEST_F(Endpoints, OpenLocalDualPairsThePublicWithTheCallersPrivate)
-{
-    LocalEndpoint *pPrivate = nullptr, *pPublic = nullptr;
-    EXPECT_EQ(302u, MSG_OpenLocalDual("not-open", &pPrivate, &pPublic));
-    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
-    ASSERT_EQ(0u, MSG_OpenLocal("dual"));
-    EXPECT_EQ(0u, MSG_OpenLocalDual("dual", &pPrivate, &pPublic));
-    EXPECT_EQ(MSG_GetLocalEndpoint("dual"), pPublic);
-    EXPECT_NE(nullptr, pPrivate);
-    EXPECT_EQ(MSG_GetMyEndpoint(), pPrivate);
-    LocalEndpoint *pAgain = nullptr;
-    EXPECT_EQ(0u, MSG_OpenLocalDual("dual", &pAgain, &pPublic));
-    EXPECT_EQ(pPrivate, pAgain);
-    MSG_CloseLocal("dual");
 }
 
 TEST_F(Endpoints, AForkedChildStartsWithoutItsParentsEndpoints)

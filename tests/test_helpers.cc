@@ -1,5 +1,5 @@
-// Shared helpers: elapsed time, sequence numbers, memory, base names and
-// the extra-flag bits of a message header.
+// Shared helpers: elapsed time, sequence numbers and the extra-flag bits of
+// a message header.
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -34,29 +34,6 @@ TEST(Helpers, SequenceWrapsAfter24Bits)
         Last = MSG_GetNextSequence();
     EXPECT_EQ((First + 1) & 0xFFFFFFu, Last); // 2^24 calls bring it round
     EXPECT_LE(Last, 0xFFFFFFu);
-}
-
-TEST(Helpers, MallocFillsWithCC)
-{
-    unsigned char *pBlock = (unsigned char *)MSG_Malloc(100);
-    ASSERT_NE(nullptr, pBlock);
-    for (int i = 0; i < 100; i++)
-        ASSERT_EQ(0xCC, pBlock[i]);
-    MSG_Free(pBlock);
-
-    char *pCopy = MSG_Strdup("radio");
-    ASSERT_NE(nullptr, pCopy);
-    EXPECT_STREQ("radio", pCopy);
-    MSG_Free(pCopy);
-}
-
-TEST(Helpers, BasenameIsThePartAfterTheLastSlash)
-{
-    EXPECT_STREQ("c", MSG_Basename("a/b/c"));
-    EXPECT_STREQ("c", MSG_Basename("c"));
-    EXPECT_STREQ("", MSG_Basename("a/"));
-    const char *pPath = "/system/bin/radiod";
-    EXPECT_EQ(pPath + 12, MSG_Basename(pPath));
 }
 
 TEST(Helpers, ExtraFlagsKeepTheSendStackSize)

@@ -34,7 +34,7 @@ protected:
     LINX *pB = nullptr;
 };
 
-TEST_F(LinxBuffers, AllocationChecksSizeAndMarksTheEnd)
+TEST_F(LinxBuffers, AllocationChecksSizeMarksTheEndReusesAndResizes)
 {
     errno = 0;
     EXPECT_EQ(nullptr, linx_alloc(pA, 3, 1));
@@ -47,10 +47,8 @@ TEST_F(LinxBuffers, AllocationChecksSizeAndMarksTheEnd)
     EXPECT_EQ(linx_get_spid(pA), linx_sender(pA, &pSig));
     EXPECT_EQ(0, linx_free_buf(pA, &pSig));
     EXPECT_EQ(nullptr, pSig);
-}
 
-TEST_F(LinxBuffers, ReleasedLargeBufferIsReused)
-{
+    // A released large buffer is kept and reused for a signal that fits.
     union LINX_SIGNAL *pBig = linx_alloc(pA, 2000, 1);
     union LINX_SIGNAL *const pFirst = pBig;
     linx_free_buf(pA, &pBig);
@@ -63,11 +61,9 @@ TEST_F(LinxBuffers, ReleasedLargeBufferIsReused)
     EXPECT_EQ(0xEE, ((unsigned char *)pSmall)[100]);
     linx_free_buf(pA, &pSmall);
     linx_free_buf(pA, &pLarger); // the spare slot is taken: freed
-}
 
-TEST_F(LinxBuffers, ResizingKeepsTheContents)
-{
-    union LINX_SIGNAL *pSig = NewSignal(pA, 7, 0xABCD);
+    // Resizing keeps the contents.
+    pSig = NewSignal(pA, 7, 0xABCD);
     errno = 0;
     EXPECT_EQ(-1, linx_set_sigsize(pA, &pSig, 3));
     EXPECT_EQ(EMSGSIZE, errno);
@@ -113,7 +109,7 @@ TEST_F(LinxBuffers, DeliveryWithinTheProcessHandsTheBufferOver)
     }
 }
 
-TEST_F(LinxBuffers, SelectionTakesMatchingSignalsAndKeepsTheRestInOrder)
+TEST_F(LinxBuffers, SelectionByNumberAndSenderKeepsTheRestInOrder)
 {
     const LINX_SPID To = linx_get_spid(pB);
     for (uint32_t SigNo : {1u, 2u, 3u, 2u, 4u}) {
@@ -132,14 +128,12 @@ TEST_F(LinxBuffers, SelectionTakesMatchingSignalsAndKeepsTheRestInOrder)
     EXPECT_EQ(2u, ReceiveOne(pB, 0));
     EXPECT_EQ(2u, ReceiveOne(pB, 0));
     EXPECT_EQ(0u, ReceiveOne(pB, 0));
-}
 
-TEST_F(LinxBuffers, ReceiveFromTakesOnlyThatSender)
-{
+    // Selection by sender.
     LINX *pC = linx_open("buffers-c", 0, nullptr);
     ASSERT_NE(nullptr, pC);
     union LINX_SIGNAL *pSig = NewSignal(pA, 5, 1);
-    linx_send(pA, &pSig, linx_get_spid(pB));
+    linx_send(pA, &pSig, To);
     pSig = NewSignal(pC, 5, 2);
     linx_send(pC, &pSig, linx_get_spid(pB));
     ASSERT_EQ(8, linx_receive_from(pB, &pSig, 1000, nullptr, linx_get_spid(pC)));

@@ -50,21 +50,6 @@ TEST_F(Messages, AllocationFillsTheHeader)
               Lines[Lines.size() - 2].Text.find("MSG_AllocMsg: result 301/wrong parameter: msg type 0x1000000, seq 7, size 0\n"));
 }
 
-TEST_F(Messages, NullMessagesReadAsNothing)
-{
-    EXPECT_EQ(0u, MSG_GetType(nullptr));
-    EXPECT_EQ(301u, MSG_SetType(nullptr, 1));
-    EXPECT_EQ(0u, MSG_GetSequence(nullptr));
-    EXPECT_EQ(301u, MSG_SetSequence(nullptr, 1));
-    EXPECT_EQ(nullptr, MSG_GetPayload(nullptr));
-    EXPECT_EQ(-301, MSG_GetPayloadBytes(nullptr));
-    EXPECT_EQ(0u, MSG_GetSender(nullptr));
-    EXPECT_EQ(0u, MSG_GetOrigSender(nullptr));
-    EXPECT_EQ(301u, MSG_ReleaseMsg(nullptr));
-    MSG_Msg *pClone = nullptr;
-    EXPECT_EQ(301u, MSG_CloneMsg(nullptr, &pClone));
-}
-
 TEST_F(Messages, AllocationOpensOnePrivateEndpointPerThread)
 {
     EXPECT_EQ(nullptr, MSG_GetMyEndpoint());

@@ -129,6 +129,23 @@ TEST_F(RemoteOpen, CloseRemoteForgetsThePeerAndWithdrawsItsAttach)
     EXPECT_EQ(2u, TakeLoggedLines().size()) << "the local endpoint's line and the outcome line";
 }
 
+TEST_F(RemoteOpen, CloseCallbackWatchesAPeerKnownById)
+{
+    const pid_t Peer = StartPeer("known");
+    const uint32_t Id = FindSpid("watcher", "known");
+    EXPECT_FALSE(PumpUntil(Closed, 1, 50)); // attaches the synchronously opened record
+    // The record is refreshed with new types; its first attach is withdrawn.
+    ASSERT_EQ(0u, MSG_RegisterCloseCallback("watcher", "known", Id, Record, &Closed, 1));
+    EXPECT_EQ(301u, MSG_RegisterCloseCallback("watcher", "known", 0, Record, &Closed, 1));
+    EXPECT_EQ(104u, MSG_RegisterCloseCallback("nosuch", "known", Id, Record, &Closed, 1));
+    EXPECT_FALSE(PumpUntil(Closed, 1, 50));
+    Kill(Peer);
+    ASSERT_TRUE(PumpUntil(Closed, 1));
+    EXPECT_FALSE(PumpUntil(Closed, 2, 200)) << "once";
+    EXPECT_EQ(Id, Closed[0].Sender);
+    EXPECT_EQ(0u, MSG_GetRemoteId("watcher", "known")) << "a just-once record goes with its peer";
+}
+
 TEST_F(RemoteOpen, AsyncOpenChecksItsArguments)
 {
     const MSG_Callback Good = {Record, &Opened, 0, 0, 0};

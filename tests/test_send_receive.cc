@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "log_capture.h"
+#include "msg_local_endpoint.h"
 #include "msg_test_util.h"
 
 namespace {
@@ -167,13 +168,31 @@ TEST_F(SendReceive, ReceiveTimeouts)
     EXPECT_EQ(nullptr, MSG_RecvMsg("client", kRequest, -2));
     EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", -2));
     EXPECT_EQ(nullptr, MSG_RecvMsg("client", 0x1000000, 0));
+    MSG_AllocMsg(kRequest, 0, 0); // opens this thread's private endpoint, which has no receive loop
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg(MSG_GetMyEndpoint()->Name, 1000));
     EXPECT_LT(NowMs() - Start, 50);
 
-    Start = NowMs();
-    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 150));
-    EXPECT_GE(NowMs() - Start, 149);
-
+    // A peer that only sends internal messages, for longer than the wait:
+    // they do not restart it.
     const uint32_t Client = FindSpid("client", "client");
+    const pid_t Chatter = StartChild([Client] {
+        MSG_OpenLocal("chatter");
+        for (int i = 0; i < 60; i++) {
+            MSG_Msg *pMsg = MSG_AllocMsg_Internal(MSG_NTFY_REQ_REGISTER, i, 8);
+            memset(MSG_GetPayloadMutable(pMsg), 0, 8);
+            if (MSG_SendMsg("chatter", Client, pMsg) != 0)
+                return 1;
+            usleep(10000);
+        }
+        return 0;
+    });
+    usleep(30000);
+    Start = NowMs();
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 200));
+    EXPECT_GE(NowMs() - Start, 190);
+    EXPECT_LT(NowMs() - Start, 400);
+    EXPECT_EQ(0, WaitChild(Chatter));
+
     const pid_t Late = StartChild([Client] {
         MSG_OpenLocal("late");
         usleep(200000);
@@ -184,39 +203,6 @@ TEST_F(SendReceive, ReceiveTimeouts)
     EXPECT_EQ(3u, MSG_GetSequence(pMsg));
     MSG_ReleaseMsg(pMsg);
     EXPECT_EQ(0, WaitChild(Late));
-}
-
-TEST_F(SendReceive, ReceiveLoopCountsTimeAcrossInternalMessages)
-{
-    const uint32_t Client = FindSpid("client", "client");
-    const pid_t Chatter = StartChild([Client] {
-        MSG_OpenLocal("chatter");
-        // Internal messages only, for longer than the receiver waits.
-        for (int i = 0; i < 60; i++) {
-            MSG_Msg *pMsg = MSG_AllocMsg_Internal(MSG_NTFY_REQ_REGISTER, i, 8);
-            if (MSG_SendMsg("chatter", Client, pMsg) != 0)
-                return 1;
-            usleep(10000);
-        }
-        return 0;
-    });
-    usleep(30000);
-    const int64_t Start = NowMs();
-    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 200));
-    const int64_t Spent = NowMs() - Start;
-    EXPECT_GE(Spent, 190);
-    EXPECT_LT(Spent, 400) << "the internal messages do not restart the wait";
-    EXPECT_EQ(0, WaitChild(Chatter));
-}
-
-TEST_F(SendReceive, PrivateEndpointsHaveNoReceiveLoop)
-{
-    MSG_AllocMsg(kRequest, 0, 0); // opens this thread's private endpoint
-    char PrivateName[64];
-    snprintf(PrivateName, sizeof PrivateName, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
-    const int64_t Start = NowMs();
-    EXPECT_EQ(nullptr, MSG_RecvAnyMsg(PrivateName, 1000));
-    EXPECT_LT(NowMs() - Start, 50);
 }
 
 // Sends raw bytes to the client's public endpoint as another process might.
@@ -267,30 +253,6 @@ TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
     EXPECT_NE(std::string::npos, Log.find("linx_sigsize(Linx handle"));
     EXPECT_NE(std::string::npos, Log.find("Send stack overflow"));
     EXPECT_NE(std::string::npos, Log.find("Size mismatch (Linx=4, hdr=-5)"));
-}
-
-uint32_t NoteClose(void *pContext, MSG_Msg *pMsg)
-{
-    *(uint32_t *)pContext = MSG_GetSender(pMsg);
-    return 0;
-}
-
-TEST_F(SendReceive, CloseCallbackRunsWhenThePeerDies)
-{
-    const pid_t Peer = StartChild([] {
-        MSG_OpenLocal("watched");
-        pause();
-        return 0;
-    });
-    const uint32_t PeerSpid = FindSpid("client", "watched");
-    uint32_t ClosedSender = 0;
-    ASSERT_EQ(0u, MSG_RegisterCloseCallback("client", "watched", PeerSpid, NoteClose, &ClosedSender, 1));
-    EXPECT_EQ(PeerSpid, MSG_GetRemoteId("client", "watched"));
-    kill(Peer, SIGKILL);
-    WaitChild(Peer);
-    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 500)) << "the close message is internal";
-    EXPECT_EQ(PeerSpid, ClosedSender);
-    EXPECT_EQ(0u, MSG_GetRemoteId("client", "watched")) << "a just-once record goes with its peer";
 }
 
 TEST_F(SendReceive, UserLogRecordsBothDirections)

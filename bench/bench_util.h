@@ -1,0 +1,64 @@
+// Helpers the benchmark programs share: a clock, percentiles, giving up,
+// and the raw linx_ steps every comparison needs.
+#pragma once
+
+#include <errno.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "linx.h"
+
+inline double NowUs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return Now.tv_sec * 1e6 + Now.tv_nsec / 1e3;
+}
+
+inline double Percentile(std::vector<double> Samples, double Fraction)
+{
+    std::sort(Samples.begin(), Samples.end());
+    return Samples[std::min(Samples.size() - 1, (size_t)(Samples.size() * Fraction))];
+}
+
+inline double Median(const std::vector<double> &Samples)
+{
+    return Percentile(Samples, 0.5);
+}
+
+[[noreturn]] inline void Fail(const char *pWhat)
+{
+    fprintf(stderr, "%s: %s\n", pWhat, strerror(errno));
+    exit(1);
+}
+
+// The SPID of the socket of that name, found by a raw hunt.
+inline LINX_SPID Hunt(LINX *pLinx, const char *pName)
+{
+    if (linx_hunt(pLinx, pName, nullptr) != 0)
+        Fail("hunt");
+    union LINX_SIGNAL *pSig = nullptr;
+    if (linx_receive_w_tmo(pLinx, &pSig, 10000, nullptr) <= 0)
+        Fail("hunt answer");
+    const LINX_SPID Peer = linx_sender(pLinx, &pSig);
+    linx_free_buf(pLinx, &pSig);
+    return Peer;
+}
+
+// Sends a new signal, waiting while the receiver's queue is full.
+inline void SendWaiting(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t SigNo)
+{
+    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, SigNo);
+    while (linx_send(pLinx, &pSig, Peer) != 0) {
+        if (errno != ENOBUFS)
+            Fail("send");
+        sched_yield(); // let the receiver catch up
+        pSig = linx_alloc(pLinx, Size, SigNo);
+    }
+}
