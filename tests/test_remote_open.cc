@@ -146,7 +146,7 @@ TEST_F(RemoteOpen, CloseCallbackWatchesAPeerKnownById)
     EXPECT_EQ(0u, MSG_GetRemoteId("watcher", "known")) << "a just-once record goes with its peer";
 }
 
-TEST_F(RemoteOpen, AsyncOpenChecksItsArguments)
+TEST_F(RemoteOpen, AsyncOpenChecksItsArgumentsAndUndoesARefusedHunt)
 {
     const MSG_Callback Good = {Record, &Opened, 0, 0, 0};
     MSG_Callback Ranged = Good, Twice = Good, OneShot = Good;
@@ -164,6 +164,20 @@ TEST_F(RemoteOpen, AsyncOpenChecksItsArguments)
     snprintf(PrivateName, sizeof PrivateName, "%s", MSG_GetMyEndpoint()->Name);
     EXPECT_EQ(302u, MSG_OpenRemoteAsync(PrivateName, "p", &Good, nullptr)) << "it runs no receive loop";
     EXPECT_EQ(0u, MSG_GetRemoteId("watcher", "p"));
+
+    // linxd holds at most 4096 pending hunts for one socket: the next open
+    // fails with 202 and leaves no record behind (else a retry would be 309).
+    for (int i = 0; i < 4096; i++)
+        ASSERT_EQ(0u, OpenAsync(("absent" + std::to_string(i)).c_str(), 0)) << i;
+    TakeLoggedLines();
+    EXPECT_EQ(202u, OpenAsync("one-too-many", 0));
+    EXPECT_EQ(202u, OpenAsync("one-too-many", 0));
+    bool bSaid = false;
+    for (const LoggedLine &L : TakeLoggedLines())
+        bSaid |= L.Text.find("linx_hunt(Linx handle") != std::string::npos;
+    EXPECT_TRUE(bSaid);
+    EXPECT_EQ(0u, MSG_CloseRemote("watcher", "absent0"));
+    EXPECT_EQ(105u, MSG_CloseRemote("watcher", "one-too-many"));
 }
 
 // Pending hunts LINX holds on behalf of the calling thread's private endpoint.
