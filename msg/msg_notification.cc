@@ -148,6 +148,24 @@ MSG_Status jPublish(LocalEndpoint *pPublisher, LocalEndpoint *pMine, const MSG_M
     return Status;
 }
 
+MSG_Status jSendNotification(const char *pName, const MSG_Msg *pMsg, LocalEndpoint **ppPublisher, int *pMatches,
+                             int *pSent)
+{
+    if (pName == nullptr || pMsg == nullptr)
+        return MSG_ERR_WRONG_PARAMETER;
+    LocalEndpoint *pMine = nullptr;
+    const MSG_Status Status = jOpenMyEndpoint(&pMine); // the clones' owner
+    if (Status != MSG_OK)
+        return Status;
+    if ((*ppPublisher = MSG_GetLocalEndpoint(pName)) == nullptr) {
+        MSG_LogErrFilter((int)MSG_ERR_LOCAL_NOT_FOUND, __FILE__, __LINE__, "MSG_SendNotification",
+                         MSG_LOG_PREFIX "$func: $err: req $local\n", MSG_ERR_LOCAL_NOT_FOUND, pName);
+        return MSG_ERR_LOCAL_NOT_FOUND;
+    }
+    const MSG_Status PublishStatus = jPublish(*ppPublisher, pMine, pMsg, pMatches, pSent);
+    return *pMatches == 0 ? MSG_ERR_NTFY_NOT_FOUND : PublishStatus;
+}
+
 } // namespace
 
 MSG_Status MSG_RegisterNotification(const char *pName, uint32_t MsgTypeMin, uint32_t MsgTypeMax, uint32_t Receiver)
@@ -199,21 +217,8 @@ MSG_Status MSG_NotificationReqHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
 MSG_Status MSG_SendNotification(const char *pName, MSG_Msg *pMsg)
 {
     LocalEndpoint *pPublisher = nullptr;
-    LocalEndpoint *pMine = nullptr;
     int Matches = 0, Sent = 0;
-    MSG_Status Status = MSG_OK;
-    if (pName == nullptr || pMsg == nullptr) {
-        Status = MSG_ERR_WRONG_PARAMETER;
-    } else if ((Status = jOpenMyEndpoint(&pMine)) != MSG_OK) {
-        // the thread has no endpoint to clone on
-    } else if ((pPublisher = MSG_GetLocalEndpoint(pName)) == nullptr) {
-        Status = MSG_ERR_LOCAL_NOT_FOUND;
-        MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: req $local\n", Status, pName);
-    } else {
-        Status = jPublish(pPublisher, pMine, pMsg, &Matches, &Sent);
-        if (Matches == 0)
-            Status = MSG_ERR_NTFY_NOT_FOUND;
-    }
+    const MSG_Status Status = jSendNotification(pName, pMsg, &pPublisher, &Matches, &Sent);
     MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, $message, sent to %d endpoints w/%d errs\n",
                     Status, pPublisher, pMsg, Matches, Matches - Sent);
     if (pMsg != nullptr)

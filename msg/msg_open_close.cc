@@ -236,18 +236,16 @@ void jRememberPendingHunt(LocalEndpoint *pMine, const char *pPath, MSG_Type Type
 // dropped and the peer hunted afresh.
 MSG_Status jHuntFromMine(LocalEndpoint *pMine, const char *pPath, MSG_Type NtfyOpen, MSG_Type *pHuntType)
 {
-    *pHuntType = NtfyOpen;
     if (PendingHunt *pOld = jTakePendingHunt(pMine, pPath)) {
         const uint32_t OldAnswer[] = {1, pOld->Type | MSG_TYPE_USER_SHIFT};
-        MSG_Msg *pStale = nullptr;
-        if (MSG_RecvMsg_Private(pMine, OldAnswer, 0, &pStale, nullptr) == MSG_OK)
-            MSG_ReleaseMsg_Private(pMine, &pStale);
-        else
-            *pHuntType = pOld->Type;
+        *pHuntType = pOld->Type;
         MSG_Free(pOld);
-        if (*pHuntType != NtfyOpen)
-            return MSG_OK;
+        MSG_Msg *pStale = nullptr;
+        if (MSG_RecvMsg_Private(pMine, OldAnswer, 0, &pStale, nullptr) != MSG_OK)
+            return MSG_OK; // still unanswered: wait for it
+        MSG_ReleaseMsg_Private(pMine, &pStale);
     }
+    *pHuntType = NtfyOpen;
     return MSG_LinxHunt(pMine, pPath, NtfyOpen);
 }
 

@@ -117,8 +117,9 @@ void jSpend(Deadline *pDeadline)
 // A signal of no type the receive loop knows, from another process.
 MSG_Status jRefuseUnknown(const LocalEndpoint *pEndpoint, const MSG_Msg *pMsg)
 {
-    MSG_LOG_OUTCOME(MSG_ERR_UNKNOWN, MSG_LOG_PREFIX "$func: $err: unknown type refused: $plocal, $message\n",
-                    MSG_ERR_UNKNOWN, pEndpoint, pMsg);
+    MSG_LogErrFilter((int)MSG_ERR_UNKNOWN, __FILE__, __LINE__, "MSG_RecvAnyMsg",
+                     MSG_LOG_PREFIX "$func: $err: unknown type refused: $plocal, $message\n", MSG_ERR_UNKNOWN, pEndpoint,
+                     pMsg);
     return MSG_ERR_UNKNOWN;
 }
 
