@@ -108,15 +108,13 @@ TEST_F(LogTest, TokensAreMatchedInTableOrder)
     EXPECT_EQ("local ep null local ep \"x\"", Format("$local $local", (char *)nullptr, "x"));
     int Value = -5;
     EXPECT_EQ("-5 null", Format("$pint $pint", &Value, (int *)nullptr));
-}
-
-TEST_F(LogTest, FuncAndFileTokensPrintNothingWhenAbsent)
-{
-    MSG_LogOs(LOG_ERR, nullptr, 3, nullptr, "[$func][$file]$line");
+    MSG_LogOs(LOG_ERR, nullptr, 3, nullptr, "[$func][$file]$line"); // absent: nothing printed
     EXPECT_EQ("[][]3", TakeLoggedLines().at(0).Text);
 }
 
-TEST_F(LogTest, SignalTokens)
+uint32_t NoopCallback(void *, MSG_Msg *) { return 0; }
+
+TEST_F(LogTest, SignalSigselectCallbackAndRemoteTokens)
 {
     EXPECT_EQ("Linx sig addr null", Format("$signal", (void **)nullptr));
     void *pSig = (void *)0x1234;
@@ -125,16 +123,14 @@ TEST_F(LogTest, SignalTokens)
     EXPECT_EQ("Linx sig addr null", Format("$psignal", (uint32_t **)nullptr));
     uint32_t SigNo = 0x101;
     uint32_t *pSignal = &SigNo;
-    char Expect[64];
+    char Expect[160];
     snprintf(Expect, sizeof Expect, "Linx sig %p->{0x101}", (void *)&pSignal);
     EXPECT_EQ(Expect, Format("$psignal", &pSignal));
     pSignal = nullptr;
     snprintf(Expect, sizeof Expect, "Linx sig %p->{null}", (void *)&pSignal);
     EXPECT_EQ(Expect, Format("$psignal", &pSignal));
-}
 
-TEST_F(LogTest, SigselectShowsAtMostThreeNumbers)
-{
+    // At most three numbers of a selection.
     const int32_t None[] = {0};
     const int32_t Two[] = {2, 0x101, 0x102};
     const int32_t Five[] = {5, 1, 2, 3, 4, 5};
@@ -144,18 +140,19 @@ TEST_F(LogTest, SigselectShowsAtMostThreeNumbers)
     EXPECT_EQ("sigselect [2,0x101,0x102]", Format("$sigselect", Two));
     EXPECT_EQ("sigselect [5,0x1,0x2,0x3,...]", Format("$sigselect", Five));
     EXPECT_EQ("sigselect [-2,0x7,0x8,0x9,...]", Format("$sigselect", Excluding));
-}
 
-uint32_t NoopCallback(void *, MSG_Msg *) { return 0; }
-
-TEST_F(LogTest, CallbackToken)
-{
     EXPECT_EQ("callback null", Format("$callback", (MSG_Callback *)nullptr));
     MSG_Callback Callback = {NoopCallback, (void *)0x20, 0x100, 0x1FF, 1};
-    char Expect[160];
     snprintf(Expect, sizeof Expect, "callback {pFunc %p, pContext 0x20, range 0x100-0x1ff, oneshot 1}",
              (void *)NoopCallback);
     EXPECT_EQ(Expect, Format("$callback", &Callback));
+
+    // Remote tokens without a known table.
+    EXPECT_EQ("remote ep 0x143/\"unknown\"", Format("$remote", 0x143u));
+    uint32_t Id = 0x143;
+    EXPECT_EQ("remote ep 0x143/\"unknown\"", Format("$premote", &Id));
+    EXPECT_EQ("remote ep null", Format("$premote", (uint32_t *)nullptr));
+    EXPECT_EQ("local ep null remote ep 0x1/\"unknown\"", Format("$plocal $remote", (void *)nullptr, 1u));
 }
 
 struct TestMsg {
@@ -195,16 +192,6 @@ TEST_F(LogTest, MessageTokenShowsHeaderAndFirstPayloadBytes)
     M.Header.SendStackSize = 9;
     EXPECT_EQ(std::string(Prefix) + ", CORRUPTED sender stack, size 8, payload [0x1,0xff,0x10,0x0,...]}",
               Format("$message", &M));
-}
-
-TEST_F(LogTest, RemoteTokensWithoutAKnownTable)
-{
-    EXPECT_EQ("remote ep 0x143/\"unknown\"", Format("$remote", 0x143u));
-    uint32_t Id = 0x143;
-    EXPECT_EQ("remote ep 0x143/\"unknown\"", Format("$premote", &Id));
-    EXPECT_EQ("remote ep null", Format("$premote", (uint32_t *)nullptr));
-    EXPECT_EQ("local ep null remote ep 0x1/\"unknown\"",
-              Format("$plocal $remote", (void *)nullptr, 1u));
 }
 
 TEST_F(LogTest, LongLinesAreCutAt511Characters)
