@@ -75,6 +75,14 @@ MSG_Status MSG_UnregisterNotification_Private(LocalEndpoint *pLocalEndpoint, uin
     return Removed != 0 ? MSG_OK : MSG_ERR_NTFY_NOT_FOUND;
 }
 
+// Subscriptions live only on public endpoints, whose receive loop
+// supervises the subscribers: a private endpoint is no publisher.
+LocalEndpoint *jPublisherNamed(const char *pName)
+{
+    LocalEndpoint *p = MSG_GetLocalEndpoint(pName);
+    return p != nullptr && p->Owner == 0 ? p : nullptr;
+}
+
 typedef MSG_Status (*SubscriptionStep)(LocalEndpoint *, uint32_t, uint32_t, uint32_t);
 
 // A subscription change made by the publisher's own program, with its
@@ -86,7 +94,7 @@ MSG_Status jChangeSubscription(const char *pFunc, SubscriptionStep Step, const c
     MSG_Status Status = MSG_OK;
     if (pName == nullptr || Receiver == 0 || MsgTypeMin > MsgTypeMax || MsgTypeMax >= kFirstNonUserType) {
         Status = MSG_ERR_WRONG_PARAMETER;
-    } else if ((pPublisher = MSG_GetLocalEndpoint(pName)) == nullptr) {
+    } else if ((pPublisher = jPublisherNamed(pName)) == nullptr) {
         Status = MSG_ERR_LOCAL_NOT_FOUND;
         MSG_LogErrFilter((int)Status, __FILE__, __LINE__, pFunc, MSG_LOG_PREFIX "$func: $err: req $local\n", Status,
                          pName);
@@ -157,7 +165,7 @@ MSG_Status jSendNotification(const char *pName, const MSG_Msg *pMsg, LocalEndpoi
     const MSG_Status Status = jOpenMyEndpoint(&pMine); // the clones' owner
     if (Status != MSG_OK)
         return Status;
-    if ((*ppPublisher = MSG_GetLocalEndpoint(pName)) == nullptr) {
+    if ((*ppPublisher = jPublisherNamed(pName)) == nullptr) {
         MSG_LogErrFilter((int)MSG_ERR_LOCAL_NOT_FOUND, __FILE__, __LINE__, "MSG_SendNotification",
                          MSG_LOG_PREFIX "$func: $err: req $local\n", MSG_ERR_LOCAL_NOT_FOUND, pName);
         return MSG_ERR_LOCAL_NOT_FOUND;

@@ -77,6 +77,8 @@ TEST_F(Notifications, PublisherSubscriptionsDuplicatesAndPurges)
     TakeLoggedLines();
     EXPECT_EQ(104u, MSG_RegisterNotification("nosuch", 0x10, 0x20, A));
     EXPECT_EQ(2u, TakeLoggedLines().size()) << "the request's line and the outcome line";
+    MSG_AllocMsg(1, 0, 0); // opens this thread's private endpoint: no publisher
+    EXPECT_EQ(104u, MSG_RegisterNotification(MSG_GetMyEndpoint()->Name, 0x10, 0x20, A));
     EXPECT_EQ(0, MSG_CountNotifications_Private("pub"));
     EXPECT_EQ(-1, MSG_CountNotifications_Private("nosuch"));
 
