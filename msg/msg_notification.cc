@@ -13,6 +13,10 @@ namespace {
 // Only user types can be subscribed by the publisher's own program.
 constexpr uint32_t kFirstNonUserType = MSG_TYPE_USER_MAX + 1;
 
+// Subscriptions one subscriber may hold through requests: another process
+// must not grow the publisher's list (and every publish) without bound.
+constexpr int32_t kMaxRequestedPerSubscriber = 1024;
+
 // Statuses after which MSG_SendMsg leaves the message with its caller.
 bool jSendLeftMessage(MSG_Status Status)
 {
@@ -81,6 +85,30 @@ LocalEndpoint *jPublisherNamed(const char *pName)
 {
     LocalEndpoint *p = MSG_GetLocalEndpoint(pName);
     return p != nullptr && p->Owner == 0 ? p : nullptr;
+}
+
+// Entries of the publisher's list that Counted accepts.
+template <typename Predicate> int32_t jCountEntries(LocalEndpoint *pEndpoint, Predicate Counted)
+{
+    int32_t Count = 0;
+    pthread_mutex_lock(&pEndpoint->NtfyMutex);
+    for (const NtfyEntry *p = pEndpoint->pNtfyHead; p != nullptr; p = p->pNext)
+        Count += Counted(*p);
+    pthread_mutex_unlock(&pEndpoint->NtfyMutex);
+    return Count;
+}
+
+// A register request from a subscriber at its limit is refused (201).
+MSG_Status jRegisterRequested(LocalEndpoint *pEndpoint, const NtfyReq &Range, uint32_t Receiver)
+{
+    const int32_t Held = jCountEntries(pEndpoint, [Receiver](const NtfyEntry &E) { return E.Receiver == Receiver; });
+    if (Held >= kMaxRequestedPerSubscriber) {
+        MSG_LogErrFilter((int)MSG_ERR_MEMORY, __FILE__, __LINE__, "MSG_NotificationReqHandler",
+                         MSG_LOG_PREFIX "$func: $err: $plocal, $remote holds %d subscriptions already: request refused\n",
+                         MSG_ERR_MEMORY, pEndpoint, Receiver, Held);
+        return MSG_ERR_MEMORY;
+    }
+    return MSG_RegisterNotification_Private(pEndpoint, Range.MsgTypeMin, Range.MsgTypeMax, Receiver);
 }
 
 typedef MSG_Status (*SubscriptionStep)(LocalEndpoint *, uint32_t, uint32_t, uint32_t);
@@ -215,7 +243,7 @@ MSG_Status MSG_NotificationReqHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
     if (Receiver == 0 || !bWhole)
         Status = MSG_ERR_UNKNOWN;
     else if (pMsg->MsgType == MSG_NTFY_REQ_REGISTER)
-        Status = MSG_RegisterNotification_Private(pEndpoint, Range.MsgTypeMin, Range.MsgTypeMax, Receiver);
+        Status = jRegisterRequested(pEndpoint, Range, Receiver);
     else if (pMsg->MsgType == MSG_NTFY_REQ_UNREGISTER)
         Status = MSG_UnregisterNotification_Private(pEndpoint, Range.MsgTypeMin, Range.MsgTypeMax, Receiver);
     MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $plocal, $message\n", Status, pEndpoint, pMsg);
@@ -237,14 +265,7 @@ MSG_Status MSG_SendNotification(const char *pName, MSG_Msg *pMsg)
 int32_t MSG_CountNotifications_Private(const char *pName)
 {
     LocalEndpoint *pEndpoint = MSG_GetLocalEndpoint(pName);
-    if (pEndpoint == nullptr)
-        return -1;
-    int32_t Count = 0;
-    pthread_mutex_lock(&pEndpoint->NtfyMutex);
-    for (const NtfyEntry *p = pEndpoint->pNtfyHead; p != nullptr; p = p->pNext)
-        Count++;
-    pthread_mutex_unlock(&pEndpoint->NtfyMutex);
-    return Count;
+    return pEndpoint != nullptr ? jCountEntries(pEndpoint, [](const NtfyEntry &) { return true; }) : -1;
 }
 
 MSG_Status MSG_PurgeNotifications(LocalEndpoint *pEndpoint, uint32_t RemoteId)

@@ -202,6 +202,13 @@ TEST_F(Notifications, MalformedRequestsAreRefusedAndTheLoopGoesOn)
     SendRaw(pForger, &Request, sizeof Request); // an upside-down range is taken as it is
     EXPECT_TRUE(Pump("pub", 2000, [] { return MSG_CountNotifications_Private("pub") == 1; }));
     EXPECT_EQ(305u, Publish(0x20)) << "and never matches";
+
+    // A flood of requests from one subscriber stops growing the list.
+    for (int i = 0; i < 1100; i++)
+        SendRaw(pForger, &Request, sizeof Request);
+    EXPECT_TRUE(Pump("pub", 10000, [] { return MSG_GetNumMsgsPending("pub", 0) == 0; }));
+    EXPECT_EQ(1024, MSG_CountNotifications_Private("pub"));
+    EXPECT_TRUE(Logged("subscriptions already: request refused"));
     linx_close(pForger);
 }
 
