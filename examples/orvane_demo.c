@@ -12,7 +12,11 @@
  *                   the updates, and watches the relay die and come back.
  *
  * Everything stops by itself.  On a host without the LINX kernel module
- * this runs on the linxd stand-in, which the first call starts. */
+ * this runs on the linxd stand-in, which the first call starts.
+ *
+ * With --telemetry the three processes copy their traffic, and announce
+ * their endpoints, to the telemetry collector "Telemetry" (tools/
+ * orvane-collector), which writes it to a capture for Wireshark. */
 #define _POSIX_C_SOURCE 200809L
 #include <signal.h>
 #include <stdio.h>
@@ -216,8 +220,15 @@ static int stop(uint32_t Id, pid_t Child)
     return !WIFEXITED(Status) || WEXITSTATUS(Status) != 0;
 }
 
-int main(void)
+int main(int Argc, char **ppArgv)
 {
+    if (Argc > 1 && strcmp(ppArgv[1], "--telemetry") == 0) {
+        MSG_DebugSetFlag(MSG_DebugGetFlag() | MSG_DEBUG_TELEMETRY_SEND | MSG_DEBUG_TELEMETRY_RECV);
+        say("client", "telemetry on: traffic is copied to \"Telemetry\"");
+    } else if (Argc > 1) {
+        fprintf(stderr, "usage: orvane_demo [--telemetry]\n");
+        return 2;
+    }
     struct Peer Server = {"weather-server", 0, 0, 0, 0}, Relay = {"relay", 0, 0, 0, 0};
     int Updates = 0;
     int Failures = MSG_OpenLocal("client") != MSG_OK;

@@ -392,6 +392,25 @@ MSG_API MSG_Status MSG_GetFullEndpointPath(const char *pName, char *pOut, uint32
 MSG_API MSG_Status MSG_GetProcessInfo(int32_t *pHalvoIdx, uint32_t *pPid,
                                       const char **ppProgName);
 
+/* ---- Telemetry ----------------------------------------------------------
+ * With MSG_DEBUG_TELEMETRY_SEND or MSG_DEBUG_TELEMETRY_RECV set, the
+ * library copies its endpoints' traffic, and announces the public
+ * endpoints it opens, to the collector endpoint "Telemetry".  Sends,
+ * receives, notifications and openings call these themselves; nothing
+ * here waits for the collector.  Records wait (at most 1024, the rest
+ * counted and reported) until the collector is found. */
+MSG_API MSG_Status MSG_ResendToGlobalTelemetry(uint32_t Sender, uint32_t Receiver, const MSG_Msg *pMsg,
+                                               uint32_t bReceived);
+MSG_API MSG_Status MSG_AnnounceLocalOpen(LocalEndpoint *pJustOpened);
+
+/* ---- Diagnostic dumps -----------------------------------------------------
+ * Every local endpoint of the process, with its callbacks, subscriptions
+ * and remote endpoints, written to the log at level 6 whatever DebugFlag
+ * holds; the thread's own endpoint is marked " ***".  The first writes
+ * begin and end lines around the second.  Both return 0. */
+MSG_API MSG_Status MSG_DebugDumpAll(void);
+MSG_API MSG_Status MSG_DebugDumpLocalEndpoint(void);
+
 #ifdef __cplusplus
 }
 #endif

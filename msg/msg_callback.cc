@@ -60,6 +60,15 @@ int jRemoveEntries_NeedsLock(LocalEndpoint *pEndpoint, Predicate Doomed, bool bJ
 
 } // namespace
 
+void jDumpCallbacks(LocalEndpoint *pEndpoint)
+{
+    pthread_mutex_lock(&pEndpoint->CallbackMutex);
+    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "  Callback:%s\n", pEndpoint->pCallbackHead != nullptr ? "" : " none");
+    for (const CallbackEntry *p = pEndpoint->pCallbackHead; p != nullptr; p = p->pNext)
+        MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "    $callback\n", &p->Callback);
+    pthread_mutex_unlock(&pEndpoint->CallbackMutex);
+}
+
 MSG_Status MSG_RegisterCallback(const char *pName, const MSG_Callback *pCallback)
 {
     MSG_Status Status = MSG_OK;

@@ -14,6 +14,7 @@
 namespace {
 
 pthread_mutex_t gRegistryMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_rwlock_t gCloseGate = PTHREAD_RWLOCK_INITIALIZER; // dumps read, deletion writes
 LocalEndpoint *gpRegistryHead = nullptr;
 uint32_t gLastToken = 0;        // guarded by gRegistryMutex
 
@@ -117,16 +118,19 @@ void jForgetEndpoint(LocalEndpoint *p)
 
 void jForkPrepare()
 {
+    pthread_rwlock_wrlock(&gCloseGate);
     pthread_mutex_lock(&gRegistryMutex);
 }
 
 void jForkParent()
 {
     pthread_mutex_unlock(&gRegistryMutex);
+    pthread_rwlock_unlock(&gCloseGate);
 }
 
 void jForkChild()
 {
+    pthread_rwlock_init(&gCloseGate, nullptr);
     pthread_mutex_init(&gRegistryMutex, nullptr);
     LocalEndpoint *p = gpRegistryHead;
     gpRegistryHead = nullptr;
@@ -216,9 +220,11 @@ MSG_Status MSG_AddLocalEndpoint(const char *pEndpointName, struct LinxHandle *pL
 MSG_Status MSG_DeleteLocalEndpoint(LocalEndpoint *pLocalEndpoint)
 {
     MSG_ASSERT(pLocalEndpoint != NULL);
+    pthread_rwlock_wrlock(&gCloseGate);
     pthread_mutex_lock(&gRegistryMutex);
     if (!MSG_IsLocalEndpointValid_NeedsLock(pLocalEndpoint)) {
         pthread_mutex_unlock(&gRegistryMutex);
+        pthread_rwlock_unlock(&gCloseGate);
         return MSG_ERR_NOT_OPEN;
     }
     LocalEndpoint *p = pLocalEndpoint;
@@ -229,6 +235,7 @@ MSG_Status MSG_DeleteLocalEndpoint(LocalEndpoint *pLocalEndpoint)
     if (p->pNext != nullptr)
         p->pNext->pPrev = p->pPrev;
     pthread_mutex_unlock(&gRegistryMutex);
+    pthread_rwlock_unlock(&gCloseGate);
 
     jFreeLists(p);
     pthread_mutex_lock(&p->LinxMutex);
@@ -250,6 +257,26 @@ MSG_Status MSG_DeleteLocalEndpoint(LocalEndpoint *pLocalEndpoint)
                     (void *)pLinx, p->Spid);
     MSG_Free(p);
     return Status;
+}
+
+MSG_Status MSG_DebugDumpLocalEndpoint(void)
+{
+    LocalEndpoint *const pMine = MSG_GetMyEndpoint();
+    MSG_GetProcessInfo(nullptr, nullptr, nullptr); // loaded before any lock is held
+    pthread_rwlock_rdlock(&gCloseGate);
+    pthread_mutex_lock(&gRegistryMutex);
+    LocalEndpoint *const pHead = gpRegistryHead;
+    pthread_mutex_unlock(&gRegistryMutex);
+    for (LocalEndpoint *p = pHead; p != nullptr; p = p->pNext) {
+        MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "LocalEndpoint={\"%s\", Linx handle %p, SPID 0x%x}%s\n", p->Name,
+                   (void *)p->pLinx, p->Spid, p == pMine ? " ***" : "");
+        jDumpCallbacks(p);
+        jDumpNotifications(p);
+        jDumpRemotes(p);
+    }
+    pthread_rwlock_unlock(&gCloseGate);
+    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "pMyEndpoint=%p\n", (void *)pMine);
+    return MSG_OK;
 }
 
 LocalEndpoint *MSG_GetLocalEndpoint(const char *pName)

@@ -14,9 +14,18 @@
  *
  * Locks: gRegistryMutex guards the registry links and tokens; each record
  * has LinxMutex (every call on pLinx) and one mutex per list.  Order: a
- * publisher's NtfyMutex, the registry, RemoteMutex, LinxMutex,
- * PendFreeMutex, the tracker's mutex.  The pending-hunt list of a private
- * endpoint is touched only by its owning thread and has no lock.
+ * publisher's NtfyMutex, TelemetryMutex, the registry, RemoteMutex,
+ * LinxMutex, PendFreeMutex, the tracker's mutex.  The pending-hunt list of
+ * a private endpoint is touched only by its owning thread and has no lock.
+ *
+ * The dump of every endpoint cannot hold the registry mutex while it takes
+ * an endpoint's NtfyMutex: a notification being sent holds that mutex and
+ * then, for its telemetry copies, the registry's.  So the dump holds a
+ * close gate instead (a read lock that deletion takes for writing), notes
+ * the registry head under the registry mutex and walks the list after
+ * releasing it: with deletions held off, the links it walks cannot change,
+ * and endpoints opened meanwhile enter ahead of the noted head, unseen.
+ * Each list is then dumped under its own mutex, one at a time.
  */
 #ifndef MSG_LOCAL_ENDPOINT_H
 #define MSG_LOCAL_ENDPOINT_H
@@ -61,6 +70,12 @@ struct LocalEndpoint {
 // Makes a child of fork() start without its parent's endpoints; called
 // once a LINX socket is open.
 void jWatchForks(void);
+
+// The dump lines of one endpoint's lists, heading included, each written
+// under its list's mutex by the module that owns the list.
+void jDumpCallbacks(LocalEndpoint *pEndpoint);
+void jDumpNotifications(LocalEndpoint *pEndpoint);
+void jDumpRemotes(LocalEndpoint *pEndpoint);
 
 // The endpoint a message's owner token names, or null when no open
 // endpoint of this process carries it.

@@ -172,8 +172,8 @@ MSG_Status jPublish(LocalEndpoint *pPublisher, LocalEndpoint *pMine, const MSG_M
             Status = CloneStatus;
             break;
         }
-        // The telemetry copy of each clone goes here, when the publisher's
-        // traffic is reported (bTelemetry).
+        if (pPublisher->bTelemetry)
+            MSG_ResendToGlobalTelemetry(pPublisher->Spid, p->Receiver, pMsg, 0);
         const MSG_Status SendStatus = MSG_SendMsg_Private(pMine, pPublisher->Spid, p->Receiver, &pClone);
         if (SendStatus == MSG_OK)
             ++*pSent;
@@ -260,6 +260,16 @@ MSG_Status MSG_SendNotification(const char *pName, MSG_Msg *pMsg)
     if (pMsg != nullptr)
         MSG_ReleaseMsg(pMsg);
     return Status;
+}
+
+void jDumpNotifications(LocalEndpoint *pEndpoint)
+{
+    pthread_mutex_lock(&pEndpoint->NtfyMutex);
+    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "  Notification::%s\n", pEndpoint->pNtfyHead != nullptr ? "" : " none");
+    for (const NtfyEntry *p = pEndpoint->pNtfyHead; p != nullptr; p = p->pNext)
+        MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "    {msg types 0x%x-0x%x], remote 0x%x}\n", p->MsgTypeMin, p->MsgTypeMax,
+                   p->Receiver);
+    pthread_mutex_unlock(&pEndpoint->NtfyMutex);
 }
 
 int32_t MSG_CountNotifications_Private(const char *pName)

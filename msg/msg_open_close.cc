@@ -72,8 +72,9 @@ MSG_Status MSG_OpenLocal(const char *pEndpointName)
             linx_close(pLinx);
             pLinx = nullptr;
             Spid = 0;
+        } else {
+            MSG_AnnounceLocalOpen(pEndpoint); // a failure is telemetry's, not the opening's
         }
-        // Telemetry is told of the new endpoint here once it reports openings.
     }
     MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: local ep \"%s\", bPublic=%d, Linx handle %p, SPID 0x%x\n",
                     Status, pName, (int)bPublic, (void *)pLinx, Spid);

@@ -348,6 +348,19 @@ MSG_Status MSG_GetRemoteId_Private(LocalEndpoint *pMyEndpoint, const char *pName
     return p != nullptr ? MSG_OK : MSG_ERR_REMOTE_NOT_FOUND;
 }
 
+void jDumpRemotes(LocalEndpoint *pEndpoint)
+{
+    pthread_mutex_lock(&pEndpoint->RemoteMutex);
+    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "  Remote Endpoint:%s\n", pEndpoint->pRemoteHead != nullptr ? "" : " none");
+    for (const RemoteEndpoint *p = pEndpoint->pRemoteHead; p != nullptr; p = p->pNext) {
+        if (p->RemoteId != 0)
+            MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "    {SPID 0x%x, \"%s\"}\n", p->RemoteId, p->Name);
+        else
+            MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "    {(not connected), \"%s\"}\n", p->Name);
+    }
+    pthread_mutex_unlock(&pEndpoint->RemoteMutex);
+}
+
 uint32_t MSG_GetRemoteId(const char *pLocalName, const char *pRemoteName)
 {
     if (pLocalName == nullptr || pRemoteName == nullptr || pRemoteName[0] == '\0')

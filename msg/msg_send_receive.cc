@@ -20,6 +20,8 @@
 
 namespace {
 
+constexpr MSG_Type kTypeTelemetryCopy = 0xFF0013; // a telemetry record's copy of a message
+
 bool jIsResponse(MSG_Type Type)
 {
     return Type <= MSG_TYPE_USER_MAX && (Type & 0xF) == 1;
@@ -126,7 +128,7 @@ MSG_Status jRefuseUnknown(const LocalEndpoint *pEndpoint, const MSG_Msg *pMsg)
 // An internal message the receive loop consumes itself: a peer's open or
 // close, or a notification request; then the internal callbacks of its
 // type.  Any other internal type is refused with a line saying so.
-MSG_Status jHandleInternal(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
+MSG_Status jHandleInternal(LocalEndpoint *pEndpoint, MSG_Msg *pMsg, uint32_t Sender)
 {
     const MSG_Type Type = pMsg->MsgType;
     MSG_Status Status;
@@ -134,7 +136,8 @@ MSG_Status jHandleInternal(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
         Status = MSG_OpenCloseHandler(pEndpoint, pMsg);
     } else if (Type == MSG_NTFY_REQ_REGISTER || Type == MSG_NTFY_REQ_UNREGISTER) {
         Status = MSG_NotificationReqHandler(pEndpoint, pMsg);
-        // The telemetry copy of a request goes here (bTelemetry).
+        if (pEndpoint->bTelemetry)
+            MSG_ResendToGlobalTelemetry(Sender, pEndpoint->Spid, pMsg, 1);
     } else {
         return jRefuseUnknown(pEndpoint, pMsg);
     }
@@ -143,6 +146,14 @@ MSG_Status jHandleInternal(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
     if (Status == MSG_OK)
         Status = MSG_ProcessCallback_Private(pEndpoint, pMsg, 1);
     return Status;
+}
+
+// The telemetry copy of a user message received on the endpoint; the
+// collector's own copies (0xFF0013) are never copied again.
+void jCopyReceived(const LocalEndpoint *pEndpoint, uint32_t Sender, const MSG_Msg *pMsg)
+{
+    if (pEndpoint->bTelemetry && pMsg->MsgType != kTypeTelemetryCopy)
+        MSG_ResendToGlobalTelemetry(Sender, pEndpoint->Spid, pMsg, 1);
 }
 
 } // namespace
@@ -208,8 +219,8 @@ MSG_Status MSG_SendMsg(const char *pLocalName, uint32_t Receiver, MSG_Msg *pMsg)
         MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: line $line: pvt $plocal, but msg owned by $local\n", Status,
                         MSG_GetMyEndpoint(), pOwner->Name);
     } else {
-        // The telemetry copy of the sent message goes here, when the named
-        // endpoint's traffic is reported (bTelemetry).
+        if (pNamed->bTelemetry)
+            MSG_ResendToGlobalTelemetry(pNamed->Spid, Receiver, pMsg, 0);
         MSG_Msg *pSent = pMsg;
         Status = MSG_SendMsg_Private(pOwner, pNamed->Spid, Receiver, &pSent);
     }
@@ -286,8 +297,7 @@ MSG_Msg *MSG_RecvMsg(const char *pLocalName, MSG_Type MsgType, int32_t TimeoutMi
     MSG_ASSERT(pMsg->MsgType & MSG_TYPE_USER_SHIFT);
     pMsg->MsgType &= ~MSG_TYPE_USER_SHIFT;
     MSG_ASSERT(pMsg->MsgType == MsgType);
-    // The telemetry copy of the received message goes here (for types other
-    // than telemetry's own 0xFF0013, when the endpoint's bTelemetry is set).
+    jCopyReceived(pEndpoint, Sender, pMsg);
     return pMsg;
 }
 
@@ -303,17 +313,20 @@ MSG_Msg *MSG_RecvAnyMsg(const char *pLocalName, int32_t TimeoutMillisec)
     static const uint32_t kAnySignal[] = {0};
     do {
         MSG_Msg *pMsg = nullptr;
+        uint32_t Sender = 0;
         if (MSG_AttachAsNeeded(pEndpoint) != MSG_OK ||
             MSG_RecvMsg_Private(pEndpoint, kAnySignal, Time.bTracked ? Time.Remaining : TimeoutMillisec, &pMsg,
-                                nullptr) != MSG_OK)
+                                &Sender) != MSG_OK)
             return nullptr;
         // A signal without the mark is not this library's: refused like an
         // unknown internal type.
         const bool bMarked = pMsg->MsgType & MSG_TYPE_USER_SHIFT;
         pMsg->MsgType &= ~MSG_TYPE_USER_SHIFT;
-        if (bMarked && pMsg->MsgType <= MSG_TYPE_USER_MAX)
-            return pMsg; // its telemetry copy goes here, as in MSG_RecvMsg
-        const MSG_Status Status = bMarked ? jHandleInternal(pEndpoint, pMsg) : jRefuseUnknown(pEndpoint, pMsg);
+        if (bMarked && pMsg->MsgType <= MSG_TYPE_USER_MAX) {
+            jCopyReceived(pEndpoint, Sender, pMsg);
+            return pMsg;
+        }
+        const MSG_Status Status = bMarked ? jHandleInternal(pEndpoint, pMsg, Sender) : jRefuseUnknown(pEndpoint, pMsg);
         MSG_ReleaseMsg_Private(pEndpoint, &pMsg);
         if (Status != MSG_OK)
             return nullptr;

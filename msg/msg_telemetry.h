@@ -1,22 +1,59 @@
 /*
- * msg_telemetry.h - process identity and the telemetry module's mutex.
+ * msg_telemetry.h - process identity, and telemetry: copies of the
+ * process's traffic and announcements of its endpoints, sent to the one
+ * collector endpoint "Telemetry" on the LINX network.
  *
  * The identity (halvo index, pid, program name) is read once per process
  * from /proc/cmdline and /proc/self/cmdline and then served lock-free to
- * every log line.  The loader runs under TelemetryMutex, the same mutex the
- * telemetry reporting uses for its own state, so the two exclude each other.
- * Pid is published last with release ordering: a reader that sees it
- * non-zero (acquire) sees the complete cache.
+ * every log line.  Pid is published last with release ordering: a reader
+ * that sees it non-zero (acquire) sees the complete cache.
+ *
+ * Telemetry is switched on by the debug-flag bits MSG_DEBUG_TELEMETRY_SEND
+ * and MSG_DEBUG_TELEMETRY_RECV.  Each record (a protobuf message of
+ * package hdr) travels behind a 36-byte envelope in a library message sent
+ * from the process's own public endpoint "TelemSender", opened on first
+ * use.  Bytes 16 onward of the envelope are a pcap packet record, so a
+ * collector writes them to a capture file as they are.  Records wait in a
+ * queue of at most 1024 until the collector is found; what is given up is
+ * counted and reported in a drop report ahead of the next record.  Nothing
+ * waits for the collector: it is hunted once and then polled with timeout
+ * 0, and every copy also tries to deliver what waits.  A send that finds
+ * the collector gone drains TelemSender, whose close handling marks the
+ * collector closed and hunts for it again.
+ *
+ * Locks: TelemetryMutex guards the queue, the drop count, the opening of
+ * TelemSender and the collector's lookup and hunt; the identity loader
+ * takes it too.  It comes after a publisher's NtfyMutex and before the
+ * registry and TelemSender's own mutexes, which the steps under it take.
+ * It is not recursive, and no line written under it may load the identity
+ * (the identity is loaded before it is taken).  TelemSender publishes
+ * nothing, so its own NtfyMutex, which the close handling may take under
+ * TelemetryMutex, never precedes it.
  */
 #ifndef MSG_TELEMETRY_H
 #define MSG_TELEMETRY_H
 
 #include <pthread.h>
+#include <stdint.h>
+#include <time.h>
 
 extern pthread_mutex_t TelemetryMutex;
 
 /* Loads the identity cache if it is not loaded yet; retried on every call
  * while /proc/cmdline cannot be read. */
 void jLoadProcessInfo(void);
+
+/* Whole seconds from the first lost record to the report, rounded to the
+ * nearest second (half a second rounds down). */
+static inline uint32_t jDropReportSecs(struct timespec FirstDrop, struct timespec Now)
+{
+    int64_t Seconds = (int64_t)Now.tv_sec - (int64_t)FirstDrop.tv_sec;
+    const long Nanoseconds = Now.tv_nsec - FirstDrop.tv_nsec;
+    if (Nanoseconds > 499999999)
+        Seconds++;
+    else if (Nanoseconds < -499999999)
+        Seconds--;
+    return (uint32_t)Seconds;
+}
 
 #endif /* MSG_TELEMETRY_H */

@@ -1,6 +1,7 @@
 #include "msg_test_util.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -16,9 +17,13 @@ pid_t StartPeer(const char *pName)
     int Ready[2];
     if (pipe(Ready) != 0)
         return -1;
+    const pid_t Parent = getpid();
     const pid_t Child = StartChild([&] {
         close(Ready[0]);
-        if (MSG_OpenLocal(pName) != 0)
+        // Parked until killed: a test that fails before killing it must not
+        // leave it behind (ctest would wait for it).
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != Parent || MSG_OpenLocal(pName) != 0)
             return 1;
         const char Byte = 1;
         if (write(Ready[1], &Byte, 1) != 1)
