@@ -1,7 +1,27 @@
 #!/usr/bin/env bash
-# Sets up what is missing, builds, and runs the demo.
+# Sets up what is missing, builds, and runs the demo; then runs it again with
+# telemetry on, captured by the collector, and shows the capture as the
+# Wireshark dissector decodes it.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+build="$root/build"
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" build >/dev/null
-"$root/build/examples/orvane_demo"
+"$build/examples/orvane_demo"
+
+echo
+echo "== The same run with telemetry on, captured by orvane-collector"
+capture="$build/demo-telemetry.pcap"
+log="$build/demo-collector.log"
+"$build/orvane-collector" -w "$capture" -t 30 2>"$log" &
+collector=$!
+for _ in $(seq 100); do grep -q collecting "$log" && break; sleep 0.05; done
+"$build/examples/orvane_demo" --telemetry >/dev/null
+sleep 0.2 # the last copies reach the collector
+kill -INT "$collector"
+wait "$collector"
+cat "$log"
+echo
+echo "== The capture through tools/orvane.lua (first 12 records)"
+tshark -X lua_script:"$root/tools/orvane.lua" -r "$capture" 2>/dev/null | head -n 12
+echo "   ... every field: tshark -X lua_script:tools/orvane.lua -r build/demo-telemetry.pcap -V"

@@ -1,6 +1,8 @@
 // Publishing from several threads while subscribers come and go: local and
 // remote subscriptions change under the walk, subscribers close with copies
-// in flight, and every subscription of a closed subscriber is purged.
+// in flight, and every subscription of a closed subscriber is purged.  All
+// traffic is copied to a telemetry collector meanwhile, and another thread
+// dumps every endpoint: neither may deadlock against a publisher.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "log_capture.h"
 #include "msg_test_util.h"
 
 namespace {
@@ -16,14 +19,24 @@ constexpr MSG_Type kNews = 0x150;
 
 TEST(NotificationThreads, PublishersAndChurningSubscribers)
 {
+    MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND | MSG_DEBUG_TELEMETRY_RECV);
+    ASSERT_EQ(0u, MSG_OpenLocal("Telemetry"));
     ASSERT_EQ(0u, MSG_OpenLocal("pub"));
     const uint32_t Pub = FindSpid("pub", "pub");
     std::atomic<bool> bStop{false}, bChurned{false};
-    std::atomic<int> Received{0}, Failures{0};
-    std::thread Loop([&] {
-        while (!bStop)
-            if (MSG_Msg *pMsg = MSG_RecvAnyMsg("pub", 10))
-                MSG_ReleaseMsg(pMsg);
+    std::atomic<int> Received{0}, Failures{0}, Dumps{0};
+    std::vector<std::thread> Loops;
+    for (const char *pName : {"pub", "Telemetry"})
+        Loops.emplace_back([&, pName] {
+            while (!bStop)
+                if (MSG_Msg *pMsg = MSG_RecvAnyMsg(pName, 10))
+                    MSG_ReleaseMsg(pMsg);
+        });
+    Loops.emplace_back([&] {
+        for (; !bChurned; Dumps++) {
+            MSG_DebugDumpAll();
+            TakeLoggedLines();
+        }
     });
     std::vector<std::thread> Publishers, Subscribers;
     for (int t = 0; t < 3; t++)
@@ -61,11 +74,14 @@ TEST(NotificationThreads, PublishersAndChurningSubscribers)
     while (MSG_CountNotifications_Private("pub") != 0 && MSG_GetMsecSince(Start) < 5000)
         usleep(1000);
     bStop = true;
-    Loop.join();
+    for (std::thread &T : Loops)
+        T.join();
     EXPECT_EQ(0, MSG_CountNotifications_Private("pub")) << "every closed subscriber was purged";
     EXPECT_EQ(0, Failures.load());
     EXPECT_GT(Received.load(), 0);
+    EXPECT_GT(Dumps.load(), 0);
     MSG_CloseLocal("pub");
+    MSG_CloseLocal("Telemetry");
 }
 
 } // namespace

@@ -164,7 +164,9 @@ local function dissect_field(tvb, tree, record, number, wt, offset, limit, value
         elseif spec[2] == "message" then
             local sub = tree:add(f, range)
             sub:set_text(spec[1] .. " (" .. spec[3] .. ")")
-            if dissect_record(tvb, sub, spec[3], start, start + len) == nil then return nil end
+            local inner = dissect_record(tvb, sub, spec[3], start, start + len)
+            if inner == nil then return nil end
+            values[spec[1]] = inner -- the last one
         elseif spec[2] == "packed" then
             local stack, at = {}, start
             while at < start + len do
@@ -222,6 +224,9 @@ local function summary(name, v)
             v.reg_msg_low or 0, v.reg_msg_high or v.reg_msg_low or 0, v.sender or 0, v.receiver or 0, direction)
     elseif name == "DropMsgNtfy" then
         return string.format("%s %d records lost over %d s", name, v.qty or 0, v.secs or 0)
+    elseif name == "LocalOpenNtfy" and v.prog and v.prog.just_opened then
+        return string.format("%s \"%s\" 0x%x opened by %s[%d]", name, v.prog.just_opened.name or "",
+            v.prog.just_opened.linx_id or 0, v.prog.name or "", v.prog.pid or 0)
     end
     return name
 end
