@@ -150,6 +150,7 @@ using RoutingWords = uint32_t[4];
 // what was given up since the last delivered drop report.
 struct TelemetryQueue {
     MSG_Msg *pRing[kQueueLimit + 1];
+    uint32_t OwnerToken; // the TelemSender that allocated the queued messages
     uint32_t Oldest;
     uint32_t Count;
     uint32_t DropCount;
@@ -288,6 +289,19 @@ void jRecordDroppedMsg_NeedsLock(const struct timespec *pVictimTime)
     if (gQueue.DropCount == 0 || (gQueue.FirstDrop.tv_sec == 0 && gQueue.FirstDrop.tv_nsec == 0))
         gQueue.FirstDrop = *pVictimTime;
     gQueue.DropCount++;
+}
+
+// Records queued by a TelemSender that the program has since closed went
+// with its LINX handle: they are counted as lost, never touched.
+void jForgetClosedSender_NeedsLock(const LocalEndpoint *pLocTelem)
+{
+    if (gQueue.Count > 0 && gQueue.OwnerToken != pLocTelem->Token) {
+        struct timespec Now;
+        clock_gettime(CLOCK_REALTIME, &Now);
+        for (; gQueue.Count > 0; gQueue.Count--)
+            jRecordDroppedMsg_NeedsLock(&Now);
+    }
+    gQueue.OwnerToken = pLocTelem->Token;
 }
 
 void jAddEndpoint(google::protobuf::RepeatedPtrField<hdr::Endpoint> *pList, const LocalEndpoint *pEndpoint)
@@ -440,6 +454,7 @@ MSG_Status jOpenRemoteTelemetry(LocalEndpoint *pLocTelem)
 {
     uint32_t Collector = 0;
     jLockTelemetry();
+    jForgetClosedSender_NeedsLock(pLocTelem);
     MSG_Status Status = jFindCollector_NeedsLock(pLocTelem, &Collector);
     if (Status == MSG_OK && Collector == 0)
         Status = MSG_ERR_OPEN_IN_PROGRESS;
@@ -461,6 +476,7 @@ MSG_Status jQueueTelemetry(MSG_Type Type, const RoutingWords *pWords, const goog
     if (pMsg == nullptr)
         return MSG_ERR_LINX;
     jLockTelemetry();
+    jForgetClosedSender_NeedsLock(pLocTelem);
     jEnqueue_NeedsLock(pMsg);
     while (gQueue.Count > kQueueLimit) {
         MSG_Msg *pVictim = jDequeue_NeedsLock();

@@ -228,6 +228,27 @@ TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
     EXPECT_FALSE(TakeRecord(&Extra, 50)) << "nothing was copied of the received message";
 }
 
+TEST(Telemetry, ClosingTheSenderCountsItsQueueAsLost)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
+    MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND);
+    MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 0, 8);
+    for (uint32_t i = 1; i <= 3; i++)
+        MSG_ResendToGlobalTelemetry(SpidOf("alpha"), 0x1234, pMsg, 0);
+    ASSERT_EQ(0u, MSG_CloseLocal("TelemSender")); // its queued messages go with it
+    ASSERT_EQ(0u, MSG_OpenLocal("Telemetry"));
+    MSG_SetSequence(pMsg, 4);
+    Record First;
+    for (int i = 0; i < 500 && !TakeRecord(&First, 10); i++)
+        MSG_ResendToGlobalTelemetry(SpidOf("alpha"), 0x1234, pMsg, 0);
+    MSG_ReleaseMsg(pMsg);
+    ASSERT_EQ(kDropMsgNtfy, First.Type);
+    EXPECT_EQ(3u, First.As<hdr::DropMsgNtfy>().qty());
+    Record Next;
+    ASSERT_TRUE(TakeRecord(&Next));
+    EXPECT_EQ(4u, Next.As<hdr::UserMsgNtfy>().sequence());
+}
+
 TEST(Telemetry, DropReportRoundsToTheNearestSecond)
 {
     EXPECT_EQ(1u, jDropReportSecs({10, 600000000}, {12, 0}));
