@@ -205,6 +205,21 @@ void jStartLinxd(const char *pInstance)
     }
 }
 
+// The connection, if what listens on linxd's address runs as this user;
+// else -1 with EACCES.  The address is abstract, so any user can bind it
+// while no linxd of ours does: nothing is sent to, or taken from, a
+// listener the kernel does not vouch for.
+int jVerifiedService(int Fd)
+{
+    struct ucred Peer = {};
+    socklen_t Len = sizeof Peer;
+    if (getsockopt(Fd, SOL_SOCKET, SO_PEERCRED, &Peer, &Len) == 0 && Peer.uid == geteuid())
+        return Fd;
+    close(Fd);
+    errno = EACCES;
+    return -1;
+}
+
 // Connects to the instance's linxd, starting one if none listens.
 int jConnectOnce()
 {
@@ -221,7 +236,7 @@ int jConnectOnce()
         if (Fd < 0)
             return -1;
         if (connect(Fd, (struct sockaddr *)&Addr, Len) == 0)
-            return Fd;
+            return jVerifiedService(Fd);
         const int Error = errno;
         close(Fd);
         if (Error != ECONNREFUSED && Error != ENOENT && Error != EAGAIN) {

@@ -314,6 +314,38 @@ TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
     EXPECT_EQ(0, WaitChild(Linxd));
 }
 
+TEST(LinxdLifetime, AnImpostorOfAnotherUserIsNeverTalkedTo)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run the impostor as another user";
+    // Another user binds the address of an instance that is not running.
+    const std::string Instance = TestInstance() + "-squatted";
+    struct sockaddr_un Addr;
+    const socklen_t Len = linxd_address(Instance.c_str(), &Addr);
+    int Ready[2];
+    ASSERT_EQ(0, pipe(Ready));
+    const pid_t Impostor = StartChild([&] {
+        const int Listener = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        if (setuid(65534) != 0 || bind(Listener, (struct sockaddr *)&Addr, Len) != 0 || listen(Listener, 4) != 0)
+            return 2;
+        (void)!write(Ready[1], "", 1);
+        const int Victim = accept(Listener, nullptr, nullptr);
+        char Request[256];
+        // The victim must send nothing: not even a request naming its socket.
+        return recv(Victim, Request, sizeof Request, 0) > 0 ? 1 : 0;
+    });
+    char Byte;
+    ASSERT_EQ(1, read(Ready[0], &Byte, 1));
+    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
+    errno = 0;
+    EXPECT_EQ(nullptr, linx_open("victim", 0, nullptr));
+    EXPECT_EQ(EACCES, errno);
+    setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
+    EXPECT_EQ(0, WaitChild(Impostor));
+    close(Ready[0]);
+    close(Ready[1]);
+}
+
 TEST(LinxVersion, OnlyMajorVersionTwoIsAccepted)
 {
     const std::string Three = TestInstance() + "-v3";
