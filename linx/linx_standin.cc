@@ -293,8 +293,13 @@ int jCall(int ConnFd, Call *pCall)
     ssize_t Sent;
     while ((Sent = sendmsg(ConnFd, &Msg, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
     }
+    if (Sent < 0 && errno == EMSGSIZE)
+        return -1;
     if (Sent < 0) {
-        errno = errno == EMSGSIZE ? EMSGSIZE : ENOTCONN;
+        // linxd may have said why before it hung up (out of descriptors).
+        linxd_reply Last = {};
+        const bool bRefused = recv(ConnFd, &Last, sizeof Last, MSG_DONTWAIT) == (ssize_t)sizeof Last && Last.result < 0;
+        errno = bRefused ? Last.error : ENOTCONN;
         return -1;
     }
     struct iovec In[2] = {{&pCall->Reply, sizeof pCall->Reply}, {pCall->Data, sizeof pCall->Data}};
@@ -312,6 +317,17 @@ int jCall(int ConnFd, Call *pCall)
         return -1;
     }
     jTakeFds(&Msg, pCall->Fds);
+    if (Msg.msg_flags & MSG_CTRUNC) {
+        // The kernel could not give us the descriptors linxd sent: this
+        // process is out of them.
+        for (int &Fd : pCall->Fds) {
+            if (Fd >= 0)
+                close(Fd);
+            Fd = -1;
+        }
+        errno = EMFILE;
+        return -1;
+    }
     if ((size_t)Got - sizeof pCall->Reply < pCall->Reply.data_len)
         pCall->Reply.data_len = (uint32_t)(Got - sizeof pCall->Reply);
     if (pCall->Reply.result < 0) {

@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -100,6 +101,7 @@ private:
     bool jListen();
     bool jMapRegion();
     void jAccept();
+    void jTurnAway();
     void jServeClient(int Fd);
     void jDropClient(int Fd);
     void jCloseSocket(uint32_t Spid);
@@ -126,6 +128,7 @@ private:
     int mEpollFd = -1;
     int mListenFd = -1;
     int mRegionFd = -1;
+    int mReserveFd = -1; // given up to turn a client away when out of descriptors
     linxd_slot *mpSlots = nullptr;
     std::vector<uint32_t> mFreeSlots;
     std::map<int, Client> mClients;
@@ -209,10 +212,29 @@ bool Service::jMapRegion()
     return true;
 }
 
+// Out of descriptors, a pending connection would keep the listener
+// readable and the loop spinning, and its client waiting.  The descriptor
+// kept in reserve is given up for a moment to take the connection and tell
+// the client, whose first request then fails with ENFILE.
+void Service::jTurnAway()
+{
+    close(mReserveFd);
+    const int Fd = accept4(mListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (Fd >= 0) {
+        const linxd_reply Refusal = {-1, ENFILE, {0, 0, 0}, 0};
+        send(Fd, &Refusal, sizeof Refusal, MSG_DONTWAIT | MSG_NOSIGNAL);
+        close(Fd);
+        fprintf(stderr, "linxd: out of descriptors: a new client was turned away\n");
+    }
+    mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
 void Service::jAccept()
 {
     for (;;) {
         const int Fd = accept4(mListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (Fd < 0 && (errno == EMFILE || errno == ENFILE) && mReserveFd >= 0)
+            jTurnAway();
         if (Fd < 0)
             return;
         struct ucred Cred;
@@ -659,9 +681,22 @@ int Service::jNextTimeoutMs() const
     return (int)std::min<int64_t>(Wait, 60000);
 }
 
+// Two descriptors per socket: the starting client's soft limit is raised
+// to the hard one.
+void jRaiseDescriptorLimit()
+{
+    struct rlimit Limit;
+    if (getrlimit(RLIMIT_NOFILE, &Limit) == 0 && Limit.rlim_cur < Limit.rlim_max) {
+        Limit.rlim_cur = Limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &Limit);
+    }
+}
+
 int Service::Run()
 {
     signal(SIGPIPE, SIG_IGN);
+    jRaiseDescriptorLimit();
+    mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     if (mEpollFd < 0 || !jMapRegion())
         return 1;

@@ -5,13 +5,17 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include "linx_test_util.h"
 #include "linxd_address.h"
@@ -344,6 +348,74 @@ TEST(LinxdLifetime, AnImpostorOfAnotherUserIsNeverTalkedTo)
     EXPECT_EQ(0, WaitChild(Impostor));
     close(Ready[0]);
     close(Ready[1]);
+}
+
+// User and system CPU time of a process, in clock ticks.
+long CpuTicks(pid_t Pid)
+{
+    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
+    std::string Field;
+    long Ticks = 0;
+    for (int i = 1; i <= 15 && Stat >> Field; i++)
+        if (i >= 14)
+            Ticks += std::stol(Field);
+    return Ticks;
+}
+
+TEST(LinxdLimits, OutOfDescriptorsNewClientsFailAtOnceAndLinxdRests)
+{
+    const std::string Instance = TestInstance() + "-fds";
+    const std::string Path = LinxdBesideLibrary();
+    const pid_t Linxd = StartChild([&] {
+        const struct rlimit Few = {40, 40};
+        setrlimit(RLIMIT_NOFILE, &Few);
+        execl(Path.c_str(), "linxd", "--foreground", "--instance", Instance.c_str(), (char *)nullptr);
+        return 127;
+    });
+    struct Reaper {
+        pid_t Pid;
+        ~Reaper() { kill(Pid, SIGKILL), WaitChild(Pid); }
+    } Reap{Linxd};
+    // More connections than linxd has descriptors: the rest wait in its backlog.
+    std::vector<int> Connections;
+    for (int i = 0; i < 60; i++)
+        Connections.push_back(RawConnect(Instance));
+    usleep(100 * 1000);
+    const long Before = CpuTicks(Linxd);
+    usleep(300 * 1000);
+    ASSERT_LT(CpuTicks(Linxd) - Before, 10) << "linxd does not spin on connections it cannot take";
+    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
+    errno = 0;
+    EXPECT_EQ(nullptr, linx_open("late", 0, nullptr)) << "refused at once, not left waiting";
+    EXPECT_TRUE(errno == ENFILE || errno == EMFILE) << strerror(errno);
+    for (int Fd : Connections)
+        close(Fd);
+    usleep(100 * 1000);
+    LINX *p = linx_open("after", 0, nullptr);
+    EXPECT_NE(nullptr, p) << "served again once descriptors are free: " << strerror(errno);
+    linx_close(p);
+    setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
+}
+
+TEST(LinxdLimits, AClientOutOfDescriptorsSeesEMFILE)
+{
+    const pid_t Child = StartChild([] {
+        // Every descriptor taken but five: an open needs more than that.
+        const struct rlimit Limit = {1024, 1024};
+        setrlimit(RLIMIT_NOFILE, &Limit);
+        std::vector<int> Filler;
+        for (int Fd; (Fd = open("/dev/null", O_RDONLY)) >= 0;)
+            Filler.push_back(Fd);
+        for (int i = 0; i < 5 && !Filler.empty(); i++) {
+            close(Filler.back());
+            Filler.pop_back();
+        }
+        LINX *p = nullptr;
+        for (int i = 0; i < 5 && (p = linx_open("crowded", 0, nullptr)) != nullptr;)
+            i++;
+        return p == nullptr && errno == EMFILE ? 0 : 1;
+    });
+    EXPECT_EQ(0, WaitChild(Child));
 }
 
 TEST(LinxVersion, OnlyMajorVersionTwoIsAccepted)
