@@ -58,6 +58,7 @@ struct StandinSocket {
     uint32_t Spid = 0;
     uint32_t Slot = 0;
     uint32_t QueueBytes = 0;
+    uint64_t Generation = 0;      // of the linxd instance that gave the SPID
     linxd_slot *pSlots = nullptr; // linxd's counter region
     char *pSpill = nullptr;       // room for the part of a signal beyond the caller's buffer
     bool bLastLocal = false;      // the last signal taken came from this process
@@ -96,13 +97,33 @@ struct Inlet {
     const uint32_t Slot;
 };
 
+// A SPID names a socket only within the linxd instance that handed it out:
+// a linxd that starts after another died counts SPIDs from the start again,
+// while sockets of the old one may live on.  What the process keeps by SPID
+// it keeps under the instance's generation as well.
+struct InstanceSpid {
+    uint64_t Generation;
+    uint32_t Spid;
+    bool operator==(const InstanceSpid &Other) const
+    {
+        return Generation == Other.Generation && Spid == Other.Spid;
+    }
+};
+
+struct InstanceSpidHash {
+    size_t operator()(const InstanceSpid &Key) const
+    {
+        return std::hash<uint64_t>()(Key.Generation * 0x9E3779B97F4A7C15ull + Key.Spid);
+    }
+};
+
 // Read on every request by every thread; written only by open and close.
 std::shared_mutex gTableMutex;
 std::unordered_map<int, SocketRef> gByFd;
-std::unordered_map<uint32_t, SocketRef> gBySpid;
+std::unordered_map<InstanceSpid, SocketRef, InstanceSpidHash> gBySpid;
 
 std::mutex gInletMutex;
-std::unordered_map<uint32_t, std::shared_ptr<Inlet>> gInlets;
+std::unordered_map<InstanceSpid, std::shared_ptr<Inlet>, InstanceSpidHash> gInlets;
 
 // A child of fork() does not own its parent's sockets: it closes its copies
 // of their descriptors (so that a close in the parent still reaches linxd)
@@ -147,7 +168,7 @@ SocketRef jFindByFd(int Fd)
     return It == gByFd.end() ? nullptr : It->second;
 }
 
-SocketRef jFindBySpid(uint32_t Spid)
+SocketRef jFindBySpid(InstanceSpid Spid)
 {
     std::shared_lock<std::shared_mutex> Lock(gTableMutex);
     auto It = gBySpid.find(Spid);
@@ -293,13 +314,8 @@ int jCall(int ConnFd, Call *pCall)
     ssize_t Sent;
     while ((Sent = sendmsg(ConnFd, &Msg, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
     }
-    if (Sent < 0 && errno == EMSGSIZE)
-        return -1;
     if (Sent < 0) {
-        // linxd may have said why before it hung up (out of descriptors).
-        linxd_reply Last = {};
-        const bool bRefused = recv(ConnFd, &Last, sizeof Last, MSG_DONTWAIT) == (ssize_t)sizeof Last && Last.result < 0;
-        errno = bRefused ? Last.error : ENOTCONN;
+        errno = errno == EMSGSIZE ? EMSGSIZE : ENOTCONN;
         return -1;
     }
     struct iovec In[2] = {{&pCall->Reply, sizeof pCall->Reply}, {pCall->Data, sizeof pCall->Data}};
@@ -514,7 +530,7 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
     struct epoll_event Event = {};
     Event.events = EPOLLIN;
     if (C.Fds[0] < 0 || pSlots == MAP_FAILED || pSpill == MAP_FAILED ||
-        C.Reply.value[1] >= LINXD_MAX_SOCKETS ||
+        C.Reply.value[1] >= LINXD_MAX_SOCKETS || C.Reply.data_len != sizeof S.Generation ||
         epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[0], &Event) != 0) {
         jCloseIf(C.Fds[0]);
         if (pSlots != MAP_FAILED)
@@ -530,8 +546,9 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
     S.Spid = C.Reply.value[0];
     S.Slot = C.Reply.value[1];
     S.QueueBytes = C.Reply.value[2];
+    memcpy(&S.Generation, C.Data, sizeof S.Generation);
     std::lock_guard<std::shared_mutex> Lock(gTableMutex);
-    gBySpid[S.Spid] = gByFd[S.PollFd];
+    gBySpid[{S.Generation, S.Spid}] = gByFd[S.PollFd];
     const_cast<struct linx_register_rec *>(pRec)->spid = S.Spid;
     return 0;
 }
@@ -542,7 +559,7 @@ std::shared_ptr<Inlet> jGetInlet(const StandinSocket &S, uint32_t To)
 {
     {
         std::lock_guard<std::mutex> Lock(gInletMutex);
-        auto It = gInlets.find(To);
+        auto It = gInlets.find({S.Generation, To});
         if (It != gInlets.end())
             return It->second;
     }
@@ -558,11 +575,11 @@ std::shared_ptr<Inlet> jGetInlet(const StandinSocket &S, uint32_t To)
     std::lock_guard<std::mutex> Lock(gInletMutex);
     if (gInlets.size() >= kInletCacheLimit)
         gInlets.clear(); // inlets in use stay open until their senders let go
-    gInlets[To] = pInlet;
+    gInlets[{S.Generation, To}] = pInlet;
     return pInlet;
 }
 
-void jForgetInlet(uint32_t To, const std::shared_ptr<Inlet> &pInlet)
+void jForgetInlet(InstanceSpid To, const std::shared_ptr<Inlet> &pInlet)
 {
     std::lock_guard<std::mutex> Lock(gInletMutex);
     auto It = gInlets.find(To);
@@ -610,7 +627,7 @@ int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
             jCount(&Target.refused_sends, 1);
             errno = ENOBUFS; // the receiver's queue is full
         } else if (Error == EPIPE || Error == ECONNRESET || Error == ECONNREFUSED) {
-            jForgetInlet(pRec->to, pInlet);
+            jForgetInlet({S.Generation, pRec->to}, pInlet);
             errno = ECONNRESET; // the receiver closed
         } else {
             errno = Error;
@@ -631,7 +648,7 @@ int jSend(StandinSocket &S, const struct linx_transfer_rec *pRec)
         errno = EMSGSIZE;
         return -1;
     }
-    if (SocketRef pLocal = jFindBySpid(pRec->to))
+    if (SocketRef pLocal = jFindBySpid({S.Generation, pRec->to}))
         return jSendLocal(S, *pLocal, pRec);
     return jSendRemote(S, pRec);
 }
@@ -1037,7 +1054,7 @@ int linx_standin_close(int fd)
         pS = It->second;
         gByFd.erase(It);
         if (pS->Spid != 0)
-            gBySpid.erase(pS->Spid);
+            gBySpid.erase({pS->Generation, pS->Spid});
     }
     jReleaseSocket(*pS);
     return close(fd);

@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -146,6 +147,7 @@ private:
     };
     std::vector<Delivery> mAfterReply;                    // signals due once a reply is sent
     uint32_t mNextSpid = 0x10000;
+    uint64_t mGeneration = 0; // tells this instance's SPIDs from those of earlier ones
     uint32_t mNextRef = 0;
     int64_t mIdleSinceMs = 0;
 };
@@ -214,19 +216,22 @@ bool Service::jMapRegion()
 
 // Out of descriptors, a pending connection would keep the listener
 // readable and the loop spinning, and its client waiting.  The descriptor
-// kept in reserve is given up for a moment to take the connection and tell
-// the client, whose first request then fails with ENFILE.
+// kept in reserve is given up to take the connection and tell the client,
+// whose first request then fails with ENFILE.  The refused connection is
+// then kept as the reserve, only shut for writing: a closed one would take
+// the refusal with it before the client could read it.
 void Service::jTurnAway()
 {
     close(mReserveFd);
-    const int Fd = accept4(mListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (Fd >= 0) {
+    mReserveFd = accept4(mListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (mReserveFd >= 0) {
         const linxd_reply Refusal = {-1, ENFILE, {0, 0, 0}, 0};
-        send(Fd, &Refusal, sizeof Refusal, MSG_DONTWAIT | MSG_NOSIGNAL);
-        close(Fd);
+        send(mReserveFd, &Refusal, sizeof Refusal, MSG_DONTWAIT | MSG_NOSIGNAL);
+        shutdown(mReserveFd, SHUT_WR);
         fprintf(stderr, "linxd: out of descriptors: a new client was turned away\n");
+    } else {
+        mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
-    mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
 void Service::jAccept()
@@ -458,6 +463,7 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     R.Header.value[0] = Spid;
     R.Header.value[1] = mSockets[Spid].Slot;
     R.Header.value[2] = (uint32_t)Effective;
+    R.Data.assign((const char *)&mGeneration, sizeof mGeneration);
     R.Fds[0] = Pair[1];
     R.Fds[1] = mRegionFd;
 
@@ -696,6 +702,8 @@ int Service::Run()
 {
     signal(SIGPIPE, SIG_IGN);
     jRaiseDescriptorLimit();
+    while (getrandom(&mGeneration, sizeof mGeneration, 0) != (ssize_t)sizeof mGeneration || mGeneration == 0) {
+    }
     mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     if (mEpollFd < 0 || !jMapRegion())

@@ -41,7 +41,10 @@
 enum linxd_op {
     LINXD_OP_VERSION = 1,     /* -> value[0] version word */
     LINXD_OP_REGISTER,        /* name -> value[0] spid, value[1] slot, value[2] queue bytes;
-                                 fds: outlet, counter region */
+                                 data: the instance's 64-bit generation, drawn at
+                                 random when linxd starts (SPIDs start again at
+                                 every start: they name a socket only together
+                                 with it); fds: outlet, counter region */
     LINXD_OP_HUNT,            /* arg[0] on behalf of, name, signal -> 0 */
     LINXD_OP_ATTACH,          /* arg[0] spid, signal -> value[0] reference */
     LINXD_OP_DETACH,          /* arg[0] reference */

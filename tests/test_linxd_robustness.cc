@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -416,6 +417,58 @@ TEST(LinxdLimits, AClientOutOfDescriptorsSeesEMFILE)
         return p == nullptr && errno == EMFILE ? 0 : 1;
     });
     EXPECT_EQ(0, WaitChild(Child));
+}
+
+// A child that opens Name and says so on the pipe, then runs Body.
+pid_t StartOpened(const char *pName, int *pReady, const std::function<int(LINX *)> &Body)
+{
+    const pid_t Child = StartChild([&] {
+        LINX *p = linx_open(pName, 0, nullptr);
+        (void)!write(pReady[1], "", 1);
+        return Body(p);
+    });
+    char Byte;
+    return read(pReady[0], &Byte, 1) == 1 ? Child : -1;
+}
+
+TEST(LinxdRestart, ASpidOfTheOldInstanceNeverReachesASocketOfTheNew)
+{
+    const std::string Instance = TestInstance() + "-restart";
+    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
+    int Ready[2];
+    ASSERT_EQ(0, pipe(Ready));
+    // A socket of the old instance that outlives it, and a route to it.
+    const pid_t Old = StartOpened("old-peer", Ready, [](LINX *p) {
+        return ReceiveOne(p, 5000) == 0x50 ? 0 : 1;
+    });
+    LINX *pMine = linx_open("me", 0, nullptr);
+    ASSERT_NE(nullptr, pMine);
+    const LINX_SPID OldPeer = HuntAndWait(pMine, "old-peer", 5000);
+    union LINX_SIGNAL *pSig = NewSignal(pMine, 0x50, 1);
+    ASSERT_EQ(0, linx_send(pMine, &pSig, OldPeer)); // this process now knows the way to it
+    for (pid_t Linxd : FindLinxd(Instance))
+        kill(Linxd, SIGKILL);
+    for (int i = 0; i < 1000 && !FindLinxd(Instance).empty(); i++)
+        usleep(5000); // gone, so that the next open starts a new one
+    linx_close(pMine);
+
+    // A new instance hands out the same SPIDs again.
+    const pid_t New = StartOpened("new-peer", Ready, [](LINX *p) {
+        uint32_t Value = 0;
+        return ReceiveOne(p, 5000, &Value) == 0x51 && Value == 2 ? 0 : 1;
+    });
+    pMine = linx_open("me-again", 0, nullptr);
+    ASSERT_NE(nullptr, pMine);
+    const LINX_SPID NewPeer = HuntAndWait(pMine, "new-peer", 5000);
+    EXPECT_EQ(OldPeer, NewPeer) << "the new instance counts from the start again";
+    pSig = NewSignal(pMine, 0x51, 2);
+    EXPECT_EQ(0, linx_send(pMine, &pSig, NewPeer));
+    EXPECT_EQ(0, WaitChild(New)) << "the signal reached the socket it was sent to, not the old one";
+    EXPECT_EQ(0, WaitChild(Old));
+    linx_close(pMine);
+    close(Ready[0]);
+    close(Ready[1]);
+    setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
 }
 
 TEST(LinxVersion, OnlyMajorVersionTwoIsAccepted)
