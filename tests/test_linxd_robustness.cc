@@ -400,6 +400,11 @@ TEST(LinxdLimits, OutOfDescriptorsNewClientsFailAtOnceAndLinxdRests)
 
 TEST(LinxdLimits, AClientOutOfDescriptorsSeesEMFILE)
 {
+#ifdef __SANITIZE_ADDRESS__
+    // UBSan's type checks open a pipe of their own: with no descriptor left
+    // they report every object as invalid.  The plain build runs this.
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own";
+#endif
     const pid_t Child = StartChild([] {
         // Every descriptor taken but five: an open needs more than that.
         const struct rlimit Limit = {1024, 1024};
