@@ -838,13 +838,16 @@ int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen)
     }
     if (Ready < 0)
         return -1;
-    if (Fds[2].revents != 0) {
-        errno = ENOTCONN; // linxd never writes unasked: it is gone
-        return -1;
-    }
     if (Fds[1].revents != 0) {
         uint64_t Count;
         (void)!read(S.ArrivalFd, &Count, sizeof Count);
+    }
+    // What reached the queue before linxd went is still taken.
+    if ((Fds[0].revents & POLLIN) || Fds[1].revents != 0)
+        return 1;
+    if (Fds[2].revents != 0) {
+        errno = ENOTCONN; // linxd never writes unasked: it is gone
+        return -1;
     }
     return Ready > 0 ? 1 : 0;
 }
