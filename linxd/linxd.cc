@@ -33,6 +33,12 @@ constexpr uint32_t kDefaultTmoSigNo = 253;
 // Pending hunts, attaches, timeouts and new-link tokens one socket may
 // hold at a time: a runaway client cannot exhaust the service.
 constexpr uint32_t kMaxHeldPerSocket = 4096;
+// linxd's own signals (hunt answers, attach and timeout signals) wait in a
+// socket's backlog while its queue is full.  A request whose signal would
+// land on a backlog of 4096 signals or 4 MiB, or while all backlogs hold
+// 64 MiB, is refused: a client that never reads cannot grow the service.
+constexpr size_t kMaxBacklogBytesPerSocket = 4u << 20;
+constexpr size_t kMaxBacklogBytesTotal = 64u << 20;
 
 int64_t jNowMs()
 {
@@ -59,6 +65,7 @@ struct Socket {
     int InletFd = -1;
     uint32_t Slot = 0;
     std::deque<std::string> Backlog; // linxd's signals waiting for queue room
+    size_t BacklogBytes = 0;
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
     uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
 };
@@ -115,6 +122,8 @@ private:
     Reply jInfo(uint32_t Op, uint32_t Spid);
     void jDeliver(uint32_t To, uint32_t From, const std::string &Signal);
     void jFlushBacklog(Socket &S);
+    void jDropBacklog(Socket &S);
+    bool jRoomFor(uint32_t Spid, const std::string &Signal) const;
     void jFireTimers();
     int jNextTimeoutMs() const;
     uint32_t jNewSpid();
@@ -148,6 +157,7 @@ private:
     std::vector<Delivery> mAfterReply;                    // signals due once a reply is sent
     uint32_t mNextSpid = 0x10000;
     uint64_t mGeneration = 0; // tells this instance's SPIDs from those of earlier ones
+    size_t mBacklogBytes = 0; // of every socket
     uint32_t mNextRef = 0;
     int64_t mIdleSinceMs = 0;
 };
@@ -482,6 +492,8 @@ Reply Service::jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std:
 {
     if (jFindSocket(OnBehalf) == nullptr)
         return jError(EINVAL);
+    if (!jRoomFor(OnBehalf, Signal))
+        return jError(ENOBUFS);
     auto Named = mNames.find(Name);
     if (Named != mNames.end()) {
         // Several sockets may share a name: a hunt finds the oldest one.
@@ -496,6 +508,8 @@ Reply Service::jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std:
 
 Reply Service::jAttach(Client &C, uint32_t Target, std::string Signal)
 {
+    if (!jRoomFor(C.Spid, Signal))
+        return jError(ENOBUFS);
     const uint32_t Ref = jNewRef();
     if (jFindSocket(Target) == nullptr) {
         jDeliver(C.Spid, Target, Signal); // not open: it is already gone
@@ -511,7 +525,7 @@ Reply Service::jRequestTmo(Client &C, int32_t Ms, std::string Signal)
 {
     if (Ms < 0)
         return jError(EINVAL);
-    if (!jHold(C.Spid))
+    if (!jRoomFor(C.Spid, Signal) || !jHold(C.Spid))
         return jError(ENOBUFS);
     const uint32_t Ref = jNewRef();
     const int64_t Deadline = jNowMs() + Ms;
@@ -574,8 +588,28 @@ void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal)
         return;
     linxd_signal_header Header = {From, To, (uint32_t)Signal.size(), 0};
     pS->Backlog.push_back(std::string((const char *)&Header, sizeof Header) + Signal);
+    pS->BacklogBytes += pS->Backlog.back().size();
+    mBacklogBytes += pS->Backlog.back().size();
     __atomic_add_fetch(&mpSlots[pS->Slot].queued, 1, __ATOMIC_RELAXED);
     jFlushBacklog(*pS);
+}
+
+// Whether a signal of linxd's may still be promised to socket Spid.
+bool Service::jRoomFor(uint32_t Spid, const std::string &Signal) const
+{
+    auto It = mSockets.find(Spid);
+    if (It == mSockets.end())
+        return true; // nothing will be delivered
+    const Socket &S = It->second;
+    return S.Backlog.size() < kMaxHeldPerSocket && S.BacklogBytes + Signal.size() <= kMaxBacklogBytesPerSocket &&
+           mBacklogBytes + Signal.size() <= kMaxBacklogBytesTotal;
+}
+
+void Service::jDropBacklog(Socket &S)
+{
+    mBacklogBytes -= S.BacklogBytes;
+    S.BacklogBytes = 0;
+    S.Backlog.clear();
 }
 
 void Service::jFlushBacklog(Socket &S)
@@ -592,6 +626,8 @@ void Service::jFlushBacklog(Socket &S)
             }
             __atomic_sub_fetch(&mpSlots[S.Slot].queued, 1, __ATOMIC_RELAXED);
         }
+        S.BacklogBytes -= Datagram.size();
+        mBacklogBytes -= Datagram.size();
         S.Backlog.pop_front();
     }
     if (S.bWatchingInlet)
@@ -615,6 +651,7 @@ void Service::jCloseSocket(uint32_t Spid)
     close(S.InletFd);
     memset(&mpSlots[S.Slot], 0, sizeof(linxd_slot));
     mFreeSlots.push_back(S.Slot);
+    jDropBacklog(S);
     mSockets.erase(It);
 
     // What others requested about the closed socket no longer counts for them.

@@ -233,6 +233,34 @@ TEST_F(LinxdRobustness, MalformedSignalsInAQueueAreDropped)
     ExpectServing();
 }
 
+long RssKiB(pid_t Pid)
+{
+    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
+    std::string Word;
+    while (Status >> Word)
+        if (Word == "VmRSS:" && Status >> Word)
+            return std::stol(Word);
+    return -1;
+}
+
+TEST_F(LinxdRobustness, AClientThatNeverReadsCannotGrowLinxd)
+{
+    const pid_t Linxd = FindLinxd(TestInstance()).at(0);
+    const long Before = RssKiB(Linxd);
+    // Hunts for a name that exists and timeouts of 0 ms are answered at once,
+    // into a queue this client never reads.
+    int Requests = 0;
+    while (Requests < 200000 && linx_hunt(pLinx, "robust", nullptr) == 0 &&
+           linx_request_tmo(pLinx, 0, nullptr) != 0)
+        Requests += 2;
+    EXPECT_EQ(ENOBUFS, errno) << "refused after " << Requests << " requests";
+    EXPECT_LT(Requests, 200000);
+    EXPECT_LT(RssKiB(Linxd) - Before, 16 * 1024) << "linxd grew by KiB";
+    while (ReceiveOne(pLinx, 0) != 0) {
+    }
+    EXPECT_EQ(linx_get_spid(pLinx), HuntAndWait(pLinx, "robust", 2000)) << "served again once read";
+}
+
 TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
 {
     const std::vector<pid_t> Linxd = FindLinxd(TestInstance());
