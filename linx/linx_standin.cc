@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <memory>
@@ -29,6 +30,7 @@
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "linx.h"
 #include "linx_module.h"
@@ -45,6 +47,7 @@ constexpr uint32_t kForever = 0xFFFFFFFFu;
 // sender's payload, delivered without a copy).
 struct Pending {
     linxd_signal_header Header;
+    uint64_t Seq = 0;    // its place among all signals ever queued here
     void *pTaken = nullptr;
     std::string Data;
 };
@@ -64,8 +67,14 @@ struct StandinSocket {
     bool bLastLocal = false;      // the last signal taken came from this process
 
     std::mutex Mutex;             // guards everything below
-    std::deque<Pending> Queue;
+    std::deque<Pending> Queue;     // in Seq order
     uint64_t QueuedBytes = 0;
+    // The selection of the last receive that found nothing in Queue, and the
+    // Pushes it had seen: a receive with the same selection looks only at
+    // what came after, so waiting costs nothing for what it already skipped.
+    std::vector<int32_t> ScannedSel; // count and numbers; empty: none kept
+    uint32_t ScannedFrom = 0;
+    uint64_t ScannedSeq = 0;
     std::atomic<uint64_t> Pushes{0}; // signals ever queued: tells a waiter what it missed
     bool bWaiting = false;
     bool bClosed = false;
@@ -439,6 +448,13 @@ void jCountReady(StandinSocket &S, bool bAdd)
 // Queues a signal for S unless S is closed or, when bLimit is set, its
 // queue is full (errno ECONNRESET or ENOBUFS then).  Wakes a waiting
 // receiver.  Any thread of the process may queue.
+// What the socket keeps aside counts against its queue limit for every
+// sender, in this process or another (S.Mutex held).
+void jPublishParked(StandinSocket &S)
+{
+    __atomic_store_n(&S.pSlots[S.Slot].parked_bytes, S.QueuedBytes, __ATOMIC_RELAXED);
+}
+
 bool jEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
 {
     jCountReady(S, true);
@@ -452,7 +468,8 @@ bool jEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
             errno = ENOBUFS;
         } else {
             S.QueuedBytes += Entry.Header.size;
-            S.Pushes.fetch_add(1, std::memory_order_relaxed);
+            jPublishParked(S);
+            Entry.Seq = S.Pushes.fetch_add(1, std::memory_order_relaxed) + 1;
             S.Queue.push_back(std::move(Entry));
             bWake = S.bWaiting;
             S.bWaiting = false;
@@ -613,6 +630,15 @@ int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
     if (pInlet == nullptr)
         return -1;
     linxd_slot &Target = S.pSlots[pInlet->Slot];
+    // A slot that no longer names the receiver was cleared or handed on by
+    // linxd: the receiver closed, which the send itself reports.
+    const bool bOurs = __atomic_load_n(&Target.spid, __ATOMIC_ACQUIRE) == pRec->to;
+    if (bOurs && __atomic_load_n(&Target.parked_bytes, __ATOMIC_RELAXED) + pRec->size >
+                     __atomic_load_n(&Target.queue_limit, __ATOMIC_RELAXED)) {
+        jCount(&Target.refused_sends, 1);
+        errno = ENOBUFS; // the receiver keeps a full queue's worth aside
+        return -1;
+    }
     const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
     struct iovec Iov[2] = {{(void *)&Header, sizeof Header},
                            {(void *)(uintptr_t)pRec->buffer, pRec->size}};
@@ -714,6 +740,25 @@ int jTooLarge(struct linx_transfer_rec *pRec, uint32_t Size)
 // Takes the first selected signal of the local queue.  Returns the size,
 // 0 when it does not fit, or -1 (errno EAGAIN) when none is selected; then
 // *pSeen tells how many signals had been queued when it looked.
+// The words of a sigselect: its count and its numbers.
+size_t jSelectionWords(const int32_t *pSigselect)
+{
+    return 1 + (size_t)std::abs((int64_t)pSigselect[0]);
+}
+
+// The first entry of the queue a receive with this selection has not yet
+// looked at (S.Mutex held).
+std::deque<Pending>::iterator jFirstUnscanned(StandinSocket &S, const Selection &Sel)
+{
+    const bool bSame = !S.ScannedSel.empty() && Sel.pSigselect != nullptr && S.ScannedFrom == Sel.From &&
+                       S.ScannedSel.size() == jSelectionWords(Sel.pSigselect) &&
+                       std::equal(S.ScannedSel.begin(), S.ScannedSel.end(), Sel.pSigselect);
+    if (!bSame)
+        return S.Queue.begin();
+    return std::partition_point(S.Queue.begin(), S.Queue.end(),
+                                [&S](const Pending &Entry) { return Entry.Seq <= S.ScannedSeq; });
+}
+
 int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec,
                 uint64_t *pSeen)
 {
@@ -721,10 +766,15 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
         *pSeen = S.Pushes.load(std::memory_order_relaxed);
-        auto It = S.Queue.begin();
+        auto It = jFirstUnscanned(S, Sel);
         while (It != S.Queue.end() && !jSelected(Sel, It->Header, jSigNo(jPayloadOf(*It))))
             ++It;
         if (It == S.Queue.end()) {
+            if (Sel.pSigselect != nullptr) {
+                S.ScannedSel.assign(Sel.pSigselect, Sel.pSigselect + jSelectionWords(Sel.pSigselect));
+                S.ScannedFrom = Sel.From;
+                S.ScannedSeq = *pSeen;
+            }
             errno = EAGAIN;
             return -1;
         }
@@ -739,6 +789,7 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
         }
         S.bLastLocal = It->pTaken != nullptr;
         S.QueuedBytes -= Size;
+        jPublishParked(S);
         S.Queue.erase(It);
         Result = (int)Size;
     }

@@ -463,6 +463,7 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     mFreeSlots.pop_back();
     linxd_slot &Slot = mpSlots[S.Slot];
     memset(&Slot, 0, sizeof Slot);
+    Slot.queue_limit = (uint32_t)Effective;
     __atomic_store_n(&Slot.spid, S.Spid, __ATOMIC_RELEASE);
     C.Spid = S.Spid;
     mNames[Name].push_back(S.Spid);

@@ -91,14 +91,16 @@ struct linxd_signal_header {
  * linxd stamps spid when it hands the slot out. */
 struct linxd_slot {
     uint32_t spid;
-    uint32_t reserved;
+    uint32_t queue_limit;     /* bytes the socket's queue holds (linxd) */
     int64_t queued;
     uint64_t sent_signals;
     uint64_t sent_bytes;
     uint64_t received_signals;
     uint64_t received_bytes;
     uint64_t refused_sends;   /* sends to this socket refused: queue full */
-    uint64_t pad;
+    uint64_t parked_bytes;    /* signals its owner took out of the queue
+                                 unselected and keeps aside (the owner);
+                                 they count against queue_limit */
 };
 
 #define LINXD_REGION_BYTES ((uint64_t)LINXD_MAX_SOCKETS * sizeof(struct linxd_slot))

@@ -261,6 +261,39 @@ TEST_F(LinxdRobustness, AClientThatNeverReadsCannotGrowLinxd)
     EXPECT_EQ(linx_get_spid(pLinx), HuntAndWait(pLinx, "robust", 2000)) << "served again once read";
 }
 
+TEST_F(LinxdRobustness, AReceiverWaitingForOneNumberCannotBeFloodedWithAnother)
+{
+    int Ready[2];
+    ASSERT_EQ(0, pipe(Ready));
+    const pid_t Picky = StartChild([&] {
+        LINX *p = linx_open("picky", 0, nullptr);
+        (void)!write(Ready[1], "", 1);
+        static const LINX_SIGSELECT kOnlyA[] = {1, 0xA};
+        union LINX_SIGNAL *pSig = nullptr;
+        return linx_receive_w_tmo(p, &pSig, 10000, kOnlyA) == 0 ? 0 : 1; // never sent
+    });
+    char Byte;
+    ASSERT_EQ(1, read(Ready[0], &Byte, 1));
+    const LINX_SPID Peer = HuntAndWait(pLinx, "picky", 5000);
+    const long Before = RssKiB(Picky);
+    // A flooder that waits a little whenever the queue is full.
+    int Accepted = 0, Refused = 0;
+    for (int Attempt = 0; Attempt < 3000 && Accepted < 500; Attempt++) {
+        union LINX_SIGNAL *pSig = NewSignal(pLinx, 0xB, 0, 65536);
+        if (linx_send(pLinx, &pSig, Peer) == 0)
+            Accepted++;
+        else if (errno == ENOBUFS && ++Refused > 0)
+            usleep(200);
+    }
+    EXPECT_LT(Accepted, 100) << "what it sets aside counts against its queue";
+    EXPECT_GT(Refused, 0);
+    EXPECT_LT(RssKiB(Picky) - Before, 8 * 1024) << "the receiver grew by KiB";
+    kill(Picky, SIGKILL);
+    WaitChild(Picky);
+    close(Ready[0]);
+    close(Ready[1]);
+}
+
 TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
 {
     const std::vector<pid_t> Linxd = FindLinxd(TestInstance());
