@@ -1,0 +1,162 @@
+// Chaos: a peer is killed with SIGKILL again and again at random moments,
+// idle, in the middle of sending large messages, or busy hunting and
+// attaching.  Every death must reach the watcher's close callback and its
+// raw attach exactly once each, never before the kill, and linxd must end
+// with the memory and descriptors it started with.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "msg_test_util.h"
+
+namespace {
+
+constexpr int kKills = 210;
+constexpr MSG_Type kBulk = 0x400;
+
+struct Watch {
+    int Opens = 0;
+    int Closes = 0;
+    uint32_t PeerId = 0;
+    bool bKilled = false;     // the current incarnation was killed
+    bool bEarlyClose = false; // a close arrived before its kill
+};
+
+uint32_t OnOpen(void *pContext, MSG_Msg *pMsg)
+{
+    Watch *pWatch = (Watch *)pContext;
+    pWatch->Opens++;
+    pWatch->PeerId = MSG_GetSender(pMsg);
+    return 0;
+}
+
+uint32_t OnClose(void *pContext, MSG_Msg *)
+{
+    Watch *pWatch = (Watch *)pContext;
+    pWatch->bEarlyClose |= !pWatch->bKilled;
+    pWatch->Closes++;
+    return 0;
+}
+
+// What a peer does until it is killed.
+[[noreturn]] void RunPeer(int Mode)
+{
+    if (MSG_OpenLocal("peer") != 0)
+        _exit(1);
+    uint32_t Watcher = FindSpid("peer", "watcher");
+    for (uint32_t i = 0;; i++) {
+        if (Mode == 1) { // large messages, as fast as they are taken
+            MSG_Msg *pMsg = MSG_AllocMsg(kBulk, i, 60000);
+            if (MSG_SendMsg("peer", Watcher, pMsg) != 0)
+                usleep(100);
+        } else if (Mode == 2) { // hunts and attaches
+            MSG_CloseRemote("peer", "watcher");
+            Watcher = FindSpid("peer", "watcher");
+            static Watch Nobody;
+            static const MSG_Callback NobodyOpen = {OnOpen, &Nobody, 0, 0, 0};
+            MSG_OpenRemoteAsync("peer", ("nobody" + std::to_string(i % 8)).c_str(), &NobodyOpen, nullptr);
+        } else {
+            pause();
+        }
+    }
+}
+
+long LinxdRss(pid_t Pid)
+{
+    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
+    std::string Word;
+    while (Status >> Word)
+        if (Word == "VmRSS:" && Status >> Word)
+            return std::stol(Word);
+    return -1;
+}
+
+int LinxdDescriptors(pid_t Pid)
+{
+    DIR *pDir = opendir(("/proc/" + std::to_string(Pid) + "/fd").c_str());
+    int Count = 0;
+    while (pDir != nullptr && readdir(pDir) != nullptr)
+        Count++;
+    if (pDir != nullptr)
+        closedir(pDir);
+    return Count;
+}
+
+// linxd's descriptors once the last peer's sockets are closed: the count
+// when it reaches Target, or once it stays the same for 50 ms.
+int SettledDescriptors(pid_t Linxd, int Target)
+{
+    int Last = LinxdDescriptors(Linxd);
+    for (int i = 0; i < 100 && Last != Target; i++) {
+        usleep(50 * 1000);
+        const int Now = LinxdDescriptors(Linxd);
+        if (Target == 0 && Now == Last)
+            break;
+        Last = Now;
+    }
+    return Last;
+}
+
+// The watcher's receive loop, looking at Done every millisecond (callbacks
+// run inside MSG_RecvAnyMsg, which returns only for user messages).
+bool Serve(int TimeoutMs, const std::function<bool()> &Done)
+{
+    struct timespec Start;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    while (!Done() && MSG_GetMsecSince(Start) < TimeoutMs)
+        if (MSG_Msg *pMsg = MSG_RecvAnyMsg("watcher", 1))
+            MSG_ReleaseMsg(pMsg);
+    return Done();
+}
+
+TEST(Chaos, EveryDeathIsReportedOnceAndLinxdEndsAsItStarted)
+{
+    ASSERT_EQ(0u, MSG_OpenLocal("watcher"));
+    LINX *pAttacher = linx_open("attacher", 0, nullptr);
+    ASSERT_NE(nullptr, pAttacher);
+    const pid_t Linxd = FindLinxd(TestInstance()).at(0);
+    Watch W;
+    const MSG_Callback Open = {OnOpen, &W, 0, 0, 0}, Close = {OnClose, &W, 0, 0, 0};
+    ASSERT_EQ(0u, MSG_OpenRemoteAsync("watcher", "peer", &Open, &Close));
+
+    srand(20261123);
+    long RssStart = 0;
+    int FdsStart = 0, AttachSignals = 0;
+    for (int Kill = 0; Kill < kKills; Kill++) {
+        const int Mode = rand() % 3;
+        const pid_t Peer = StartChild([Mode]() -> int { RunPeer(Mode); });
+        W.bKilled = false;
+        ASSERT_TRUE(Serve(5000, [&] { return W.Opens == Kill + 1; })) << "incarnation " << Kill;
+        union LINX_SIGNAL *pAttach = nullptr;
+        const LINX_OSATTREF Ref = linx_attach(pAttacher, &pAttach, W.PeerId);
+        ASSERT_NE(0u, Ref);
+        Serve(rand() % 4, [] { return false; }); // a random moment of its life
+        W.bKilled = true;
+        kill(Peer, SIGKILL);
+        ASSERT_TRUE(Serve(5000, [&] { return W.Closes == Kill + 1; })) << "death " << Kill;
+        AttachSignals += ReceiveOne(pAttacher, 5000) != 0;
+        WaitChild(Peer);
+        if (Kill == 0) { // linxd has served and buried one peer: its steady state
+            FdsStart = SettledDescriptors(Linxd, 0);
+            RssStart = LinxdRss(Linxd);
+        }
+    }
+    EXPECT_FALSE(W.bEarlyClose) << "a close callback ran before its kill";
+    EXPECT_EQ(kKills, W.Closes);
+    EXPECT_EQ(kKills, AttachSignals);
+    EXPECT_EQ(0u, ReceiveOne(pAttacher, 100)) << "no attach fired twice";
+    Serve(50, [] { return false; });
+    EXPECT_FALSE(Serve(100, [&] { return W.Closes > kKills; })) << "no close callback ran twice";
+    EXPECT_EQ(FdsStart, SettledDescriptors(Linxd, FdsStart));
+    EXPECT_LT(LinxdRss(Linxd) - RssStart, 2048) << "linxd's memory grew by KiB";
+    linx_close(pAttacher);
+    MSG_CloseLocal("watcher");
+}
+
+} // namespace
