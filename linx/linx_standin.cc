@@ -445,9 +445,6 @@ void jCountReady(StandinSocket &S, bool bAdd)
         (void)!read(S.ReadyFd, &One, sizeof One);
 }
 
-// Queues a signal for S unless S is closed or, when bLimit is set, its
-// queue is full (errno ECONNRESET or ENOBUFS then).  Wakes a waiting
-// receiver.  Any thread of the process may queue.
 // What the socket keeps aside counts against its queue limit for every
 // sender, in this process or another (S.Mutex held).
 void jPublishParked(StandinSocket &S)
@@ -455,6 +452,9 @@ void jPublishParked(StandinSocket &S)
     __atomic_store_n(&S.pSlots[S.Slot].parked_bytes, S.QueuedBytes, __ATOMIC_RELAXED);
 }
 
+// Queues a signal for S unless S is closed or, when bLimit is set, its
+// queue is full (errno ECONNRESET or ENOBUFS then).  Wakes a waiting
+// receiver.  Any thread of the process may queue.
 bool jEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
 {
     jCountReady(S, true);
@@ -737,9 +737,6 @@ int jTooLarge(struct linx_transfer_rec *pRec, uint32_t Size)
     return 0;
 }
 
-// Takes the first selected signal of the local queue.  Returns the size,
-// 0 when it does not fit, or -1 (errno EAGAIN) when none is selected; then
-// *pSeen tells how many signals had been queued when it looked.
 // The words of a sigselect: its count and its numbers.
 size_t jSelectionWords(const int32_t *pSigselect)
 {
@@ -759,6 +756,9 @@ std::deque<Pending>::iterator jFirstUnscanned(StandinSocket &S, const Selection 
                                 [&S](const Pending &Entry) { return Entry.Seq <= S.ScannedSeq; });
 }
 
+// Takes the first selected signal of the local queue.  Returns the size,
+// 0 when it does not fit, or -1 (errno EAGAIN) when none is selected; then
+// *pSeen tells how many signals had been queued when it looked.
 int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec,
                 uint64_t *pSeen)
 {
