@@ -19,3 +19,5 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:ha
   run_stage "tests under ASan+UBSan" build-asan "" -DORVANE_SANITIZE=address
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run_stage "threaded tests under TSan" build-tsan "-L threaded" -DORVANE_SANITIZE=thread
+echo "== fuzz harnesses, a few seconds each"
+"$root/scripts/fuzz.sh"
