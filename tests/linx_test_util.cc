@@ -109,3 +109,13 @@ LINX_SPID HuntAndWait(LINX *pLinx, const char *pName, int TimeoutMs)
     LINX_SPID Peer = 0;
     return ReceiveOne(pLinx, TimeoutMs, nullptr, &Peer, Sel) == 0x4E7 ? Peer : 0;
 }
+
+long RssKiB(pid_t Pid)
+{
+    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
+    std::string Word;
+    while (Status >> Word)
+        if (Word == "VmRSS:" && Status >> Word)
+            return std::stol(Word);
+    return -1;
+}

@@ -19,6 +19,8 @@ int WaitChild(pid_t Child);
 
 // Pids of the linxd processes serving Instance.
 std::vector<pid_t> FindLinxd(const std::string &Instance);
+// Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
+long RssKiB(pid_t Pid);
 
 // A signal of the given number whose second word is Value.
 union LINX_SIGNAL *NewSignal(LINX *pLinx, uint32_t SigNo, uint32_t Value, uint32_t Size = 8);

@@ -10,7 +10,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <string>
 
 #include "msg_test_util.h"
@@ -65,16 +64,6 @@ uint32_t OnClose(void *pContext, MSG_Msg *)
             pause();
         }
     }
-}
-
-long LinxdRss(pid_t Pid)
-{
-    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
-    std::string Word;
-    while (Status >> Word)
-        if (Word == "VmRSS:" && Status >> Word)
-            return std::stol(Word);
-    return -1;
 }
 
 int LinxdDescriptors(pid_t Pid)
@@ -144,7 +133,7 @@ TEST(Chaos, EveryDeathIsReportedOnceAndLinxdEndsAsItStarted)
         WaitChild(Peer);
         if (Kill == 0) { // linxd has served and buried one peer: its steady state
             FdsStart = SettledDescriptors(Linxd, 0);
-            RssStart = LinxdRss(Linxd);
+            RssStart = RssKiB(Linxd);
         }
     }
     EXPECT_FALSE(W.bEarlyClose) << "a close callback ran before its kill";
@@ -159,7 +148,7 @@ TEST(Chaos, EveryDeathIsReportedOnceAndLinxdEndsAsItStarted)
 #else
     const long kGrowthKiB = 2048;
 #endif
-    EXPECT_LT(LinxdRss(Linxd) - RssStart, kGrowthKiB) << "linxd's memory grew by KiB";
+    EXPECT_LT(RssKiB(Linxd) - RssStart, kGrowthKiB) << "linxd's memory grew by KiB";
     linx_close(pAttacher);
     MSG_CloseLocal("watcher");
 }

@@ -233,16 +233,6 @@ TEST_F(LinxdRobustness, MalformedSignalsInAQueueAreDropped)
     ExpectServing();
 }
 
-long RssKiB(pid_t Pid)
-{
-    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
-    std::string Word;
-    while (Status >> Word)
-        if (Word == "VmRSS:" && Status >> Word)
-            return std::stol(Word);
-    return -1;
-}
-
 TEST_F(LinxdRobustness, AClientThatNeverReadsCannotGrowLinxd)
 {
     const pid_t Linxd = FindLinxd(TestInstance()).at(0);
