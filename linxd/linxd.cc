@@ -103,7 +103,12 @@ struct Reply {
 class Service {
 public:
     explicit Service(const LinxdOptions &Options) : mOptions(Options) {}
+    ~Service();
     int Run();
+    bool Start();
+    void Admit(int Fd);
+    int Step(int TimeoutMs);
+    bool HoldsNothing() const;
 
 private:
     bool jListen();
@@ -140,7 +145,8 @@ private:
     int mRegionFd = -1;
     int mReserveFd = -1; // given up to turn a client away when out of descriptors
     linxd_slot *mpSlots = nullptr;
-    std::vector<uint32_t> mFreeSlots;
+    std::vector<uint32_t> mFreeSlots;  // slots given back, reused first
+    uint32_t mUnusedSlots = 0;         // slots from here on were never handed out
     std::map<int, Client> mClients;
     std::map<uint32_t, Socket> mSockets;
     std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
@@ -219,8 +225,6 @@ bool Service::jMapRegion()
     if (p == MAP_FAILED)
         return false;
     mpSlots = (linxd_slot *)p;
-    for (uint32_t Slot = LINXD_MAX_SOCKETS; Slot > 0; Slot--)
-        mFreeSlots.push_back(Slot - 1);
     return true;
 }
 
@@ -252,17 +256,23 @@ void Service::jAccept()
             jTurnAway();
         if (Fd < 0)
             return;
-        struct ucred Cred;
-        socklen_t Len = sizeof Cred;
-        if (getsockopt(Fd, SOL_SOCKET, SO_PEERCRED, &Cred, &Len) != 0 || Cred.uid != geteuid()) {
-            close(Fd); // only processes of the same user are served
-            continue;
-        }
-        Client &C = mClients[Fd];
-        C.Fd = Fd;
-        C.Pid = Cred.pid;
-        jWatch(Watch::Client, Fd, (uint32_t)Fd, EPOLLIN, EPOLL_CTL_ADD);
+        Admit(Fd);
     }
+}
+
+// Serves a new connection if its process is of linxd's user.
+void Service::Admit(int Fd)
+{
+    struct ucred Cred;
+    socklen_t Len = sizeof Cred;
+    if (getsockopt(Fd, SOL_SOCKET, SO_PEERCRED, &Cred, &Len) != 0 || Cred.uid != geteuid()) {
+        close(Fd);
+        return;
+    }
+    Client &C = mClients[Fd];
+    C.Fd = Fd;
+    C.Pid = Cred.pid;
+    jWatch(Watch::Client, Fd, (uint32_t)Fd, EPOLLIN, EPOLL_CTL_ADD);
 }
 
 uint32_t Service::jNewSpid()
@@ -326,6 +336,25 @@ bool Service::jSendReply(int Fd, const Reply &R)
     return sendmsg(Fd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
+// What is wrong with a request datagram of Got bytes (more than the buffer
+// when it was truncated), or null when its header holds together; the
+// header is copied to *pReq.
+const char *jMalformed(const char *pBuffer, ssize_t Got, linxd_request *pReq)
+{
+    if ((size_t)Got > LINXD_MAX_REQUEST_BYTES)
+        return "longer than any request";
+    if ((size_t)Got < sizeof *pReq)
+        return "shorter than a request header";
+    memcpy(pReq, pBuffer, sizeof *pReq);
+    if (pReq->magic != LINXD_PROTOCOL_MAGIC)
+        return "not a linxd request (wrong magic)";
+    if (pReq->name_len > LINXD_MAX_NAME_CHARS || pReq->sig_len > LINXD_MAX_CONTROL_SIGNAL)
+        return "name or signal longer than allowed";
+    if ((uint64_t)sizeof *pReq + pReq->name_len + pReq->sig_len != (uint64_t)Got)
+        return "lengths in the header do not match the datagram";
+    return nullptr;
+}
+
 void Service::jServeClient(int Fd)
 {
     static std::vector<char> Buffer(LINXD_MAX_REQUEST_BYTES);
@@ -337,23 +366,15 @@ void Service::jServeClient(int Fd)
         return;
     }
     Client &C = mClients[Fd];
-    Reply R;
     linxd_request Req = {};
-    if ((size_t)Got > Buffer.size()) {
-        R = jError(EMSGSIZE);
-    } else if ((size_t)Got < sizeof Req) {
-        R = jError(EPROTO);
+    const char *pRefusal = jMalformed(Buffer.data(), Got, &Req);
+    Reply R;
+    if (pRefusal != nullptr) {
+        fprintf(stderr, "linxd: refused a request of process %d (%zd bytes): %s\n", (int)C.Pid, Got, pRefusal);
+        R = jError((size_t)Got > Buffer.size() ? EMSGSIZE : EPROTO);
     } else {
-        memcpy(&Req, Buffer.data(), sizeof Req);
-        const uint64_t Expected = (uint64_t)sizeof Req + Req.name_len + Req.sig_len;
-        if (Req.magic != LINXD_PROTOCOL_MAGIC || Expected != (uint64_t)Got ||
-            Req.name_len > LINXD_MAX_NAME_CHARS || Req.sig_len > LINXD_MAX_CONTROL_SIGNAL) {
-            R = jError(EPROTO);
-        } else {
-            const char *pData = Buffer.data() + sizeof Req;
-            R = jHandle(C, Req, std::string(pData, Req.name_len),
-                        std::string(pData + Req.name_len, Req.sig_len));
-        }
+        const char *pData = Buffer.data() + sizeof Req;
+        R = jHandle(C, Req, std::string(pData, Req.name_len), std::string(pData + Req.name_len, Req.sig_len));
     }
     const bool bSent = jSendReply(Fd, R);
     if (R.Fds[0] >= 0 && R.Header.result == 0 && Req.op == LINXD_OP_REGISTER)
@@ -369,8 +390,10 @@ void Service::jServeClient(int Fd)
 Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &Name,
                        const std::string &Signal)
 {
-    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_GET_INLET)
+    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_GET_INLET) {
+        fprintf(stderr, "linxd: refused a request of process %d: unknown operation %u\n", (int)C.Pid, Req.op);
         return jError(EINVAL);
+    }
     if (Req.op == LINXD_OP_VERSION)
         return jValue(mOptions.VersionWord);
     if (Req.op == LINXD_OP_REGISTER)
@@ -440,7 +463,7 @@ Reply Service::jRegister(Client &C, const std::string &Name)
         return jError(EISCONN);
     if (Name.find('\0') != std::string::npos)
         return jError(EINVAL);
-    if (mFreeSlots.empty())
+    if (mFreeSlots.empty() && mUnusedSlots == LINXD_MAX_SOCKETS)
         return jError(ENFILE);
     int Pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, Pair) != 0)
@@ -459,8 +482,12 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     S.ClientFd = C.Fd;
     S.Pid = C.Pid;
     S.InletFd = Pair[0];
-    S.Slot = mFreeSlots.back();
-    mFreeSlots.pop_back();
+    if (mFreeSlots.empty()) {
+        S.Slot = mUnusedSlots++;
+    } else {
+        S.Slot = mFreeSlots.back();
+        mFreeSlots.pop_back();
+    }
     linxd_slot &Slot = mpSlots[S.Slot];
     memset(&Slot, 0, sizeof Slot);
     Slot.queue_limit = (uint32_t)Effective;
@@ -736,15 +763,66 @@ void jRaiseDescriptorLimit()
     }
 }
 
-int Service::Run()
+// Everything but the listener: the instance's generation, the descriptor
+// kept in reserve, the epoll set and the counter region.
+bool Service::Start()
 {
-    signal(SIGPIPE, SIG_IGN);
-    jRaiseDescriptorLimit();
     while (getrandom(&mGeneration, sizeof mGeneration, 0) != (ssize_t)sizeof mGeneration || mGeneration == 0) {
     }
     mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
-    if (mEpollFd < 0 || !jMapRegion())
+    mIdleSinceMs = jNowMs();
+    return mEpollFd >= 0 && jMapRegion();
+}
+
+// One turn of the loop: waits up to TimeoutMs, serves what is ready, fires
+// the timers that are due.  Returns how many events it served.
+int Service::Step(int TimeoutMs)
+{
+    struct epoll_event Events[64];
+    const int Count = epoll_wait(mEpollFd, Events, 64, TimeoutMs);
+    for (int i = 0; i < Count; i++) {
+        const Watch Kind = (Watch)(Events[i].data.u64 >> 32);
+        const uint32_t Id = (uint32_t)Events[i].data.u64;
+        if (Kind == Watch::Listener) {
+            jAccept();
+        } else if (Kind == Watch::Client) {
+            jServeClient((int)Id);
+        } else if (Socket *pS = jFindSocket(Id)) {
+            jFlushBacklog(*pS);
+        }
+    }
+    jFireTimers();
+    return std::max(Count, 0);
+}
+
+// Whether the service is back to where it started: no client, socket,
+// name, pending request or signal left over.
+bool Service::HoldsNothing() const
+{
+    return mClients.empty() && mSockets.empty() && mNames.empty() && mHunts.empty() && mAttaches.empty() &&
+           mTimers.empty() && mTimerOrder.empty() && mNewLinks.empty() && mAfterReply.empty() &&
+           mBacklogBytes == 0 && mFreeSlots.size() == mUnusedSlots;
+}
+
+Service::~Service()
+{
+    for (const auto &Entry : mClients)
+        close(Entry.first);
+    for (const auto &Entry : mSockets)
+        close(Entry.second.InletFd);
+    for (const int Fd : {mListenFd, mEpollFd, mRegionFd, mReserveFd})
+        if (Fd >= 0)
+            close(Fd);
+    if (mpSlots != nullptr)
+        munmap(mpSlots, LINXD_REGION_BYTES);
+}
+
+int Service::Run()
+{
+    signal(SIGPIPE, SIG_IGN);
+    jRaiseDescriptorLimit();
+    if (!Start())
         return 1;
     if (!jListen()) {
         if (errno == EADDRINUSE && !mOptions.bForeground)
@@ -755,22 +833,8 @@ int Service::Run()
     }
     if (mOptions.bForeground)
         fprintf(stderr, "linxd: serving instance \"%s\"\n", mOptions.Instance.c_str());
-    mIdleSinceMs = jNowMs();
-    struct epoll_event Events[64];
     for (;;) {
-        const int Count = epoll_wait(mEpollFd, Events, 64, jNextTimeoutMs());
-        for (int i = 0; i < Count; i++) {
-            const Watch Kind = (Watch)(Events[i].data.u64 >> 32);
-            const uint32_t Id = (uint32_t)Events[i].data.u64;
-            if (Kind == Watch::Listener) {
-                jAccept();
-            } else if (Kind == Watch::Client) {
-                jServeClient((int)Id);
-            } else if (Socket *pS = jFindSocket(Id)) {
-                jFlushBacklog(*pS);
-            }
-        }
-        jFireTimers();
+        Step(jNextTimeoutMs());
         if (mClients.empty() && mOptions.IdleExitSeconds > 0 &&
             jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
             jAccept(); // a client that connected just now keeps us alive
@@ -778,7 +842,6 @@ int Service::Run()
                 break;
         }
     }
-    close(mListenFd);
     if (mOptions.bForeground)
         fprintf(stderr, "linxd: idle for %d s, exiting\n", mOptions.IdleExitSeconds);
     return 0;
@@ -790,4 +853,39 @@ int LinxdRun(const LinxdOptions &Options)
 {
     Service S(Options);
     return S.Run();
+}
+
+struct LinxdService {
+    explicit LinxdService(const LinxdOptions &Options) : S(Options) {}
+    Service S;
+};
+
+LinxdService *LinxdStart(const LinxdOptions &Options)
+{
+    LinxdService *pService = new LinxdService(Options);
+    if (!pService->S.Start()) {
+        delete pService;
+        return nullptr;
+    }
+    return pService;
+}
+
+void LinxdAdmit(LinxdService *pService, int Fd)
+{
+    pService->S.Admit(Fd);
+}
+
+int LinxdStep(LinxdService *pService)
+{
+    return pService->S.Step(0);
+}
+
+bool LinxdHoldsNothing(const LinxdService *pService)
+{
+    return pService->S.HoldsNothing();
+}
+
+void LinxdStop(LinxdService *pService)
+{
+    delete pService;
 }

@@ -30,4 +30,17 @@ struct LinxdOptions {
 // linxd already serves the instance and bForeground is false).
 int LinxdRun(const LinxdOptions &Options);
 
+// The service without its listener and loop, for the in-process request
+// fuzz harness: the caller hands it connected sockets (LinxdAdmit) and
+// turns the loop one step at a time without waiting (LinxdStep, which
+// returns how many events it served).  LinxdHoldsNothing tells whether it
+// is back to where it started: no client, socket, name, pending request or
+// signal.  LinxdStop closes everything it still holds.
+struct LinxdService;
+LinxdService *LinxdStart(const LinxdOptions &Options);
+void LinxdAdmit(LinxdService *pService, int Fd);
+int LinxdStep(LinxdService *pService);
+bool LinxdHoldsNothing(const LinxdService *pService);
+void LinxdStop(LinxdService *pService);
+
 #endif /* LINXD_H */

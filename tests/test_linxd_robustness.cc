@@ -123,32 +123,6 @@ TEST_F(LinxdRobustness, GarbageAndTruncatedRequestsAreRefused)
     ExpectServing();
 }
 
-TEST_F(LinxdRobustness, RandomRequestsNeverStopIt)
-{
-    const int Fd = RawConnect(TestInstance());
-    ASSERT_GE(Fd, 0);
-    ASSERT_EQ(0, RawRequest(Fd, LINXD_OP_REGISTER, 0, "noise").Header.result);
-    unsigned Seed = 12345;
-    char Datagram[512];
-    for (int i = 0; i < 3000; i++) {
-        const size_t Len = (size_t)(rand_r(&Seed) % (int)sizeof Datagram);
-        for (size_t b = 0; b < Len; b++)
-            Datagram[b] = (char)rand_r(&Seed);
-        if (Len >= sizeof(linxd_request) && i % 2 == 0) {
-            // A well-formed head with random operation, arguments and sizes.
-            linxd_request Req = {LINXD_PROTOCOL_MAGIC, (uint32_t)(rand_r(&Seed) % 20),
-                                 {(uint32_t)rand_r(&Seed), (uint32_t)rand_r(&Seed) % 100},
-                                 (uint32_t)(rand_r(&Seed) % 40), (uint32_t)(rand_r(&Seed) % 40)};
-            memcpy(Datagram, &Req, sizeof Req);
-        }
-        linxd_reply Reply;
-        send(Fd, Datagram, Len, MSG_NOSIGNAL);
-        ASSERT_GE(recv(Fd, &Reply, sizeof Reply, 0), (ssize_t)sizeof Reply) << "every request is answered";
-    }
-    close(Fd);
-    ExpectServing();
-}
-
 TEST_F(LinxdRobustness, OneClientCannotHoldWithoutLimit)
 {
     const int Fd = RawConnect(TestInstance());
