@@ -137,6 +137,13 @@ std::unordered_map<InstanceSpid, std::shared_ptr<Inlet>, InstanceSpidHash> gInle
 // A child of fork() does not own its parent's sockets: it closes its copies
 // of their descriptors (so that a close in the parent still reaches linxd)
 // and forgets them, so that its sends never take the local path to them.
+void jFreePending(Pending &Entry)
+{
+    if (Entry.pTaken != nullptr)
+        linx_release_taken_buffer(Entry.pTaken);
+    Entry.pTaken = nullptr;
+}
+
 void jForkPrepare()
 {
     gTableMutex.lock();
@@ -159,6 +166,8 @@ void jForkChild()
         for (int Fd : {S.PollFd, S.ConnFd, S.OutletFd}) // the record's destructor closes the rest
             if (Fd >= 0)
                 close(Fd);
+        for (Pending &Queued : S.Queue) // buffers handed over by the parent's own senders
+            jFreePending(Queued);
     }
     gByFd.clear();
     gBySpid.clear();
@@ -487,13 +496,6 @@ bool jEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
         (void)!write(S.ArrivalFd, &One, sizeof One);
     }
     return true;
-}
-
-void jFreePending(Pending &Entry)
-{
-    if (Entry.pTaken != nullptr)
-        linx_release_taken_buffer(Entry.pTaken);
-    Entry.pTaken = nullptr;
 }
 
 // ---- Opening and closing ---------------------------------------------------

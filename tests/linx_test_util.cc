@@ -66,6 +66,8 @@ std::vector<pid_t> FindLinxd(const std::string &Instance)
 union LINX_SIGNAL *NewSignal(LINX *pLinx, uint32_t SigNo, uint32_t Value, uint32_t Size)
 {
     union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, SigNo);
+    if (pSig != nullptr && Size > sizeof SigNo)
+        memset((char *)pSig + sizeof SigNo, 0, Size - sizeof SigNo);
     if (pSig != nullptr && Size >= 8)
         memcpy((char *)pSig + 4, &Value, sizeof Value);
     return pSig;

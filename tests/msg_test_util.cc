@@ -1,6 +1,7 @@
 #include "msg_test_util.h"
 
 #include <signal.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,6 +11,14 @@ uint32_t FindSpid(const char *pLocal, const char *pName, int TimeoutMs)
     uint32_t Spid = 0;
     const MSG_Status Status = MSG_OpenRemoteSync(pLocal, pName, TimeoutMs, &Spid);
     return Status == MSG_ERR_REMOTE_ALREADY_OPEN ? MSG_GetRemoteId(pLocal, pName) : Spid;
+}
+
+MSG_Msg *NewMsg(MSG_Type Type, uint32_t Sequence, uint32_t PayloadBytes)
+{
+    MSG_Msg *pMsg = MSG_AllocMsg(Type, Sequence, PayloadBytes);
+    if (pMsg != nullptr)
+        memset(MSG_GetPayloadMutable(pMsg), 0, PayloadBytes);
+    return pMsg;
 }
 
 pid_t StartPeer(const char *pName)

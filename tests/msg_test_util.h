@@ -12,6 +12,9 @@
 // knows it: opened synchronously, as a program would (0 on timeout).
 uint32_t FindSpid(const char *pLocal, const char *pName, int TimeoutMs = 5000);
 
+// A message whose payload is zeroed: nothing uninitialised is ever sent.
+MSG_Msg *NewMsg(MSG_Type Type, uint32_t Sequence, uint32_t PayloadBytes);
+
 // A child process that opens the public endpoint Name and waits to be
 // killed; returns once the endpoint is open.
 pid_t StartPeer(const char *pName);

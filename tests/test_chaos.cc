@@ -51,7 +51,7 @@ uint32_t OnClose(void *pContext, MSG_Msg *)
     uint32_t Watcher = FindSpid("peer", "watcher");
     for (uint32_t i = 0;; i++) {
         if (Mode == 1) { // large messages, as fast as they are taken
-            MSG_Msg *pMsg = MSG_AllocMsg(kBulk, i, 60000);
+            MSG_Msg *pMsg = NewMsg(kBulk, i, 60000);
             if (MSG_SendMsg("peer", Watcher, pMsg) != 0)
                 usleep(100);
         } else if (Mode == 2) { // hunts and attaches

@@ -169,7 +169,9 @@ TEST_F(LinxBuffers, InterruptedReceiveCarriesOn)
         LINX *pLinx = linx_open("late-sender", 0, nullptr);
         usleep(300000);
         union LINX_SIGNAL *pSig = NewSignal(pLinx, 0x99, 1);
-        return linx_send(pLinx, &pSig, To) == 0 ? 0 : 1;
+        const int Result = linx_send(pLinx, &pSig, To) == 0 ? 0 : 1;
+        linx_close(pLinx);
+        return Result;
     });
     struct itimerval Every50ms = {{0, 50000}, {0, 50000}};
     setitimer(ITIMER_REAL, &Every50ms, nullptr);

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <valgrind/valgrind.h>
 
 #include <fstream>
 #include <functional>
@@ -272,7 +273,9 @@ TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
         union LINX_SIGNAL *pSig = nullptr;
         // Blocks without limit until linxd goes away.
         const int Result = linx_receive(p, &pSig, nullptr);
-        return Result == -1 && errno == ENOTCONN && pSig == nullptr ? 0 : 1;
+        const bool bGone = Result == -1 && errno == ENOTCONN && pSig == nullptr;
+        linx_close(p);
+        return bGone ? 0 : 1;
     });
     ASSERT_NE(0u, HuntAndWait(pLinx, "waiter", 5000));
     kill(Linxd[0], SIGKILL);
@@ -391,6 +394,8 @@ long CpuTicks(pid_t Pid)
 
 TEST(LinxdLimits, OutOfDescriptorsNewClientsFailAtOnceAndLinxdRests)
 {
+    if (RUNNING_ON_VALGRIND)
+        GTEST_SKIP() << "valgrind keeps descriptor limits to itself: linxd would not get the low one";
     const std::string Instance = TestInstance() + "-fds";
     const std::string Path = LinxdBesideLibrary();
     const pid_t Linxd = StartChild([&] {
@@ -442,10 +447,14 @@ TEST(LinxdLimits, AClientOutOfDescriptorsSeesEMFILE)
             close(Filler.back());
             Filler.pop_back();
         }
+        std::vector<LINX *> Opened;
         LINX *p = nullptr;
-        for (int i = 0; i < 5 && (p = linx_open("crowded", 0, nullptr)) != nullptr;)
-            i++;
-        return p == nullptr && errno == EMFILE ? 0 : 1;
+        while (Opened.size() < 5 && (p = linx_open("crowded", 0, nullptr)) != nullptr)
+            Opened.push_back(p);
+        const bool bEmfile = p == nullptr && errno == EMFILE;
+        for (LINX *pOpened : Opened)
+            linx_close(pOpened);
+        return bEmfile ? 0 : 1;
     });
     EXPECT_EQ(0, WaitChild(Child));
 }
@@ -456,7 +465,9 @@ pid_t StartOpened(const char *pName, int *pReady, const std::function<int(LINX *
     const pid_t Child = StartChild([&] {
         LINX *p = linx_open(pName, 0, nullptr);
         (void)!write(pReady[1], "", 1);
-        return Body(p);
+        const int Result = Body(p);
+        linx_close(p);
+        return Result;
     });
     char Byte;
     return read(pReady[0], &Byte, 1) == 1 ? Child : -1;

@@ -4,7 +4,7 @@
 
 #include <string.h>
 
-#include "linx_test_util.h"
+#include "msg_test_util.h"
 #include "log_capture.h"
 #include "orvane.h"
 
@@ -53,10 +53,10 @@ TEST_F(Messages, AllocationFillsTheHeader)
 TEST_F(Messages, AllocationOpensOnePrivateEndpointPerThread)
 {
     EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
-    MSG_Msg *pFirst = MSG_AllocMsg(1, 0, 8);
+    MSG_Msg *pFirst = NewMsg(1, 0, 8);
     LocalEndpoint *pMine = MSG_GetMyEndpoint();
     ASSERT_NE(nullptr, pMine);
-    MSG_Msg *pSecond = MSG_AllocMsg(1, 0, 8);
+    MSG_Msg *pSecond = NewMsg(1, 0, 8);
     EXPECT_EQ(pMine, MSG_GetMyEndpoint());
     char Name[16];
     EXPECT_EQ(104u, MSG_GetOwnerName(pFirst, Name, sizeof Name)) << "private endpoints keep their names";
@@ -78,7 +78,7 @@ TEST_F(Messages, FillFlagMarksEveryPayloadByte)
 
 TEST_F(Messages, CloneAndHeaderCopy)
 {
-    MSG_Msg *pOrig = MSG_AllocMsg(0x42, 99, 20);
+    MSG_Msg *pOrig = NewMsg(0x42, 99, 20);
     memcpy(MSG_GetPayloadMutable(pOrig), "twenty bytes payload", 20);
     pOrig->SendStackSize = 3;
     pOrig->SendStack[0] = 0x10;

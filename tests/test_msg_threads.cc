@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "linx_test_util.h"
+#include "msg_test_util.h"
 #include "log_capture.h"
 #include "orvane.h"
 
@@ -34,7 +34,7 @@ TEST(MsgThreads, ManyThreadsAllocateReleaseRegisterAndDispatch)
     for (int t = 0; t < kThreads; t++)
         Threads.emplace_back([&, t] {
             for (int i = 0; i < 200; i++) {
-                MSG_Msg *pMsg = MSG_AllocMsg(1 + t, i, 32);
+                MSG_Msg *pMsg = NewMsg(1 + t, i, 32);
                 MSG_Msg *pClone = nullptr;
                 Failures += pMsg == nullptr || MSG_CloneMsg(pMsg, &pClone) != 0;
                 MSG_Msg *pPublic = nullptr;

@@ -42,7 +42,7 @@ TEST(NotificationThreads, PublishersAndChurningSubscribers)
     for (int t = 0; t < 3; t++)
         Publishers.emplace_back([&] {
             for (uint32_t i = 0; !bChurned; i++) {
-                const MSG_Status Status = MSG_SendNotification("pub", MSG_AllocMsg(kNews, i, 16));
+                const MSG_Status Status = MSG_SendNotification("pub", NewMsg(kNews, i, 16));
                 // 305 while nobody subscribed, 103 for a subscriber closing.
                 Failures += Status != 0 && Status != 305 && Status != 103;
             }

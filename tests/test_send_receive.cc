@@ -50,7 +50,7 @@ TEST_F(SendReceive, RequestAndAnswerBetweenTwoProcesses)
     const uint32_t ServerSpid = FindSpid("client", "server");
     ASSERT_NE(0u, ServerSpid);
     for (uint32_t i = 0; i < 50; i++) {
-        MSG_Msg *pMsg = MSG_AllocMsg(kRequest, i, 8);
+        MSG_Msg *pMsg = NewMsg(kRequest, i, 8);
         memcpy(MSG_GetPayloadMutable(pMsg), "12345678", 8);
         ASSERT_EQ(0u, MSG_SendMsg("client", ServerSpid, pMsg));
         MSG_Msg *pAnswer = MSG_RecvMsg("client", kAnswer, 5000);
@@ -85,7 +85,7 @@ TEST_F(SendReceive, AnswersRetraceThePathOfARequest)
         return 0;
     });
     const uint32_t RelaySpid = FindSpid("client", "relay");
-    MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 77, 4);
+    MSG_Msg *pMsg = NewMsg(kRequest, 77, 4);
     ASSERT_EQ(0u, MSG_SendMsg("client", RelaySpid, pMsg));
     MSG_Msg *pAnswer = MSG_RecvMsg("client", kAnswer, 5000);
     ASSERT_NE(nullptr, pAnswer);
@@ -259,7 +259,7 @@ TEST_F(SendReceive, UserLogRecordsBothDirections)
 {
     const uint32_t Client = FindSpid("client", "client");
     ASSERT_EQ(0u, MSG_UserLogConfig(4096, 16, MSG_USER_LOG_RECV | MSG_USER_LOG_SEND));
-    ASSERT_EQ(0u, MSG_SendMsg("client", Client, MSG_AllocMsg(kRequest, 8, 2)));
+    ASSERT_EQ(0u, MSG_SendMsg("client", Client, NewMsg(kRequest, 8, 2)));
     MSG_Msg *pMsg = MSG_RecvMsg("client", kRequest, 1000);
     ASSERT_NE(nullptr, pMsg);
     MSG_ReleaseMsg(pMsg);

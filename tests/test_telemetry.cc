@@ -192,7 +192,7 @@ TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
     MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND); // after the opening: no announcement
-    MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 0, 8);
+    MSG_Msg *pMsg = NewMsg(kRequest, 0, 8);
     struct timespec First;
     clock_gettime(CLOCK_REALTIME, &First);
     for (uint32_t i = 1; i <= 1030; i++) {
@@ -216,7 +216,7 @@ TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
     EXPECT_EQ(6u, Drop.qty());
     EXPECT_EQ(hdr::DROPPED_BY_SENDER, Drop.who());
     EXPECT_EQ(jDropReportSecs(First, Report.Stamp), Drop.secs()) << "counted from the oldest record given up";
-    EXPECT_EQ(1u, Drop.secs());
+    EXPECT_GE(Drop.secs(), 1u) << "the oldest was given up 1.2 s before";
     EXPECT_EQ((uint32_t)getpid(), Drop.pid());
     EXPECT_EQ("test_telemetry", Drop.prog_name());
     EXPECT_EQ((std::vector<std::string>{"Telemetry", "TelemSender", "alpha"}), NamesOf(Drop.open_endpoints()));
@@ -231,7 +231,7 @@ TEST(Telemetry, ClosingTheSenderCountsItsQueueAsLost)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
     MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND);
-    MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 0, 8);
+    MSG_Msg *pMsg = NewMsg(kRequest, 0, 8);
     for (uint32_t i = 1; i <= 3; i++)
         MSG_ResendToGlobalTelemetry(SpidOf("alpha"), 0x1234, pMsg, 0);
     ASSERT_EQ(0u, MSG_CloseLocal("TelemSender")); // its queued messages go with it
@@ -387,7 +387,7 @@ TEST(TelemetryCapture, CollectorKilledAndRestartedWhileTrafficFlows)
     constexpr uint32_t kCopies = 3000;
     const pid_t Sender = StartChild([] {
         MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND);
-        MSG_Msg *pMsg = MSG_AllocMsg(kRequest, 0, 32);
+        MSG_Msg *pMsg = NewMsg(kRequest, 0, 32);
         for (uint32_t i = 1; i <= kCopies; i++) {
             MSG_SetSequence(pMsg, i);
             MSG_ResendToGlobalTelemetry(0x1234, 0x5678, pMsg, 0);
