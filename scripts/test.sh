@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test: the plain build, then the same tests under
 # AddressSanitizer+UndefinedBehaviorSanitizer, then the threaded tests under
-# ThreadSanitizer, then every test case under valgrind memcheck, then a
+# ThreadSanitizer, then the project built for i386 with its demo run under
+# qemu-i386, then every test case under valgrind memcheck, then a
 # short run of each fuzz harness.  Stops at the first failing stage.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -20,6 +21,8 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:ha
   run_stage "tests under ASan+UBSan" build-asan "" -DORVANE_SANITIZE=address
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run_stage "threaded tests under TSan" build-tsan "-L threaded" -DORVANE_SANITIZE=thread
+echo "== the whole project for i386"
+"$root/scripts/i386.sh"
 echo "== tests under valgrind memcheck"
 "$root/scripts/memcheck.sh"
 echo "== fuzz harnesses, a few seconds each"
