@@ -248,13 +248,6 @@ TEST(Telemetry, ClosingTheSenderCountsItsQueueAsLost)
     EXPECT_EQ(4u, Next.As<hdr::UserMsgNtfy>().sequence());
 }
 
-TEST(Telemetry, DropReportRoundsToTheNearestSecond)
-{
-    EXPECT_EQ(1u, jDropReportSecs({10, 600000000}, {12, 0}));
-    EXPECT_EQ(2u, jDropReportSecs({10, 600000000}, {12, 200000000}));
-    EXPECT_EQ(3u, jDropReportSecs({10, 0}, {12, 500000000}));
-}
-
 // ---- The collector program and the dissector ------------------------------
 
 struct Collector {
