@@ -240,6 +240,9 @@ MSG_API MSG_Status MSG_LogErrFilter(int Status, const char *pFile, int Line,
 
 /* ---- Small helpers ---------------------------------------------------- */
 
+/* Declared here so that the header compiles in strict C99, where <time.h>
+ * leaves struct timespec to POSIX: a caller that uses these has it. */
+struct timespec;
 MSG_API int32_t MSG_CalcElapsedMsec(struct timespec Start, struct timespec End);
 MSG_API int32_t MSG_GetMsecSince(struct timespec Start);
 /* 1, 2, ... 0xFFFFFF, then 0, 1, ... */

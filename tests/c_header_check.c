@@ -1,5 +1,5 @@
-/* Both public headers compile as C99 and link from a C program. */
-#define _POSIX_C_SOURCE 200809L
+/* Both public headers compile in strict C99, with no POSIX feature macro,
+ * and link from a C program. */
 #include <stdio.h>
 #include <string.h>
 
