@@ -74,14 +74,15 @@ MSG_Status jFreeNow(LocalEndpoint *pMyEndpoint, MSG_Msg **pMsg)
 {
     MSG_InitMsgInstrument();
     MSG_AddHashEntry(gpHash, *pMsg, 0);
-    MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: $plocal, $message\n", 0, pMyEndpoint, *pMsg);
+    MSG_LOG_OUTCOME_AS("MSG_ReleaseMsg_Private", MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: $plocal, $message\n", 0,
+                       pMyEndpoint, *pMsg);
     MSG_Msg *const pFreed = *pMsg;
     pthread_mutex_lock(&pMyEndpoint->LinxMutex);
     (*pMsg)->InUseMagic = 0;
     linx_free_buf(pMyEndpoint->pLinx, (union LINX_SIGNAL **)pMsg);
     pthread_mutex_unlock(&pMyEndpoint->LinxMutex);
-    MSG_LOG_OUTCOME(MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: $plocal, msg addr %p\n", 0, pMyEndpoint,
-                    (void *)pFreed);
+    MSG_LOG_OUTCOME_AS("MSG_ReleaseMsg_Private", MSG_OK, MSG_LOG_PREFIX "$func: $err: line $line: $plocal, msg addr %p\n",
+                       0, pMyEndpoint, (void *)pFreed);
     return MSG_OK;
 }
 
@@ -285,7 +286,7 @@ MSG_Status MSG_CloneMsg(const MSG_Msg *pOriginal, MSG_Msg **pClone)
             Status = MSG_Clone_Private(pEndpoint, pOriginal, pClone);
     }
     MSG_LOG_OUTCOME(Status, MSG_LOG_PREFIX "$func: $err: $message, copy addr %p\n", Status, pOriginal,
-                    pClone != nullptr && Status == MSG_OK ? (void *)*pClone : nullptr);
+                    pClone != nullptr ? (void *)*pClone : nullptr);
     return Status;
 }
 

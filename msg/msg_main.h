@@ -30,6 +30,11 @@
 #define MSG_LOG_OUTCOME(Status, Format, ...) \
     MSG_LogErrFilter((int)(Status), __FILE__, __LINE__, __func__, (Format), ##__VA_ARGS__)
 
+// An outcome line written by a helper in the name of the interface
+// function it works for: $func shows that function.
+#define MSG_LOG_OUTCOME_AS(pFunc, Status, Format, ...) \
+    MSG_LogErrFilter((int)(Status), __FILE__, __LINE__, (pFunc), (Format), ##__VA_ARGS__)
+
 #define MSG_ASSERT(Expr)                                                      \
     do {                                                                      \
         if (!(Expr)) {                                                        \

@@ -51,13 +51,13 @@ uint32_t MSG_AdjustReceiver(uint32_t Receiver, uint32_t PrevSender, const MSG_Ms
 
 // Pushes the sender of a received request.  A stack that is full, or whose
 // size byte another process corrupted, refuses the message.
-MSG_Status MSG_PushSendStack(const LocalEndpoint *pEndpoint, MSG_Msg *pMsg, uint32_t Sender)
+MSG_Status MSG_PushSendStack(MSG_Msg *pMsg, uint32_t Sender)
 {
     const uint32_t Size = pMsg->SendStackSize;
     const bool bResponse = jIsResponse(pMsg->MsgType & ~MSG_TYPE_USER_SHIFT);
     if (Size > MSG_SEND_STACK_ELEM || (!bResponse && Size == MSG_SEND_STACK_ELEM)) {
-        MSG_LOG_OUTCOME(MSG_ERR_MSG_CORRUPT, MSG_LOG_PREFIX "$func: $err: Send stack overflow: $plocal, $remote, $message\n",
-                        MSG_ERR_MSG_CORRUPT, pEndpoint, Sender, pMsg);
+        MSG_LOG_OUTCOME(MSG_ERR_MSG_CORRUPT, MSG_LOG_PREFIX "$func: $err: Send stack overflow: $remote, $message\n",
+                        MSG_ERR_MSG_CORRUPT, Sender, pMsg);
         return MSG_ERR_MSG_CORRUPT;
     }
     if (!bResponse) {
@@ -79,16 +79,18 @@ MSG_Status jAdoptReceived(LocalEndpoint *pEndpoint, MSG_Msg *pMsg, int32_t LinxP
     }
     pMsg->pOwner = pEndpoint->Token;
     if (pMsg->InUseMagic != MAGIC_NUM_MSG_ALLOC) {
-        MSG_LOG_OUTCOME(MSG_ERR_MSG_CORRUPT, MSG_LOG_PREFIX "$func: $err: Magic mismatch (0x%x), msg addr %p\n",
-                        MSG_ERR_MSG_CORRUPT, pMsg->InUseMagic, (void *)pMsg);
+        MSG_LOG_OUTCOME_AS("MSG_RecvMsg_Private", MSG_ERR_MSG_CORRUPT,
+                           MSG_LOG_PREFIX "$func: $err: Magic mismatch (0x%x), msg addr %p\n", MSG_ERR_MSG_CORRUPT,
+                           pMsg->InUseMagic, (void *)pMsg);
         pMsg->InUseMagic = MAGIC_NUM_MSG_ALLOC;
     }
     if (pMsg->PayloadBytes != LinxPayload) {
-        MSG_LOG_OUTCOME(MSG_ERR_MSG_CORRUPT, MSG_LOG_PREFIX "$func: $err: Size mismatch (Linx=%d, hdr=%d), msg addr %p\n",
-                        MSG_ERR_MSG_CORRUPT, LinxPayload, pMsg->PayloadBytes, (void *)pMsg);
+        MSG_LOG_OUTCOME_AS("MSG_RecvMsg_Private", MSG_ERR_MSG_CORRUPT,
+                           MSG_LOG_PREFIX "$func: $err: Size mismatch (Linx=%d, hdr=%d), msg addr %p\n",
+                           MSG_ERR_MSG_CORRUPT, LinxPayload, pMsg->PayloadBytes, (void *)pMsg);
         pMsg->PayloadBytes = LinxPayload;
     }
-    return MSG_PushSendStack(pEndpoint, pMsg, Sender);
+    return MSG_PushSendStack(pMsg, Sender);
 }
 
 // Frees a signal that never became a message, without reading its header.
@@ -116,12 +118,20 @@ void jSpend(Deadline *pDeadline)
     pDeadline->Last = Now;
 }
 
-// A signal of no type the receive loop knows, from another process.
-MSG_Status jRefuseUnknown(const LocalEndpoint *pEndpoint, const MSG_Msg *pMsg)
+// A signal of no type the receive loop knows, from another process: one
+// of this library's with an internal type it does not know, or a foreign
+// one without the library's mark.
+MSG_Status jRefuseUnknown(const LocalEndpoint *pEndpoint, const MSG_Msg *pMsg, bool bMarked, uint32_t Sender)
 {
-    MSG_LogErrFilter((int)MSG_ERR_UNKNOWN, __FILE__, __LINE__, "MSG_RecvAnyMsg",
-                     MSG_LOG_PREFIX "$func: $err: unknown type refused: $plocal, $message\n", MSG_ERR_UNKNOWN, pEndpoint,
-                     pMsg);
+    if (bMarked)
+        MSG_LOG_OUTCOME_AS("MSG_RecvAnyMsg", MSG_ERR_UNKNOWN,
+                           MSG_LOG_PREFIX "$func: $err: unknown type refused: $plocal, $message\n", MSG_ERR_UNKNOWN,
+                           pEndpoint, pMsg);
+    else
+        MSG_LOG_OUTCOME_AS("MSG_RecvAnyMsg", MSG_ERR_UNKNOWN,
+                           MSG_LOG_PREFIX "$func: $err: foreign signal refused: $plocal, signal number 0x%x, size %d, "
+                                          "from $remote\n",
+                           MSG_ERR_UNKNOWN, pEndpoint, pMsg->MsgType, pMsg->PayloadBytes, Sender);
     return MSG_ERR_UNKNOWN;
 }
 
@@ -139,7 +149,7 @@ MSG_Status jHandleInternal(LocalEndpoint *pEndpoint, MSG_Msg *pMsg, uint32_t Sen
         if (pEndpoint->bTelemetry)
             MSG_ResendToGlobalTelemetry(Sender, pEndpoint->Spid, pMsg, 1);
     } else {
-        return jRefuseUnknown(pEndpoint, pMsg);
+        return jRefuseUnknown(pEndpoint, pMsg, true, Sender);
     }
     if (Status == MSG_OK)
         Status = MSG_AttachAsNeeded(pEndpoint);
@@ -326,7 +336,8 @@ MSG_Msg *MSG_RecvAnyMsg(const char *pLocalName, int32_t TimeoutMillisec)
             jCopyReceived(pEndpoint, Sender, pMsg);
             return pMsg;
         }
-        const MSG_Status Status = bMarked ? jHandleInternal(pEndpoint, pMsg, Sender) : jRefuseUnknown(pEndpoint, pMsg);
+        const MSG_Status Status = bMarked ? jHandleInternal(pEndpoint, pMsg, Sender)
+                                          : jRefuseUnknown(pEndpoint, pMsg, false, Sender);
         MSG_ReleaseMsg_Private(pEndpoint, &pMsg);
         if (Status != MSG_OK)
             return nullptr;

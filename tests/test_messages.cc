@@ -105,12 +105,24 @@ TEST_F(Messages, CloneAndHeaderCopy)
 
     // A size another process could have written is refused, not trusted.
     pOrig->PayloadBytes = -3;
-    MSG_Msg *pBad = nullptr;
+    MSG_Msg *const pUntouched = pAnswer;
+    MSG_Msg *pBad = pUntouched;
+    TakeLoggedLines();
     EXPECT_EQ(307u, MSG_CloneMsg(pOrig, &pBad));
-    EXPECT_EQ(nullptr, pBad);
+    EXPECT_EQ(pUntouched, pBad) << "nothing stored on failure";
+    char CopyAddr[40];
+    snprintf(CopyAddr, sizeof CopyAddr, "copy addr %p\n", (void *)pUntouched);
+    EXPECT_NE(std::string::npos, TakeLoggedLines().back().Text.find(CopyAddr)) << "what pClone points to";
     pOrig->PayloadBytes = 20;
+
+    // Released at once by the private owner: both lines in the interface's name.
+    MSG_DebugSetFlag(MSG_DEBUG_LOG_SUCCESS);
     for (MSG_Msg *p : {pOrig, pClone, pAnswer})
         EXPECT_EQ(0u, MSG_ReleaseMsg(p));
+    int Named = 0;
+    for (const LoggedLine &L : TakeLoggedLines())
+        Named += L.Text.find("MSG_ReleaseMsg_Private: result 0/") != std::string::npos;
+    EXPECT_EQ(6, Named);
 }
 
 TEST_F(Messages, PublicEndpointReleasesAreDeferredUntilClose)

@@ -225,8 +225,9 @@ TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
         Corrupt.MsgType = kRequest | MSG_TYPE_USER_SHIFT;
         Corrupt.SendStackSize = 9;
         SendRaw(Client, &Corrupt, sizeof Corrupt);
-        const uint32_t Foreign[2] = {0x55, 0}; // no library mark
-        SendRaw(Client, Foreign, sizeof Foreign);
+        MSG_Msg Foreign = {};
+        Foreign.MsgType = 0x55; // no library mark
+        SendRaw(Client, &Foreign, sizeof Foreign);
         struct {
             MSG_Msg Header;
             char Payload[4];
@@ -251,8 +252,10 @@ TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
     for (const LoggedLine &L : TakeLoggedLines())
         Log += L.Text;
     EXPECT_NE(std::string::npos, Log.find("linx_sigsize(Linx handle"));
-    EXPECT_NE(std::string::npos, Log.find("Send stack overflow"));
-    EXPECT_NE(std::string::npos, Log.find("Size mismatch (Linx=4, hdr=-5)"));
+    EXPECT_NE(std::string::npos, Log.find("MSG_PushSendStack: result 307/message corrupt: Send stack overflow: remote ep 0x"));
+    EXPECT_NE(std::string::npos, Log.find("MSG_RecvMsg_Private: result 307/message corrupt: Size mismatch (Linx=4, hdr=-5)"));
+    EXPECT_NE(std::string::npos, Log.find("MSG_RecvAnyMsg: result 300/unknown error: foreign signal refused: local ep "));
+    EXPECT_NE(std::string::npos, Log.find("signal number 0x55, size 0, from remote ep 0x"));
 }
 
 TEST_F(SendReceive, UserLogRecordsBothDirections)
