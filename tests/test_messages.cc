@@ -93,6 +93,7 @@ TEST_F(Messages, CloneAndHeaderCopy)
     EXPECT_EQ(0, memcmp(pOrig, pClone, 56 + 20));
 
     MSG_Msg *pAnswer = MSG_AllocMsgCopyHdr(pOrig, 0x51, 4);
+    memset(MSG_GetPayloadMutable(pAnswer), 0, 4); // shown by the release lines
     ASSERT_NE(nullptr, pAnswer);
     EXPECT_EQ(0x51u, MSG_GetType(pAnswer));
     EXPECT_EQ(4, MSG_GetPayloadBytes(pAnswer));
