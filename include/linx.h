@@ -47,6 +47,8 @@ typedef struct LinxHandle LINX;
 #define LINX_SEND_OPT_MULTICAST  1     /* tag 1, value 1: set attributes bit 0 */
 
 /* Information types of the module's information request. */
+#define LINX_INFO_SUMMARY        0
+#define LINX_INFO_SOCKETS        1
 #define LINX_INFO_NAME           2
 #define LINX_INFO_OWNER          10
 #define LINX_INFO_STAT           11
@@ -70,6 +72,18 @@ struct linx_info_stat {
     uint8_t  reserved[40];
 };
 typedef char linx_info_stat_is_120_bytes[(sizeof(struct linx_info_stat) == 120) ? 1 : -1];
+
+/* Record of LINX_INFO_SUMMARY: what the whole module (or stand-in
+ * instance) holds right now. */
+struct linx_info_summary {
+    uint32_t sockets;            /* open endpoints */
+    uint32_t queued_signals;     /* waiting in every receive queue */
+    uint32_t hunts;              /* pending hunts */
+    uint32_t attaches;           /* pending attaches */
+    uint32_t timeouts;           /* pending timeouts */
+    uint32_t new_link_requests;  /* pending new-link requests */
+    uint32_t reserved[2];
+};
 
 struct linx_sendopt_pair {
     uint32_t tag;
@@ -119,6 +133,12 @@ LINX_API int linx_free_name(LINX *linx, char **name);
 LINX_API int linx_get_stat(LINX *linx, LINX_SPID spid, struct linx_info_stat **stat);
 LINX_API int linx_free_stat(LINX *linx, struct linx_info_stat **stat);
 LINX_API pid_t linx_get_owner(LINX *linx, LINX_SPID spid);
+/* The module's totals, into *summary.  0, or -1 with errno. */
+LINX_API int linx_get_summary(LINX *linx, struct linx_info_summary *summary);
+/* The SPIDs of every open endpoint, ascending, at most room of them into
+ * spids.  Returns how many were written (room means there may be more),
+ * or -1 with errno. */
+LINX_API int linx_get_spids(LINX *linx, LINX_SPID *spids, int room);
 
 #ifdef __cplusplus
 }

@@ -614,3 +614,36 @@ pid_t linx_get_owner(LINX *linx, LINX_SPID spid)
     linx_info_rec Info = {LINX_INFO_OWNER, &Query};
     return jRequest(linx, LINX_IOCTL_INFO, &Info) == 0 ? Query.pid : -1;
 }
+
+int linx_get_summary(LINX *linx, struct linx_info_summary *summary)
+{
+    if (summary == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    linx_info_rec Info = {LINX_INFO_SUMMARY, summary};
+    return jRequest(linx, LINX_IOCTL_INFO, &Info) == 0 ? 0 : -1;
+}
+
+// Asked page by page, each page starting above the last SPID of the one
+// before, so endpoints that open or close meanwhile never make the walk
+// repeat or skip one that stays open.
+int linx_get_spids(LINX *linx, LINX_SPID *spids, int room)
+{
+    if (room < 0 || (room > 0 && spids == nullptr)) {
+        errno = EINVAL;
+        return -1;
+    }
+    int Written = 0;
+    linx_info_sockets_rec Page = {0, 0, 0, nullptr};
+    linx_info_rec Info = {LINX_INFO_SOCKETS, &Page};
+    while (Written < room) {
+        Page = {Written > 0 ? spids[Written - 1] : 0, room - Written, 0, spids + Written};
+        if (jRequest(linx, LINX_IOCTL_INFO, &Info) != 0)
+            return -1;
+        if (Page.count <= 0)
+            break;
+        Written += Page.count;
+    }
+    return Written;
+}

@@ -96,6 +96,14 @@ struct linx_info_owner_rec {
     int32_t pid;            /* out */
 };
 
+/* LINX_INFO_SOCKETS: one page of SPIDs above after, ascending. */
+struct linx_info_sockets_rec {
+    uint32_t after;
+    int32_t room;           /* entries in spids */
+    int32_t count;          /* out: entries written */
+    uint32_t *spids;
+};
+
 struct linx_info_recv_queue_rec {
     uint32_t spid;
     uint32_t reserved;

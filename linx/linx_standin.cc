@@ -1004,6 +1004,35 @@ int jInfo(const StandinSocket &S, struct linx_info_rec *pInfo)
         auto *pRec = (struct linx_info_recv_queue_rec *)pInfo->record;
         return jSimpleCall(S.ConnFd, LINXD_OP_INFO_QUEUE, pRec->spid, 0, &pRec->count);
     }
+    case LINX_INFO_SUMMARY: {
+        Call C;
+        if (jNumbersCall(S.ConnFd, &C, LINXD_OP_INFO_SUMMARY, 0) != 0)
+            return -1;
+        if (C.Reply.data_len != sizeof(struct linx_info_summary)) {
+            errno = EPROTO;
+            return -1;
+        }
+        memcpy(pInfo->record, C.Data, sizeof(struct linx_info_summary));
+        return 0;
+    }
+    case LINX_INFO_SOCKETS: {
+        auto *pRec = (struct linx_info_sockets_rec *)pInfo->record;
+        if (pRec->room < 0) {
+            errno = EINVAL;
+            return -1;
+        }
+        Call C;
+        if (jNumbersCall(S.ConnFd, &C, LINXD_OP_INFO_SOCKETS, pRec->after, (uint32_t)pRec->room) != 0)
+            return -1;
+        const uint32_t Count = C.Reply.data_len / sizeof(uint32_t);
+        if (C.Reply.data_len % sizeof(uint32_t) != 0 || Count > (uint32_t)pRec->room) {
+            errno = EPROTO;
+            return -1;
+        }
+        memcpy(pRec->spids, C.Data, C.Reply.data_len);
+        pRec->count = (int32_t)Count;
+        return 0;
+    }
     default:
         errno = EINVAL;
         return -1;

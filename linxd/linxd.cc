@@ -125,6 +125,8 @@ private:
     Reply jAttach(Client &C, uint32_t Target, std::string Signal);
     Reply jRequestTmo(Client &C, int32_t Ms, std::string Signal);
     Reply jInfo(uint32_t Op, uint32_t Spid);
+    Reply jSummary() const;
+    Reply jSpidsAbove(uint32_t After, uint32_t Room) const;
     void jDeliver(uint32_t To, uint32_t From, const std::string &Signal);
     void jFlushBacklog(Socket &S);
     void jDropBacklog(Socket &S);
@@ -390,7 +392,7 @@ void Service::jServeClient(int Fd)
 Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &Name,
                        const std::string &Signal)
 {
-    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_GET_INLET) {
+    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_INFO_SOCKETS) {
         fprintf(stderr, "linxd: refused a request of process %d: unknown operation %u\n", (int)C.Pid, Req.op);
         return jError(EINVAL);
     }
@@ -452,7 +454,11 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
         jUnhold(C.Spid);
         return jValue(0);
     }
-    default: // the queries: name, owner, statistics, queue, inlet
+    case LINXD_OP_INFO_SUMMARY:
+        return jSummary();
+    case LINXD_OP_INFO_SOCKETS:
+        return jSpidsAbove(Arg0, Req.arg[1]);
+    default: // the queries about one socket: name, owner, statistics, queue, inlet
         return jInfo(Req.op, Arg0);
     }
 }
@@ -605,6 +611,32 @@ Reply Service::jInfo(uint32_t Op, uint32_t Spid)
         break;
     }
     }
+    return R;
+}
+
+Reply Service::jSummary() const
+{
+    struct linx_info_summary Summary = {};
+    Summary.sockets = (uint32_t)mSockets.size();
+    for (const auto &S : mSockets) {
+        const int64_t Queued = __atomic_load_n(&mpSlots[S.second.Slot].queued, __ATOMIC_RELAXED);
+        Summary.queued_signals += Queued > 0 ? (uint32_t)Queued : 0;
+    }
+    Summary.hunts = (uint32_t)mHunts.size();
+    Summary.attaches = (uint32_t)mAttaches.size();
+    Summary.timeouts = (uint32_t)mTimers.size();
+    Summary.new_link_requests = (uint32_t)mNewLinks.size();
+    Reply R;
+    R.Data.assign((const char *)&Summary, sizeof Summary);
+    return R;
+}
+
+Reply Service::jSpidsAbove(uint32_t After, uint32_t Room) const
+{
+    Reply R;
+    const uint32_t Most = Room < LINXD_MAX_SPIDS_PER_REPLY ? Room : LINXD_MAX_SPIDS_PER_REPLY;
+    for (auto It = mSockets.upper_bound(After); It != mSockets.end() && R.Data.size() < Most * sizeof(uint32_t); ++It)
+        R.Data.append((const char *)&It->first, sizeof It->first);
     return R;
 }
 

@@ -58,7 +58,13 @@ enum linxd_op {
     LINXD_OP_INFO_STAT,       /* arg[0] spid -> trailing 120-byte linx_info_stat */
     LINXD_OP_INFO_QUEUE,      /* arg[0] spid -> value[0] signals waiting */
     LINXD_OP_GET_INLET,       /* arg[0] spid -> value[0] slot; fd: inlet */
+    LINXD_OP_INFO_SUMMARY,    /* -> trailing 32-byte linx_info_summary */
+    LINXD_OP_INFO_SOCKETS,    /* arg[0] after, arg[1] room -> trailing SPIDs above
+                                 after, ascending, at most room and at most
+                                 LINXD_MAX_SPIDS_PER_REPLY */
 };
+
+#define LINXD_MAX_SPIDS_PER_REPLY 256u
 
 /* A request: this header, then name_len name bytes (no terminator), then
  * sig_len signal bytes. */

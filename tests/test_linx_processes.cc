@@ -1,6 +1,6 @@
 // LINX between real processes through the stand-in: hunts, attaches on
 // close and on kill -9, order under load, the queue limit, queue counts,
-// large signals and racing starts of linxd.
+// the socket list, large signals and racing starts of linxd.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -8,6 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "linx_test_util.h"
@@ -181,7 +182,7 @@ uint32_t QueueCount(LINX *pLinx, LINX_SPID Spid)
     return Count;
 }
 
-TEST_F(LinxProcesses, QueueCountsAreSeenByEveryProcess)
+TEST_F(LinxProcesses, QueueCountsAndTheSocketListAreSeenByEveryProcess)
 {
     const LINX_SPID Parent = linx_get_spid(pParent);
     const pid_t Child = StartPeer("counter", [Parent](LINX *pLinx, LINX_SPID) {
@@ -201,6 +202,20 @@ TEST_F(LinxProcesses, QueueCountsAreSeenByEveryProcess)
     ASSERT_EQ(kDone, ReceiveOne(pParent, 5000, &SeenByChild, &ChildSpid, Done));
     EXPECT_EQ(6u, SeenByChild);
     EXPECT_EQ(6u, QueueCount(pParent, Parent));
+
+    // The whole instance: both sockets listed in ascending order, the
+    // queued signals among its totals.
+    LINX_SPID Spids[64];
+    const int Listed = linx_get_spids(pParent, Spids, 64);
+    ASSERT_GE(Listed, 2);
+    EXPECT_TRUE(std::is_sorted(Spids, Spids + Listed));
+    EXPECT_NE(Spids + Listed, std::find(Spids, Spids + Listed, Parent));
+    EXPECT_NE(Spids + Listed, std::find(Spids, Spids + Listed, ChildSpid));
+    EXPECT_EQ(1, linx_get_spids(pParent, Spids, 1));
+    struct linx_info_summary Summary = {};
+    ASSERT_EQ(0, linx_get_summary(pParent, &Summary));
+    EXPECT_EQ((uint32_t)Listed, Summary.sockets);
+    EXPECT_GE(Summary.queued_signals, 6u);
     WaitForGo();
     EXPECT_EQ(kData, ReceiveOne(pParent, 0));
     EXPECT_EQ(4u, QueueCount(pParent, Parent));
