@@ -1,0 +1,448 @@
+// The orvane command, run as a user runs it, against real peer processes:
+// each subcommand's output (--json field by field) and its failures, with
+// their exit status (0 done, 1 failed, 2 usage).
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "msg_test_util.h"
+
+extern char **environ;
+
+namespace {
+
+using nlohmann::json;
+
+struct Outcome {
+    int Status = -1;
+    std::string Out;
+    std::string Err;
+};
+
+std::string ReadAll(const std::string &Path)
+{
+    std::ifstream In(Path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(In), std::istreambuf_iterator<char>());
+}
+
+void WriteAll(const std::string &Path, const std::string &Bytes)
+{
+    std::ofstream(Path, std::ios::binary) << Bytes;
+}
+
+std::string TempPath(const std::string &Leaf)
+{
+    return testing::TempDir() + "orvane_cli_" + std::to_string(getpid()) + "_" + Leaf;
+}
+
+// One run of orvane in the background, its output going to two files.
+class OrvaneRun {
+public:
+    explicit OrvaneRun(const std::vector<std::string> &Args)
+        : mOutPath(TempPath("out" + std::to_string(sCount))), mErrPath(TempPath("err" + std::to_string(sCount++)))
+    {
+        std::vector<char *> Argv = {(char *)ORVANE_CLI};
+        for (const std::string &A : Args)
+            Argv.push_back((char *)A.c_str());
+        Argv.push_back(nullptr);
+        posix_spawn_file_actions_t Actions;
+        posix_spawn_file_actions_init(&Actions);
+        posix_spawn_file_actions_addopen(&Actions, 1, mOutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&Actions, 2, mErrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (posix_spawn(&mPid, ORVANE_CLI, &Actions, nullptr, Argv.data(), environ) != 0)
+            mPid = -1;
+        posix_spawn_file_actions_destroy(&Actions);
+    }
+    ~OrvaneRun()
+    {
+        if (mPid > 0) {
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+        }
+        unlink(mOutPath.c_str());
+        unlink(mErrPath.c_str());
+    }
+
+    // Waits until the standard output or error holds Text.
+    bool Shows(const std::string &Text, int TimeoutMs = 10000) const
+    {
+        for (int Waited = 0; Waited < TimeoutMs; Waited += 10) {
+            if (ReadAll(mOutPath).find(Text) != std::string::npos || ReadAll(mErrPath).find(Text) != std::string::npos)
+                return true;
+            usleep(10000);
+        }
+        return false;
+    }
+
+    // Waits for the end (a kill after 30 s: it must stop by itself).
+    Outcome Finish(int Signal = 0)
+    {
+        if (Signal != 0)
+            kill(mPid, Signal);
+        Outcome O;
+        for (int Waited = 0; mPid > 0 && Waited < 30000; Waited += 5) {
+            int Raw;
+            if (waitpid(mPid, &Raw, WNOHANG) == mPid) {
+                O.Status = WIFEXITED(Raw) ? WEXITSTATUS(Raw) : 128 + WTERMSIG(Raw);
+                mPid = -1;
+            } else {
+                usleep(5000);
+            }
+        }
+        O.Out = ReadAll(mOutPath);
+        O.Err = ReadAll(mErrPath);
+        return O;
+    }
+
+private:
+    static inline int sCount = 0;
+    pid_t mPid = -1;
+    std::string mOutPath, mErrPath;
+};
+
+Outcome Orvane(const std::vector<std::string> &Args)
+{
+    return OrvaneRun(Args).Finish();
+}
+
+std::string Hex(uint32_t Value)
+{
+    char Text[16];
+    snprintf(Text, sizeof Text, "0x%x", Value);
+    return Text;
+}
+
+std::vector<json> JsonLines(const std::string &Text)
+{
+    std::vector<json> Lines;
+    std::istringstream In(Text);
+    for (std::string Line; std::getline(In, Line);)
+        Lines.push_back(json::parse(Line));
+    return Lines;
+}
+
+// A child that publishes: once somebody subscribed it sends types 0x300,
+// 0x200 and 0x201, then serves its endpoint until killed.
+pid_t StartPublisher(const char *pName)
+{
+    const pid_t Child = StartChild([pName] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (MSG_OpenLocal(pName) != 0)
+            return 1;
+        bool bPublished = false;
+        for (;;) {
+            if (MSG_Msg *pMsg = MSG_RecvAnyMsg(pName, 20))
+                MSG_ReleaseMsg(pMsg);
+            if (!bPublished && MSG_CountNotifications_Private(pName) > 0) {
+                for (MSG_Type Type : {0x300u, 0x200u, 0x201u})
+                    MSG_SendNotification(pName, NewMsg(Type, Type & 0xF, 4));
+                bPublished = true;
+            }
+        }
+    });
+    return Child;
+}
+
+class OrvaneCli : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(0u, MSG_OpenLocal("cli-test")); }
+    void TearDown() override { MSG_CloseLocal("cli-test"); }
+    void Stop(pid_t Child)
+    {
+        kill(Child, SIGKILL);
+        WaitChild(Child);
+    }
+};
+
+TEST_F(OrvaneCli, UsageErrorsExitWithTwoAndSayWhy)
+{
+    EXPECT_EQ(0, Orvane({"--help"}).Status);
+    EXPECT_EQ(0, Orvane({"send", "--help"}).Status);
+    EXPECT_EQ(2, Orvane({}).Status);
+    EXPECT_EQ(2, Orvane({"frobnicate"}).Status);
+    const Outcome BigType = Orvane({"send", "peer", "0x1000000"});
+    EXPECT_EQ(2, BigType.Status);
+    EXPECT_NE(std::string::npos, BigType.Err.find("0 to 0xffffff")) << BigType.Err;
+    const Outcome BadHex = Orvane({"send", "peer", "1", "--payload", "01:2g"});
+    EXPECT_EQ(2, BadHex.Status);
+    EXPECT_NE(std::string::npos, BadHex.Err.find("'g' at position 5 is not a hex digit")) << BadHex.Err;
+    EXPECT_EQ(2, Orvane({"send", "peer", "1", "--payload", "012"}).Status);
+    EXPECT_EQ(2, Orvane({"send", "peer", "1", "--payload", "01", "--file", "/etc/hostname"}).Status);
+    EXPECT_EQ(2, Orvane({"subscribe", "peer", "0x300", "0x200"}).Status);
+    EXPECT_EQ(2, Orvane({"hunt", "peer", "--timeout", "soon"}).Status);
+}
+
+TEST_F(OrvaneCli, ListAndStatShowEveryEndpoint)
+{
+    const pid_t Alpha = StartPeer("alpha");
+    const uint32_t AlphaSpid = FindSpid("cli-test", "alpha");
+    ASSERT_NE(0u, AlphaSpid);
+    MSG_Callback Ignored = {[](void *, MSG_Msg *) { return 0u; }, nullptr, 0, 0, 0};
+    ASSERT_EQ(0u, MSG_OpenRemoteAsync("cli-test", "nobody", &Ignored, nullptr));
+    // Two signals wait for alpha, which never receives.
+    for (int i = 0; i < 2; i++)
+        ASSERT_EQ(0u, MSG_SendMsg("cli-test", AlphaSpid, NewMsg(0x100, 0, 8)));
+
+    const Outcome Listed = Orvane({"list", "--json"});
+    ASSERT_EQ(0, Listed.Status) << Listed.Err;
+    const json Endpoints = json::parse(Listed.Out);
+    json Row;
+    for (const json &E : Endpoints)
+        if (E["name"] == "alpha")
+            Row = E;
+    ASSERT_FALSE(Row.is_null()) << Listed.Out;
+    EXPECT_EQ(AlphaSpid, Row["spid"]);
+    EXPECT_EQ(Alpha, Row["pid"]);
+    EXPECT_EQ("test_orvane_cli", Row["process"]);
+    EXPECT_EQ(2, Row["queued"]);
+    for (const json &E : Endpoints)
+        EXPECT_NE("orvane", E["name"]) << "the command's own socket is left out";
+
+    const Outcome Table = Orvane({"list"});
+    ASSERT_EQ(0, Table.Status);
+    EXPECT_EQ(0u, Table.Out.find("SPID")) << Table.Out;
+    EXPECT_NE(std::string::npos, Table.Out.find(Hex(AlphaSpid) + "  alpha")) << Table.Out;
+
+    const Outcome Stat = Orvane({"stat", "--json"});
+    ASSERT_EQ(0, Stat.Status) << Stat.Err;
+    const json Totals = json::parse(Stat.Out);
+    EXPECT_EQ(Endpoints.size(), Totals["sockets"]);
+    EXPECT_GE(Totals["queued_signals"].get<int>(), 2);
+    EXPECT_GE(Totals["hunts"].get<int>(), 1) << "cli-test looks for nobody";
+    for (const char *pField : {"attaches", "timeouts", "new_link_requests"})
+        EXPECT_TRUE(Totals.contains(pField)) << pField;
+    MSG_CloseRemote("cli-test", "nobody");
+    Stop(Alpha);
+}
+
+TEST_F(OrvaneCli, HuntWaitsForAPeerOrTimesOut)
+{
+    OrvaneRun Late({"hunt", "late", "--timeout", "10000", "--json"});
+    usleep(100 * 1000);
+    const pid_t Peer = StartPeer("late");
+    const Outcome Found = Late.Finish();
+    ASSERT_EQ(0, Found.Status) << Found.Err;
+    const json Answer = json::parse(Found.Out);
+    EXPECT_EQ("late", Answer["name"]);
+    EXPECT_EQ(FindSpid("cli-test", "late"), Answer["spid"]);
+    EXPECT_EQ(Peer, Answer["pid"]);
+    EXPECT_EQ(Hex(Answer["spid"]) + "\n", Orvane({"hunt", "late"}).Out);
+
+    const Outcome Missing = Orvane({"hunt", "nobody", "--timeout", "100"});
+    EXPECT_EQ(1, Missing.Status);
+    EXPECT_EQ("", Missing.Out);
+    EXPECT_NE(std::string::npos, Missing.Err.find("no endpoint named \"nobody\" appeared within 100 ms")) << Missing.Err;
+    Stop(Peer);
+}
+
+TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
+{
+    const pid_t Early = StartPeer("early");
+    OrvaneRun Watch({"watch", "early", "later", "--count", "4", "--json"});
+    ASSERT_TRUE(Watch.Shows("\"early\""));
+    const pid_t Later = StartPeer("later");
+    ASSERT_TRUE(Watch.Shows("\"later\""));
+    Stop(Early);
+    ASSERT_TRUE(Watch.Shows("died"));
+    const pid_t Again = StartPeer("early"); // a restart is seen as well
+    const Outcome Watched = Watch.Finish();
+    ASSERT_EQ(0, Watched.Status) << Watched.Err;
+    const std::vector<json> Events = JsonLines(Watched.Out);
+    ASSERT_EQ(4u, Events.size()) << Watched.Out;
+    const std::vector<std::pair<std::string, pid_t>> Expected = {
+        {"appeared", Early}, {"appeared", Later}, {"died", Early}, {"appeared", Again}};
+    for (size_t i = 0; i < Events.size(); i++) {
+        EXPECT_EQ(Expected[i].first, Events[i]["event"]) << i;
+        EXPECT_EQ(Expected[i].second, Events[i]["pid"]) << i;
+        EXPECT_EQ(23u, Events[i]["time"].get<std::string>().size()) << Events[i]["time"];
+    }
+    EXPECT_EQ(Events[0]["spid"], Events[2]["spid"]);
+    EXPECT_NE(Events[0]["spid"], Events[3]["spid"]);
+
+    // Without a count it runs until interrupted, and that is a success.
+    OrvaneRun Endless({"watch", "later"});
+    ASSERT_TRUE(Endless.Shows("appeared"));
+    const Outcome Interrupted = Endless.Finish(SIGINT);
+    EXPECT_EQ(0, Interrupted.Status) << Interrupted.Err;
+    EXPECT_NE(std::string::npos, Interrupted.Out.find("  appeared  later  ")) << Interrupted.Out;
+    Stop(Later);
+    Stop(Again);
+}
+
+TEST_F(OrvaneCli, SendPrintsTheResponseDecoded)
+{
+    const pid_t Echo = StartChild([] { return ServeEcho("echo"); });
+    const Outcome Json = Orvane({"send", "echo", "0x120", "--payload", "01:02:ab", "--sequence", "7",
+                                 "--wait-response", "5000", "--json"});
+    ASSERT_EQ(0, Json.Status) << Json.Err;
+    const json Response = json::parse(Json.Out)["response"];
+    EXPECT_EQ(0x121, Response["type"]);
+    EXPECT_EQ(7, Response["sequence"]);
+    EXPECT_EQ(0, Response["sender"]) << "a response's stack was popped on its way back";
+    EXPECT_EQ(3, Response["bytes"]);
+    EXPECT_EQ("0102ab", Response["payload"]);
+
+    const std::string Payload = TempPath("payload");
+    WriteAll(Payload, "hello");
+    const Outcome Text = Orvane({"send", "echo", "0x130", "--file", Payload, "--wait-response", "5000"});
+    ASSERT_EQ(0, Text.Status) << Text.Err;
+    EXPECT_NE(std::string::npos, Text.Out.find("response type 0x131 sequence 0, 5 bytes\n"))
+        << Text.Out;
+    EXPECT_NE(std::string::npos, Text.Out.find("0000  68 65 6c 6c 6f")) << Text.Out;
+    EXPECT_NE(std::string::npos, Text.Out.find("|hello|")) << Text.Out;
+    unlink(Payload.c_str());
+
+    const Outcome Unreadable = Orvane({"send", "echo", "0x130", "--file", "/nonexistent/payload"});
+    EXPECT_EQ(1, Unreadable.Status);
+    EXPECT_NE(std::string::npos, Unreadable.Err.find("cannot read /nonexistent/payload: No such file")) << Unreadable.Err;
+    const Outcome Unknown = Orvane({"send", "nobody", "0x130", "--timeout", "100"});
+    EXPECT_EQ(1, Unknown.Status);
+    EXPECT_NE(std::string::npos, Unknown.Err.find("no endpoint named \"nobody\"")) << Unknown.Err;
+    const pid_t Mute = StartPeer("mute");
+    const Outcome Silent = Orvane({"send", "mute", "0x130", "--wait-response", "200"});
+    EXPECT_EQ(1, Silent.Status);
+    EXPECT_NE(std::string::npos, Silent.Err.find("no response from \"mute\" within 200 ms")) << Silent.Err;
+    Stop(Mute);
+
+    EXPECT_EQ(0, Orvane({"send", "echo", std::to_string(kQuitType)}).Status);
+    EXPECT_EQ(0, WaitChild(Echo));
+}
+
+TEST_F(OrvaneCli, SubscribePrintsNotificationsOfItsRangeUntilThePublisherGoes)
+{
+    const pid_t Publisher = StartPublisher("publisher");
+    const uint32_t PublisherSpid = FindSpid("cli-test", "publisher");
+    const Outcome Two = Orvane({"subscribe", "publisher", "0x200", "0x2ff", "--count", "2", "--json"});
+    ASSERT_EQ(0, Two.Status) << Two.Err;
+    const std::vector<json> Notes = JsonLines(Two.Out);
+    ASSERT_EQ(2u, Notes.size()) << Two.Out;
+    EXPECT_EQ(0x200, Notes[0]["type"]);
+    EXPECT_EQ(PublisherSpid, Notes[0]["sender"]);
+    EXPECT_EQ(0x201, Notes[1]["type"]);
+    EXPECT_EQ(1, Notes[1]["sequence"]);
+    EXPECT_EQ(0, Notes[1]["sender"]) << "a response type is routed like a response";
+    EXPECT_EQ("00000000", Notes[1]["payload"]);
+
+    OrvaneRun Waiting({"subscribe", "publisher", "0x400", "0x4ff"});
+    ASSERT_TRUE(Waiting.Shows("subscribed to types 0x400..0x4ff of publisher"));
+    Stop(Publisher);
+    const Outcome Gone = Waiting.Finish();
+    EXPECT_EQ(1, Gone.Status);
+    EXPECT_NE(std::string::npos, Gone.Err.find("\"publisher\" went away")) << Gone.Err;
+}
+
+TEST_F(OrvaneCli, CaptureCollectsTelemetryAndRefusesAPathItCannotWrite)
+{
+    const std::string Path = TempPath("capture.pcap");
+    OrvaneRun Capture({"capture", Path, "--count", "1"});
+    ASSERT_TRUE(Capture.Shows("collecting on \"Telemetry\""));
+    // The first copy finds the collector by name; later ones go straight.
+    const uint32_t Self = FindSpid("cli-test", "cli-test");
+    for (int i = 0; i < 100 && !Capture.Shows("records written", 50); i++) {
+        MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND);
+        ASSERT_EQ(0u, MSG_SendMsg("cli-test", Self, NewMsg(0x150, 0, 4)));
+        MSG_DebugSetFlag(0);
+        Pump("cli-test", 20, [] { return false; });
+    }
+    const Outcome Captured = Capture.Finish();
+    ASSERT_EQ(0, Captured.Status) << Captured.Err;
+    EXPECT_NE(std::string::npos, Captured.Err.find("UserMsgNtfy      1")) << Captured.Err;
+    const std::string Bytes = ReadAll(Path);
+    ASSERT_GT(Bytes.size(), 24u + 16u);
+    uint32_t Magic, LinkType, RecordType;
+    memcpy(&Magic, Bytes.data(), 4);
+    memcpy(&LinkType, Bytes.data() + 20, 4);
+    memcpy(&RecordType, Bytes.data() + 40, 4);
+    EXPECT_EQ(0xA1B2C3D4u, Magic);
+    EXPECT_EQ(147u, LinkType);
+    EXPECT_EQ(0xFF0013u, RecordType);
+    unlink(Path.c_str());
+
+    const Outcome Unwritable = Orvane({"capture", "/nonexistent/dir/x.pcap", "-t", "1"});
+    EXPECT_EQ(1, Unwritable.Status);
+    EXPECT_NE(std::string::npos, Unwritable.Err.find("cannot write /nonexistent/dir/x.pcap")) << Unwritable.Err;
+}
+
+TEST_F(OrvaneCli, UserLogDecodesADumpAndNamesTheByteWhereItBreaks)
+{
+    ASSERT_EQ(0u, MSG_UserLogConfig(4096, 8, MSG_USER_LOG_SEND));
+    const uint32_t Self = FindSpid("cli-test", "cli-test");
+    MSG_Msg *pMsg = NewMsg(0x160, 3, 10);
+    memcpy(MSG_GetPayloadMutable(pMsg), "0123456789", 10);
+    ASSERT_EQ(0u, MSG_SendMsg("cli-test", Self, pMsg));
+    ASSERT_EQ(0u, MSG_SendMsg("cli-test", Self, NewMsg(0x170, 4, 2)));
+    MSG_UserLogConfig(4096, 8, 0);
+    const std::string Dump = TempPath("userlog");
+    ASSERT_EQ(0u, MSG_UserLogDump(Dump.c_str()));
+    Pump("cli-test", 100, [] { return false; });
+
+    const Outcome Json = Orvane({"userlog", Dump, "--json"});
+    ASSERT_EQ(0, Json.Status) << Json.Err;
+    const json Records = json::parse(Json.Out);
+    ASSERT_EQ(2u, Records.size()) << Json.Out;
+    EXPECT_EQ(0x160, Records[0]["type"]);
+    EXPECT_EQ(3, Records[0]["sequence"]);
+    EXPECT_EQ(Self, Records[0]["to"]);
+    EXPECT_EQ(10, Records[0]["payload_bytes"]);
+    EXPECT_EQ("3031323334353637", Records[0]["payload"]); // 8 bytes kept
+    EXPECT_EQ("0000", Records[1]["payload"]);
+
+    const Outcome Text = Orvane({"userlog", Dump});
+    ASSERT_EQ(0, Text.Status);
+    EXPECT_NE(std::string::npos, Text.Out.find("=>" + Hex(Self) + " type 0x160 sequence 3, 10 bytes: 30 31 32 33 34 35 36 37 ...\n"))
+        << Text.Out;
+
+    // A cut file: the first record is shown, then where the file breaks.
+    const std::string Whole = ReadAll(Dump);
+    WriteAll(Dump, Whole.substr(0, Whole.size() - 3));
+    const Outcome Cut = Orvane({"userlog", Dump});
+    EXPECT_EQ(1, Cut.Status);
+    EXPECT_NE(std::string::npos, Cut.Out.find("[0] ")) << Cut.Out;
+    EXPECT_NE(std::string::npos, Cut.Err.find("the record at byte 44 claims 4 stored payload bytes")) << Cut.Err;
+    WriteAll(Dump, "not a dump, certainly not 36 bytes or more of one");
+    EXPECT_NE(std::string::npos, Orvane({"userlog", Dump}).Err.find("no record starts at byte 0"));
+    unlink(Dump.c_str());
+    EXPECT_EQ(1, Orvane({"userlog", Dump}).Status);
+}
+
+TEST_F(OrvaneCli, ConfigCompilesTextFormatAndShowsItBack)
+{
+    const std::string Text = TempPath("cfg.txt"), Binary = TempPath("cfg.pb");
+    WriteAll(Text, "endpoint { name: \"a\" link: \"b\" }\nendpoint { name: \"a\" }\n");
+    const Outcome Compiled = Orvane({"config", "compile", Text, Binary});
+    ASSERT_EQ(0, Compiled.Status) << Compiled.Err;
+    EXPECT_NE(std::string::npos, Compiled.Err.find("\"a\" is configured more than once")) << Compiled.Err;
+    EXPECT_EQ(std::string("\x0a\x06\x0a\x01" "a\x12\x01" "b\x0a\x03\x0a\x01" "a", 13), ReadAll(Binary));
+    const Outcome Shown = Orvane({"config", "show", Binary});
+    ASSERT_EQ(0, Shown.Status);
+    EXPECT_EQ("endpoint {\n  name: \"a\"\n  link: \"b\"\n}\nendpoint {\n  name: \"a\"\n}\n", Shown.Out);
+
+    WriteAll(Text, "endpoint {\n  nmae: \"a\"\n}\n");
+    const Outcome Typo = Orvane({"config", "compile", Text, Binary});
+    EXPECT_EQ(1, Typo.Status);
+    EXPECT_NE(std::string::npos, Typo.Err.find(Text + ":2:")) << Typo.Err;
+    EXPECT_NE(std::string::npos, Typo.Err.find("nmae")) << Typo.Err;
+    WriteAll(Text, "endpoint { link: \"b\" }\n");
+    EXPECT_EQ(1, Orvane({"config", "compile", Text, Binary}).Status) << "an endpoint needs its name";
+    WriteAll(Binary, std::string("\x0a\x02\x12\x00", 4));
+    const Outcome Nameless = Orvane({"config", "show", Binary});
+    EXPECT_EQ(1, Nameless.Status);
+    EXPECT_NE(std::string::npos, Nameless.Err.find("is not an endpoint configuration")) << Nameless.Err;
+    unlink(Text.c_str());
+    unlink(Binary.c_str());
+}
+
+} // namespace

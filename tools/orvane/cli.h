@@ -1,0 +1,60 @@
+/*
+ * cli.h - what the subcommands of the orvane command share.
+ *
+ * orvane is one program over the public headers only (orvane.h, linx.h):
+ * each subcommand is a CLI11 subcommand added by one Add* function and run
+ * by its callback on the main thread.  A subcommand fails by throwing
+ * Failure with a sentence that says what went wrong and what to do; main
+ * prints it as "orvane: ..." and exits 1.  Usage errors are CLI11's and
+ * exit 2.  Output that scripts read (--json) is built with nlohmann-json,
+ * one document per run or one object per line for streams.
+ */
+#ifndef ORVANE_CLI_H
+#define ORVANE_CLI_H
+
+#include <stdint.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+namespace cli {
+
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+void AddPeerCommands(CLI::App &App);    // list, hunt, watch, stat
+void AddMessageCommands(CLI::App &App); // send, subscribe
+void AddCaptureCommand(CLI::App &App);
+void AddUserLogCommand(CLI::App &App);
+void AddConfigCommands(CLI::App &App);
+
+// The local wall-clock time, "2026-11-23T10:15:02.123".
+std::string TimeStamp();
+// "0x1a2b".
+std::string Hex(uint32_t Value);
+// Bytes as lower-case hex digits, without separators.
+std::string HexDigits(const uint8_t *pBytes, size_t Count);
+// A classic dump: offset, 16 bytes in hex, the printable ones as text.
+std::string HexDump(const uint8_t *pBytes, size_t Count, const char *pIndent);
+// A whole file; Failure when it cannot be read.
+std::string ReadFile(const std::string &Path);
+// Writes a whole file; Failure when it cannot be written.
+void WriteFile(const std::string &Path, const std::string &Bytes);
+// Installs the SIGINT/SIGTERM handlers of the waiting subcommands.
+void CatchStopSignals();
+bool StopRequested();
+
+// A user message type: a number below 0x1000000, decimal or 0x-hex.
+CLI::Validator UserType();
+uint32_t ParseNumber(const std::string &Text);
+// Hex digits, optionally separated by spaces, colons or dashes.
+CLI::Validator HexPayload();
+std::vector<uint8_t> ParseHexPayload(const std::string &Text);
+
+} // namespace cli
+
+#endif // ORVANE_CLI_H

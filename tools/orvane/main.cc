@@ -1,0 +1,31 @@
+// orvane: the command-line tool of liborvane.  Exit status 0 when the
+// subcommand did what it was asked, 1 when it failed (said on standard
+// error), 2 for a usage error.
+#include <stdio.h>
+
+#include "cli.h"
+
+int main(int Argc, char **ppArgv)
+{
+    CLI::App App{"orvane: look at and talk to the LINX endpoints of this host (or linxd instance)", "orvane"};
+    App.set_version_flag("--version", std::string(ORVANE_VERSION));
+    App.require_subcommand(1);
+    App.footer("Exit status: 0 done, 1 failed, 2 usage error.  The environment variable LINXD_INSTANCE\n"
+               "names the linxd stand-in instance on a host without the LINX kernel module.\n"
+               "Each subcommand has its own --help.");
+    cli::AddPeerCommands(App);
+    cli::AddMessageCommands(App);
+    cli::AddCaptureCommand(App);
+    cli::AddUserLogCommand(App);
+    cli::AddConfigCommands(App);
+    try {
+        App.parse(Argc, ppArgv);
+    } catch (const CLI::ParseError &Error) {
+        return App.exit(Error) == 0 ? 0 : 2;
+    } catch (const cli::Failure &Error) {
+        fflush(stdout);
+        fprintf(stderr, "orvane: %s\n", Error.what());
+        return 1;
+    }
+    return 0;
+}
