@@ -217,15 +217,17 @@ const char *jInstance()
     return pName != nullptr && *pName != '\0' ? pName : LINXD_DEFAULT_INSTANCE;
 }
 
-// The linxd program installed beside this library.
-std::string jLinxdPath()
+// Where linxd is looked for: beside this library (a build tree), then
+// where an install puts it relative to the library (LINXD_FROM_LIBDIR, set
+// by the build from the install layout), then on PATH.
+std::string jLibraryDir()
 {
     Dl_info Info;
     if (dladdr((void *)&linx_standin_open, &Info) == 0 || Info.dli_fname == nullptr)
-        return "linxd";
-    std::string Path = Info.dli_fname;
+        return "";
+    const std::string Path = Info.dli_fname;
     const size_t Slash = Path.rfind('/');
-    return Slash == std::string::npos ? "linxd" : Path.substr(0, Slash + 1) + "linxd";
+    return Slash == std::string::npos ? "" : Path.substr(0, Slash + 1);
 }
 
 // Starts linxd.  posix_spawn runs no fork handlers, so this is safe while
@@ -234,11 +236,15 @@ std::string jLinxdPath()
 // spawned here is reaped at once.
 void jStartLinxd(const char *pInstance)
 {
-    const std::string Path = jLinxdPath();
+    const std::string Dir = jLibraryDir();
+    const std::string Candidates[] = {Dir + "linxd", Dir + LINXD_FROM_LIBDIR "/linxd"};
     char *const Argv[] = {(char *)"linxd", (char *)"--instance", (char *)pInstance, nullptr};
-    pid_t Child;
-    if (posix_spawn(&Child, Path.c_str(), nullptr, nullptr, Argv, environ) != 0 &&
-        posix_spawnp(&Child, "linxd", nullptr, nullptr, Argv, environ) != 0)
+    pid_t Child = -1;
+    bool bSpawned = false;
+    for (const std::string &Path : Candidates)
+        if (!Dir.empty() && !bSpawned && access(Path.c_str(), X_OK) == 0)
+            bSpawned = posix_spawn(&Child, Path.c_str(), nullptr, nullptr, Argv, environ) == 0;
+    if (!bSpawned && posix_spawnp(&Child, "linxd", nullptr, nullptr, Argv, environ) != 0)
         return;
     while (waitpid(Child, nullptr, 0) < 0 && errno == EINTR) {
     }

@@ -26,7 +26,8 @@ void jUsage(FILE *pOut)
             "  --queue-bytes N      receive-queue limit of each socket in bytes (default 524288;\n"
             "                       the kernel may cap it at twice net.core.wmem_max)\n"
             "  --module-version V   version to report to clients, as X.Y.Z (default 2.5.1)\n"
-            "  --help               show this text\n",
+            "  --help               show this text\n"
+            "  --version            show the version\n",
             LINXD_INSTANCE_ENV, LINXD_DEFAULT_INSTANCE);
 }
 
@@ -84,6 +85,9 @@ int main(int argc, char **argv)
         long Number = 0;
         if (Arg == "--help") {
             jUsage(stdout);
+            return 0;
+        } else if (Arg == "--version") {
+            printf("linxd (liborvane) %s\n", ORVANE_VERSION);
             return 0;
         } else if (Arg == "--foreground") {
             Options.bForeground = true;
