@@ -253,6 +253,16 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     const pid_t Early = StartPeer("early");
     OrvaneRun Watch({"watch", "early", "later", "--count", "4", "--json"});
     ASSERT_TRUE(Watch.Shows("\"early\""));
+    // A signal of another process that looks like an answer is refused
+    // with a line, and the watch goes on.
+    LINX *pForger = linx_open("forger", 0, nullptr);
+    const LINX_SPID Watcher = HuntAndWait(pForger, "orvane", 5000);
+    for (uint32_t Size : {4u, 8u}) {
+        union LINX_SIGNAL *pForged = NewSignal(pForger, 0x4F525601, 7, Size);
+        ASSERT_EQ(0, linx_send(pForger, &pForged, Watcher));
+    }
+    ASSERT_TRUE(Watch.Shows("refused signal 0x4f525601 of 8 bytes from " + Hex(linx_get_spid(pForger))));
+    linx_close(pForger);
     const pid_t Later = StartPeer("later");
     ASSERT_TRUE(Watch.Shows("\"later\""));
     Stop(Early);
@@ -260,6 +270,7 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     const pid_t Again = StartPeer("early"); // a restart is seen as well
     const Outcome Watched = Watch.Finish();
     ASSERT_EQ(0, Watched.Status) << Watched.Err;
+    EXPECT_NE(std::string::npos, Watched.Err.find("refused signal 0x4f525601 of 4 bytes")) << Watched.Err;
     const std::vector<json> Events = JsonLines(Watched.Out);
     ASSERT_EQ(4u, Events.size()) << Watched.Out;
     const std::vector<std::pair<std::string, pid_t>> Expected = {

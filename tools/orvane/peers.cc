@@ -125,26 +125,45 @@ void jHunt(LINX *pLinx, const std::string &Name, uint32_t Index)
         throw Failure("cannot hunt for \"" + Name + "\": " + strerror(errno));
 }
 
-// The next signal, waiting at most TimeoutMs (-1: without limit) in
-// slices, so that a stop signal ends the wait; null on timeout or stop.
-union LINX_SIGNAL *jReceive(LINX *pLinx, const LINX_SIGSELECT *pSel, int TimeoutMs)
+// A hunt or attach of this command come back: which peer, and who sent it.
+struct Answer {
+    bool bAppeared;
+    uint32_t Index;
+    LINX_SPID Sender;
+};
+
+// Takes a signal of ours apart; another process may send a signal of the
+// same number to our socket, and that is refused with a line, not believed.
+bool jTakeAnswer(LINX *pLinx, union LINX_SIGNAL **ppSig, uint32_t IndexCount, Answer *pAnswer)
+{
+    const LINX_OSBUFSIZE Size = linx_sigsize(pLinx, ppSig);
+    pAnswer->bAppeared = *(const LINX_SIGSELECT *)*ppSig == kAppeared;
+    pAnswer->Sender = linx_sender(pLinx, ppSig);
+    pAnswer->Index = IndexCount;
+    if (Size == 8)
+        memcpy(&pAnswer->Index, (const char *)*ppSig + 4, 4);
+    const bool bOurs = pAnswer->Index < IndexCount;
+    if (!bOurs)
+        fprintf(stderr, "orvane: refused signal 0x%x of %u bytes from %s: not an answer to this command's %s\n",
+                *(const LINX_SIGSELECT *)*ppSig, Size, Hex(pAnswer->Sender).c_str(),
+                pAnswer->bAppeared ? "hunts" : "attaches");
+    linx_free_buf(pLinx, ppSig);
+    return bOurs;
+}
+
+// The next answer, waiting at most TimeoutMs (-1: without limit) in
+// slices, so that a stop signal ends the wait; false on timeout or stop.
+bool jNextAnswer(LINX *pLinx, const LINX_SIGSELECT *pSel, int TimeoutMs, uint32_t IndexCount, Answer *pAnswer)
 {
     for (int Waited = 0; !StopRequested() && (TimeoutMs < 0 || Waited < TimeoutMs); Waited += kSliceMs) {
         const int Slice = TimeoutMs < 0 ? kSliceMs : std::min(kSliceMs, TimeoutMs - Waited);
         union LINX_SIGNAL *pSig = nullptr;
         if (linx_receive_w_tmo(pLinx, &pSig, Slice, pSel) < 0)
             throw Failure(std::string("cannot receive: ") + strerror(errno));
-        if (pSig != nullptr)
-            return pSig;
+        if (pSig != nullptr && jTakeAnswer(pLinx, &pSig, IndexCount, pAnswer))
+            return true;
     }
-    return nullptr;
-}
-
-uint32_t jIndexOf(union LINX_SIGNAL *pSig)
-{
-    uint32_t Index;
-    memcpy(&Index, (const char *)pSig + 4, 4);
-    return Index;
+    return false;
 }
 
 struct HuntArgs {
@@ -161,14 +180,13 @@ void jHuntCommand(const HuntArgs &Args)
     LinxSocket Linx = jOpenLinx();
     jHunt(Linx.get(), Name, 0);
     const LINX_SIGSELECT Sel[] = {1, kAppeared};
-    union LINX_SIGNAL *pSig = jReceive(Linx.get(), Sel, TimeoutMs);
-    if (pSig == nullptr)
+    Answer Found;
+    if (!jNextAnswer(Linx.get(), Sel, TimeoutMs, 1, &Found))
         throw Failure(StopRequested() ? "interrupted before \"" + Name + "\" appeared"
                                       : "no endpoint named \"" + Name + "\" appeared within " +
                                             std::to_string(TimeoutMs) +
                                             " ms (`orvane list` shows the names in use; --timeout -1 waits without limit)");
-    const LINX_SPID Spid = linx_sender(Linx.get(), &pSig);
-    linx_free_buf(Linx.get(), &pSig);
+    const LINX_SPID Spid = Found.Sender;
     if (Args.bJson)
         printf("%s\n", json({{"name", Name}, {"spid", Spid}, {"pid", linx_get_owner(Linx.get(), Spid)}}).dump().c_str());
     else
@@ -226,20 +244,14 @@ void jWatchCommand(const WatchArgs &Args)
     }
     const LINX_SIGSELECT Sel[] = {2, kAppeared, kDied};
     for (long Events = 0; Args.MaxEvents == 0 || Events < Args.MaxEvents; Events++) {
-        union LINX_SIGNAL *pSig = jReceive(Linx.get(), Sel, -1);
-        if (pSig == nullptr)
+        Answer A;
+        if (!jNextAnswer(Linx.get(), Sel, -1, (uint32_t)Peers.size(), &A))
             return; // stopped
-        const uint32_t Index = jIndexOf(pSig);
-        const bool bAppeared = *(const LINX_SIGSELECT *)pSig == kAppeared;
-        const LINX_SPID Sender = linx_sender(Linx.get(), &pSig);
-        linx_free_buf(Linx.get(), &pSig);
-        if (Index >= Peers.size())
-            throw Failure("a signal of this command came back with an index it never gave out");
-        if (bAppeared) {
-            jAppeared(Linx.get(), Peers[Index], Sender, Index, bJson);
+        if (A.bAppeared) {
+            jAppeared(Linx.get(), Peers[A.Index], A.Sender, A.Index, bJson);
         } else {
-            jReport("died", Peers[Index], bJson);
-            jHunt(Linx.get(), Peers[Index].Name, Index); // for its next appearance
+            jReport("died", Peers[A.Index], bJson);
+            jHunt(Linx.get(), Peers[A.Index].Name, A.Index); // for its next appearance
         }
     }
 }
