@@ -4,7 +4,7 @@
 # default build; scripts/docs.sh runs it.
 find_program(ORVANE_DOXYGEN doxygen)
 find_program(ORVANE_HELP2MAN help2man)
-if(ORVANE_DOXYGEN AND ORVANE_HELP2MAN AND NOT CMAKE_CROSSCOMPILING)
+if(ORVANE_DOXYGEN AND ORVANE_HELP2MAN AND TARGET orvane-cli)
   configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
   add_custom_target(docs
     COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/docs/api

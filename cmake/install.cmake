@@ -16,12 +16,16 @@ install(TARGETS orvane EXPORT orvaneTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Unspecified)
 # The tools find the library of their own prefix wherever it is installed.
 file(RELATIVE_PATH ORVANE_BIN_TO_LIB ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(orvane-cli orvane-collector PROPERTIES INSTALL_RPATH "$ORIGIN/${ORVANE_BIN_TO_LIB}")
-install(TARGETS linxd orvane-cli orvane-collector RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+set_target_properties(orvane-collector PROPERTIES INSTALL_RPATH "$ORIGIN/${ORVANE_BIN_TO_LIB}")
+install(TARGETS linxd orvane-collector RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET orvane-cli)
+  set_target_properties(orvane-cli PROPERTIES INSTALL_RPATH "$ORIGIN/${ORVANE_BIN_TO_LIB}")
+  install(TARGETS orvane-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES tools/orvane.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME orvane)
+endif()
 install(FILES include/orvane.h include/linx.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES tools/orvane.lua DESTINATION ${ORVANE_WIRESHARK_PLUGIN_DIR})
-install(FILES tools/orvane.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-        RENAME orvane)
 install(DIRECTORY ${CMAKE_BINARY_DIR}/docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL
         FILES_MATCHING PATTERN "*.1")
 
