@@ -206,7 +206,7 @@ TEST_F(OrvaneCli, ListAndStatShowEveryEndpoint)
     ASSERT_FALSE(Row.is_null()) << Listed.Out;
     EXPECT_EQ(AlphaSpid, Row["spid"]);
     EXPECT_EQ(Alpha, Row["pid"]);
-    EXPECT_EQ("test_orvane_cli", Row["process"]);
+    EXPECT_EQ(ReadAll("/proc/" + std::to_string(Alpha) + "/comm"), Row["process"].get<std::string>() + "\n");
     EXPECT_EQ(2, Row["queued"]);
     for (const json &E : Endpoints)
         EXPECT_NE("orvane", E["name"]) << "the command's own socket is left out";
