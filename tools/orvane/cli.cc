@@ -7,6 +7,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
+
 
 #include "stop_signals.h"
 
@@ -99,6 +101,14 @@ void CatchStopSignals()
 bool StopRequested()
 {
     return stop_requested() != 0;
+}
+
+bool WaitInSlices(int TimeoutMs, const std::function<bool(int SliceMs)> &Try)
+{
+    for (int Waited = 0; !StopRequested() && (TimeoutMs < 0 || Waited < TimeoutMs); Waited += kSliceMs)
+        if (Try(TimeoutMs < 0 ? kSliceMs : std::min(kSliceMs, TimeoutMs - Waited)))
+            return true;
+    return false;
 }
 
 namespace {

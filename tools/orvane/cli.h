@@ -14,6 +14,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -47,6 +48,12 @@ void WriteFile(const std::string &Path, const std::string &Bytes);
 // Installs the SIGINT/SIGTERM handlers of the waiting subcommands.
 void CatchStopSignals();
 bool StopRequested();
+// Waits end this often, so that a stop signal is seen.
+constexpr int kSliceMs = 100;
+// Calls Try(SliceMs) until it returns true, for at most TimeoutMs in all
+// (-1: without limit) and until a stop signal; false when time ran out or
+// a stop signal came.
+bool WaitInSlices(int TimeoutMs, const std::function<bool(int SliceMs)> &Try);
 
 // A user message type: a number below 0x1000000, decimal or 0x-hex.
 CLI::Validator UserType();

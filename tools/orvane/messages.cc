@@ -18,7 +18,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int kSliceMs = 100; // waits end this often to see a stop signal
 // The largest payload: LINX carries at most 256 KiB, the header included.
 constexpr int32_t kMostPayloadBytes = 256 * 1024 - 56;
 
@@ -52,12 +51,9 @@ public:
     // limit) in slices, so that a stop signal ends the wait.
     MSG_Msg *Receive(int TimeoutMs) const
     {
-        for (int Waited = 0; !StopRequested() && (TimeoutMs < 0 || Waited < TimeoutMs); Waited += kSliceMs) {
-            const int Slice = TimeoutMs < 0 ? kSliceMs : std::min(kSliceMs, TimeoutMs - Waited);
-            if (MSG_Msg *pMsg = MSG_RecvAnyMsg(Name(), Slice))
-                return pMsg;
-        }
-        return nullptr;
+        MSG_Msg *pMsg = nullptr;
+        WaitInSlices(TimeoutMs, [&](int SliceMs) { return (pMsg = MSG_RecvAnyMsg(Name(), SliceMs)) != nullptr; });
+        return pMsg;
     }
 
 private:

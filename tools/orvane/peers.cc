@@ -23,7 +23,6 @@ using nlohmann::json;
 
 constexpr LINX_SIGSELECT kAppeared = 0x4F525601; // a hunt answered
 constexpr LINX_SIGSELECT kDied = 0x4F525602;     // an attach fired
-constexpr int kSliceMs = 100;                    // waits end this often to see a stop signal
 
 struct LinxCloser {
     void operator()(LINX *pLinx) const { linx_close(pLinx); }
@@ -85,10 +84,10 @@ std::vector<Endpoint> jEndpoints(LINX *pLinx)
 
 void jPrintTable(const std::vector<std::vector<std::string>> &Rows)
 {
-    std::vector<size_t> Widths;
+    std::vector<size_t> Widths(Rows.empty() ? 0 : Rows[0].size(), 0); // every row has the header's columns
     for (const auto &Row : Rows)
         for (size_t c = 0; c < Row.size(); c++)
-            Widths.resize(std::max(Widths.size(), c + 1)), Widths[c] = std::max(Widths[c], Row[c].size());
+            Widths[c] = std::max(Widths[c], Row[c].size());
     for (const auto &Row : Rows) {
         std::string Line;
         for (size_t c = 0; c < Row.size(); c++)
@@ -155,15 +154,12 @@ bool jTakeAnswer(LINX *pLinx, union LINX_SIGNAL **ppSig, uint32_t IndexCount, An
 // slices, so that a stop signal ends the wait; false on timeout or stop.
 bool jNextAnswer(LINX *pLinx, const LINX_SIGSELECT *pSel, int TimeoutMs, uint32_t IndexCount, Answer *pAnswer)
 {
-    for (int Waited = 0; !StopRequested() && (TimeoutMs < 0 || Waited < TimeoutMs); Waited += kSliceMs) {
-        const int Slice = TimeoutMs < 0 ? kSliceMs : std::min(kSliceMs, TimeoutMs - Waited);
+    return WaitInSlices(TimeoutMs, [&](int SliceMs) {
         union LINX_SIGNAL *pSig = nullptr;
-        if (linx_receive_w_tmo(pLinx, &pSig, Slice, pSel) < 0)
+        if (linx_receive_w_tmo(pLinx, &pSig, SliceMs, pSel) < 0)
             throw Failure(std::string("cannot receive: ") + strerror(errno));
-        if (pSig != nullptr && jTakeAnswer(pLinx, &pSig, IndexCount, pAnswer))
-            return true;
-    }
-    return false;
+        return pSig != nullptr && jTakeAnswer(pLinx, &pSig, IndexCount, pAnswer);
+    });
 }
 
 struct HuntArgs {
