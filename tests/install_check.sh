@@ -20,7 +20,9 @@ fail() { echo "install_check: $*" >&2; exit 1; }
 check_install() {
   local prefix="$work/prefix"
   cmake --install "$build" --prefix "$prefix" >/dev/null
-  readelf -d "$prefix/lib/liborvane.so.0" | grep -q 'SONAME.*liborvane.so.0' || fail "no SONAME liborvane.so.0"
+  # Output is taken whole before grep -q reads it: grep leaving early must
+  # not fail the writer of a pipe under pipefail.
+  grep -q 'SONAME.*liborvane.so.0' <<<"$(readelf -d "$prefix/lib/liborvane.so.0")" || fail "no SONAME liborvane.so.0"
   export LINXD_INSTANCE=$instance
 
   PKG_CONFIG_PATH="$prefix/lib/pkgconfig" cc -std=c99 -Wall -Werror "$source/tests/install/hello.c" \
@@ -30,13 +32,13 @@ check_install() {
   cmake --build "$work/hello-cmake" >/dev/null
 
   for program in "$work/hello-pkg-config" "$work/hello-cmake/hello"; do
-    ldd "$program" | grep -q "$prefix/lib/liborvane.so.0" || fail "$program does not use the installed library"
-    "$program" | grep -q "a round trip through liborvane" || fail "$program failed"
+    grep -q "$prefix/lib/liborvane.so.0" <<<"$(ldd "$program")" || fail "$program does not use the installed library"
+    grep -q "a round trip through liborvane" <<<"$("$program")" || fail "$program failed"
   done
   local linxd
   linxd=$(pgrep -f "linxd --instance $instance" | head -n 1)
   [ "$(readlink "/proc/$linxd/exe")" = "$prefix/bin/linxd" ] || fail "the library did not start the installed linxd"
-  "$prefix/bin/orvane" --version | grep -q '^[0-9]' || fail "the installed orvane does not run"
+  grep -q '^[0-9]' <<<"$("$prefix/bin/orvane" --version)" || fail "the installed orvane does not run"
   echo "install_check: installed, built both ways and run"
 }
 
@@ -54,7 +56,7 @@ check_package() {
     grep -q "$file" <<<"$listing" || fail "$file is missing from the package"
   done
   [ "$(dpkg-deb -f "$deb" Package)" = orvane ] || fail "package name"
-  dpkg-deb -f "$deb" Depends | grep -q libprotobuf-lite || fail "no dependency on the protobuf runtime"
+  grep -q libprotobuf-lite <<<"$(dpkg-deb -f "$deb" Depends)" || fail "no dependency on the protobuf runtime"
 
   local root="$work/root"
   mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
