@@ -7,6 +7,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <signal.h>
+#include <stdio.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
@@ -16,6 +18,7 @@
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -39,8 +42,11 @@
 namespace {
 
 constexpr int kConnectAttempts = 500;      // 5 ms apart: linxd gets 2.5 s to start
-constexpr size_t kInletCacheLimit = 4096;  // cached destinations before the cache is emptied
+constexpr size_t kRouteCacheLimit = 1024;  // routes kept before idle ones are given up
 constexpr uint32_t kForever = 0xFFFFFFFFu;
+// A receive with nothing to take keeps looking this long before it sleeps:
+// a peer that answers within it is served without a wake-up on either side.
+constexpr int64_t kSpinNs = 50000;
 
 // A signal waiting in the process-local queue: either taken from the outlet
 // (Data holds it) or handed over by a sender of this process (pTaken is the
@@ -52,10 +58,22 @@ struct Pending {
     std::string Data;
 };
 
+// A ring this socket reads, announced by a sending process.  Only the
+// receiver's own copies of capacity and head are trusted: the header is the
+// sender's to scribble on.
+struct InRing {
+    linxd_ring_header *pHeader = nullptr;
+    char *pData = nullptr;
+    uint64_t Capacity = 0;
+    uint64_t Head = 0;
+    pid_t Sender = 0;
+};
+
 struct StandinSocket {
-    int PollFd = -1;     // the descriptor callers see: epoll of Outlet and Ready
+    int PollFd = -1;     // the descriptor callers see: epoll of Outlet, Ready and Bell
     int ConnFd = -1;     // control connection to linxd
-    int OutletFd = -1;   // receive queue
+    int OutletFd = -1;   // linxd's signals and ring announcements
+    int BellFd = -1;     // eventfd senders ring when this socket armed it
     int ReadyFd = -1;    // eventfd, readable while Queue is not empty
     int ArrivalFd = -1;  // eventfd, wakes a receive waiting for a local send
     uint32_t Spid = 0;
@@ -63,8 +81,10 @@ struct StandinSocket {
     uint32_t QueueBytes = 0;
     uint64_t Generation = 0;      // of the linxd instance that gave the SPID
     linxd_slot *pSlots = nullptr; // linxd's counter region
-    char *pSpill = nullptr;       // room for the part of a signal beyond the caller's buffer
-    bool bLastLocal = false;      // the last signal taken came from this process
+    // Owned by the handle's thread alone:
+    std::vector<InRing> Rings;
+    size_t NextRing = 0;          // where the next look starts, so every sender is served
+    uint32_t OutletHint = 0;      // linxd's count of outlet datagrams when last read
 
     std::mutex Mutex;             // guards everything below
     std::deque<Pending> Queue;     // in Seq order
@@ -83,28 +103,43 @@ struct StandinSocket {
     // what they touch lives until the last of them lets go.
     ~StandinSocket()
     {
-        for (int Fd : {ReadyFd, ArrivalFd})
+        for (int Fd : {ReadyFd, ArrivalFd, BellFd})
             if (Fd >= 0)
                 close(Fd);
         if (pSlots != nullptr)
             munmap(pSlots, LINXD_REGION_BYTES);
-        if (pSpill != nullptr)
-            munmap(pSpill, LINXD_MAX_SIGNAL_BYTES);
+        for (const InRing &R : Rings)
+            munmap(R.pHeader, sizeof *R.pHeader + R.Capacity);
     }
 };
 
 using SocketRef = std::shared_ptr<StandinSocket>;
 
-// A destination's inlet, shared by the senders of the process; closed when
-// the last of them lets go.
-struct Inlet {
-    Inlet(int InletFd, uint32_t InletSlot) : Fd(InletFd), Slot(InletSlot) {}
-    Inlet(const Inlet &) = delete;
-    Inlet &operator=(const Inlet &) = delete;
-    ~Inlet() { close(Fd); }
-    const int Fd;
+// The ring this process writes into one receiving socket, shared by the
+// process's senders (they take turns under Mutex); unmapped when the last
+// of them lets go.
+struct Route {
+    Route(linxd_ring_header *pRing, uint64_t RingCapacity, int Bell, uint32_t TargetSlot)
+        : pHeader(pRing), pData((char *)(pRing + 1)), Capacity(RingCapacity), BellFd(Bell), Slot(TargetSlot)
+    {
+    }
+    Route(const Route &) = delete;
+    Route &operator=(const Route &) = delete;
+    ~Route()
+    {
+        munmap(pHeader, sizeof *pHeader + Capacity);
+        close(BellFd);
+    }
+    linxd_ring_header *const pHeader;
+    char *const pData;
+    const uint64_t Capacity;
+    const int BellFd;
     const uint32_t Slot;
+    std::mutex Mutex;
+    uint64_t Tail = 0;                 // under Mutex
+    std::atomic<bool> bGone{false};    // the receiver closed: never written again
 };
+using RouteRef = std::shared_ptr<Route>;
 
 // A SPID names a socket only within the linxd instance that handed it out:
 // a linxd that starts after another died counts SPIDs from the start again,
@@ -131,8 +166,8 @@ std::shared_mutex gTableMutex;
 std::unordered_map<int, SocketRef> gByFd;
 std::unordered_map<InstanceSpid, SocketRef, InstanceSpidHash> gBySpid;
 
-std::mutex gInletMutex;
-std::unordered_map<InstanceSpid, std::shared_ptr<Inlet>, InstanceSpidHash> gInlets;
+std::mutex gRouteMutex;
+std::unordered_map<InstanceSpid, RouteRef, InstanceSpidHash> gRoutes;
 
 // A child of fork() does not own its parent's sockets: it closes its copies
 // of their descriptors (so that a close in the parent still reaches linxd)
@@ -147,20 +182,22 @@ void jFreePending(Pending &Entry)
 void jForkPrepare()
 {
     gTableMutex.lock();
-    gInletMutex.lock();
+    gRouteMutex.lock();
 }
 
 void jForkParent()
 {
-    gInletMutex.unlock();
+    gRouteMutex.unlock();
     gTableMutex.unlock();
 }
 
 void jForkChild()
 {
     // The parent's thread holds these locks: the child starts them afresh.
-    new (&gInletMutex) std::mutex();
+    new (&gRouteMutex) std::mutex();
     new (&gTableMutex) std::shared_mutex();
+    // The parent's rings have one writer, the parent: the child makes its own.
+    gRoutes.clear();
     for (auto &Entry : gByFd) {
         StandinSocket &S = *Entry.second;
         for (int Fd : {S.PollFd, S.ConnFd, S.OutletFd}) // the record's destructor closes the rest
@@ -297,18 +334,20 @@ int jConnectOnce()
     return -1;
 }
 
-// One request to linxd and its reply.  Up to two descriptors may come back
-// (closed when the caller passes no room for them).
+// One request to linxd and its reply.  A descriptor may go with the
+// request; up to three may come back (closed when the caller passes no room
+// for them).
 struct Call {
     linxd_request Request = {LINXD_PROTOCOL_MAGIC, 0, {0, 0}, 0, 0};
     const void *pName = nullptr;
     const void *pSignal = nullptr;
+    int PassFd = -1;
     linxd_reply Reply = {};
     char Data[LINXD_MAX_NAME_CHARS + 256];
-    int Fds[2] = {-1, -1};
+    int Fds[3] = {-1, -1, -1};
 };
 
-void jTakeFds(struct msghdr *pMsg, int *pFds)
+void jTakeFds(struct msghdr *pMsg, int *pFds, int Room)
 {
     int Count = 0;
     for (struct cmsghdr *p = CMSG_FIRSTHDR(pMsg); p != nullptr; p = CMSG_NXTHDR(pMsg, p)) {
@@ -318,7 +357,7 @@ void jTakeFds(struct msghdr *pMsg, int *pFds)
         for (size_t i = 0; i < N; i++) {
             int Fd;
             memcpy(&Fd, CMSG_DATA(p) + i * sizeof(int), sizeof Fd);
-            if (Count < 2)
+            if (Count < Room)
                 pFds[Count++] = Fd;
             else
                 close(Fd);
@@ -335,6 +374,16 @@ int jCall(int ConnFd, Call *pCall)
     struct msghdr Msg = {};
     Msg.msg_iov = Out;
     Msg.msg_iovlen = 3;
+    char PassControl[CMSG_SPACE(sizeof(int))] = {};
+    if (pCall->PassFd >= 0) {
+        Msg.msg_control = PassControl;
+        Msg.msg_controllen = sizeof PassControl;
+        struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg);
+        pCmsg->cmsg_level = SOL_SOCKET;
+        pCmsg->cmsg_type = SCM_RIGHTS;
+        pCmsg->cmsg_len = CMSG_LEN(sizeof(int));
+        memcpy(CMSG_DATA(pCmsg), &pCall->PassFd, sizeof(int));
+    }
     ssize_t Sent;
     while ((Sent = sendmsg(ConnFd, &Msg, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
     }
@@ -343,7 +392,7 @@ int jCall(int ConnFd, Call *pCall)
         return -1;
     }
     struct iovec In[2] = {{&pCall->Reply, sizeof pCall->Reply}, {pCall->Data, sizeof pCall->Data}};
-    char Control[CMSG_SPACE(2 * sizeof(int))];
+    char Control[CMSG_SPACE(3 * sizeof(int))];
     Msg = {};
     Msg.msg_iov = In;
     Msg.msg_iovlen = 2;
@@ -356,7 +405,7 @@ int jCall(int ConnFd, Call *pCall)
         errno = ENOTCONN;
         return -1;
     }
-    jTakeFds(&Msg, pCall->Fds);
+    jTakeFds(&Msg, pCall->Fds, 3);
     if (Msg.msg_flags & MSG_CTRUNC) {
         // The kernel could not give us the descriptors linxd sent: this
         // process is out of them.
@@ -549,25 +598,23 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
     void *pSlots = C.Fds[1] < 0 ? MAP_FAILED
                                 : mmap(nullptr, LINXD_REGION_BYTES, PROT_READ | PROT_WRITE,
                                        MAP_SHARED, C.Fds[1], 0);
-    void *pSpill = mmap(nullptr, LINXD_MAX_SIGNAL_BYTES, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     jCloseIf(C.Fds[1]);
     struct epoll_event Event = {};
     Event.events = EPOLLIN;
-    if (C.Fds[0] < 0 || pSlots == MAP_FAILED || pSpill == MAP_FAILED ||
-        C.Reply.value[1] >= LINXD_MAX_SOCKETS || C.Reply.data_len != sizeof S.Generation ||
-        epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[0], &Event) != 0) {
+    if (C.Fds[0] < 0 || C.Fds[2] < 0 || pSlots == MAP_FAILED || C.Reply.value[1] >= LINXD_MAX_SOCKETS ||
+        C.Reply.data_len != sizeof S.Generation || C.Reply.value[2] < LINXD_RING_ENTRY_ALIGN ||
+        epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[0], &Event) != 0 ||
+        epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[2], &Event) != 0) {
         jCloseIf(C.Fds[0]);
+        jCloseIf(C.Fds[2]);
         if (pSlots != MAP_FAILED)
             munmap(pSlots, LINXD_REGION_BYTES);
-        if (pSpill != MAP_FAILED)
-            munmap(pSpill, LINXD_MAX_SIGNAL_BYTES);
         errno = EPROTO;
         return -1;
     }
     S.OutletFd = C.Fds[0];
+    S.BellFd = C.Fds[2];
     S.pSlots = (linxd_slot *)pSlots;
-    S.pSpill = (char *)pSpill;
     S.Spid = C.Reply.value[0];
     S.Slot = C.Reply.value[1];
     S.QueueBytes = C.Reply.value[2];
@@ -580,36 +627,117 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
 
 // ---- Sending -----------------------------------------------------------------
 
-std::shared_ptr<Inlet> jGetInlet(const StandinSocket &S, uint32_t To)
+uint64_t jEntryBytes(uint64_t Size)
 {
-    {
-        std::lock_guard<std::mutex> Lock(gInletMutex);
-        auto It = gInlets.find({S.Generation, To});
-        if (It != gInlets.end())
-            return It->second;
-    }
-    Call C;
-    if (jNumbersCall(S.ConnFd, &C, LINXD_OP_GET_INLET, To) != 0)
-        return nullptr;
-    if (C.Fds[0] < 0 || C.Reply.value[0] >= LINXD_MAX_SOCKETS) {
-        jCloseIf(C.Fds[0]);
-        errno = EPROTO;
-        return nullptr;
-    }
-    auto pInlet = std::make_shared<Inlet>(C.Fds[0], C.Reply.value[0]);
-    std::lock_guard<std::mutex> Lock(gInletMutex);
-    if (gInlets.size() >= kInletCacheLimit)
-        gInlets.clear(); // inlets in use stay open until their senders let go
-    gInlets[{S.Generation, To}] = pInlet;
-    return pInlet;
+    return sizeof(linxd_signal_header) + ((Size + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1));
 }
 
-void jForgetInlet(InstanceSpid To, const std::shared_ptr<Inlet> &pInlet)
+// A ring of this instance's size in a memory file sealed against resizing,
+// so that no process can pull pages from under the receiver's mapping.
+int jMakeRing(uint64_t Capacity, linxd_ring_header **ppHeader)
 {
-    std::lock_guard<std::mutex> Lock(gInletMutex);
-    auto It = gInlets.find(To);
-    if (It != gInlets.end() && It->second == pInlet)
-        gInlets.erase(It);
+    const uint64_t Bytes = sizeof(linxd_ring_header) + Capacity;
+    const int Fd = memfd_create("linx-ring", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (Fd < 0)
+        return -1;
+    void *p = MAP_FAILED;
+    if (ftruncate(Fd, (off_t)Bytes) == 0 && fcntl(Fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0)
+        p = mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    if (p == MAP_FAILED) {
+        const int Error = errno;
+        close(Fd);
+        errno = Error;
+        return -1;
+    }
+    *ppHeader = (linxd_ring_header *)p;
+    (*ppHeader)->magic = LINXD_RING_MAGIC;
+    (*ppHeader)->capacity = Capacity;
+    return Fd;
+}
+
+// Makes a ring for To and has linxd announce it to To's owner.
+RouteRef jOpenRoute(const StandinSocket &S, uint32_t To)
+{
+    const uint64_t Capacity = linxd_ring_capacity(S.QueueBytes);
+    linxd_ring_header *pRing = nullptr;
+    const int RingFd = jMakeRing(Capacity, &pRing);
+    if (RingFd < 0)
+        return nullptr;
+    Call C;
+    C.PassFd = RingFd;
+    const int Result = jNumbersCall(S.ConnFd, &C, LINXD_OP_OPEN_ROUTE, To);
+    const int Error = errno;
+    close(RingFd);
+    if (Result == 0 && (C.Fds[0] < 0 || C.Reply.value[0] >= LINXD_MAX_SOCKETS)) {
+        jCloseIf(C.Fds[0]);
+        C.Fds[0] = -1;
+        errno = EPROTO;
+    } else {
+        errno = Error;
+    }
+    if (Result != 0 || C.Fds[0] < 0) {
+        munmap(pRing, sizeof *pRing + Capacity);
+        return nullptr;
+    }
+    return std::make_shared<Route>(pRing, Capacity, C.Fds[0], C.Reply.value[0]);
+}
+
+bool jRingIsEmpty(const Route &R)
+{
+    return __atomic_load_n(&R.pHeader->head, __ATOMIC_ACQUIRE) == __atomic_load_n(&R.pHeader->tail, __ATOMIC_RELAXED);
+}
+
+// Gives a route up for good: its receiver may unmap the ring once read.
+void jAbandon(Route &R)
+{
+    R.bGone = true;
+    __atomic_store_n(&R.pHeader->abandoned, 1u, __ATOMIC_RELEASE);
+}
+
+// Makes room in a full cache by giving up routes nobody uses whose rings
+// were read to the end (gRouteMutex held): a route with signals still in
+// its ring is kept, so a later one never overtakes them.
+void jTrimRoutes()
+{
+    if (gRoutes.size() < kRouteCacheLimit)
+        return;
+    for (auto It = gRoutes.begin(); It != gRoutes.end();) {
+        const bool bIdle = It->second.use_count() == 1 && jRingIsEmpty(*It->second);
+        if (bIdle)
+            jAbandon(*It->second);
+        It = bIdle ? gRoutes.erase(It) : std::next(It);
+    }
+}
+
+RouteRef jRouteTo(const StandinSocket &S, uint32_t To)
+{
+    const InstanceSpid Key = {S.Generation, To};
+    {
+        std::lock_guard<std::mutex> Lock(gRouteMutex);
+        auto It = gRoutes.find(Key);
+        if (It != gRoutes.end())
+            return It->second;
+    }
+    RouteRef pRoute = jOpenRoute(S, To);
+    if (pRoute == nullptr)
+        return nullptr;
+    std::lock_guard<std::mutex> Lock(gRouteMutex);
+    auto Inserted = gRoutes.insert({Key, pRoute});
+    if (!Inserted.second) { // another thread opened one meanwhile: keep to one ring
+        jAbandon(*pRoute);
+        return Inserted.first->second;
+    }
+    jTrimRoutes();
+    return pRoute;
+}
+
+void jForgetRoute(InstanceSpid To, const RouteRef &pRoute)
+{
+    jAbandon(*pRoute);
+    std::lock_guard<std::mutex> Lock(gRouteMutex);
+    auto It = gRoutes.find(To);
+    if (It != gRoutes.end() && It->second == pRoute)
+        gRoutes.erase(It);
 }
 
 // Delivery within the process: the receiver adopts the sender's buffer.
@@ -632,42 +760,74 @@ int jSendLocal(StandinSocket &From, StandinSocket &To, const struct linx_transfe
     return 1;
 }
 
+// Writes the signal into the ring (Route's mutex held).  An entry that
+// would run past the end goes to the beginning behind a wrap entry.
+bool jWriteEntry(Route &R, const linxd_signal_header &Header, const void *pPayload, linxd_slot &Target)
+{
+    const uint64_t Capacity = R.Capacity;
+    const uint64_t Head = __atomic_load_n(&R.pHeader->head, __ATOMIC_ACQUIRE);
+    const uint64_t Tail = R.Tail;
+    const uint64_t Need = jEntryBytes(Header.size);
+    const uint64_t Offset = Tail % Capacity;
+    const uint64_t Pad = Offset + Need > Capacity ? Capacity - Offset : 0;
+    if (Tail - Head > Capacity || Tail + Pad + Need - Head > Capacity)
+        return false; // full (or a receiver that broke its own head)
+    if (Pad != 0) {
+        const linxd_signal_header Wrap = {0, 0, LINXD_RING_WRAP, 0};
+        memcpy(R.pData + Offset, &Wrap, sizeof Wrap);
+    }
+    char *pEntry = R.pData + (Tail + Pad) % Capacity;
+    memcpy(pEntry, &Header, sizeof Header);
+    memcpy(pEntry + sizeof Header, pPayload, Header.size);
+    jCountQueued(&Target, 1); // counted before the receiver can take it
+    R.Tail = Tail + Pad + Need;
+    __atomic_store_n(&R.pHeader->tail, R.Tail, __ATOMIC_RELEASE);
+    return true;
+}
+
+// Rings the receiver's bell if it armed it: the first sender to disarm it
+// rings, the others need no system call.
+void jRingBell(const Route &R, linxd_slot &Target)
+{
+    __atomic_thread_fence(__ATOMIC_SEQ_CST); // the entry is visible before armed is read
+    if (__atomic_load_n(&Target.armed, __ATOMIC_RELAXED) != 0 &&
+        __atomic_exchange_n(&Target.armed, 0u, __ATOMIC_SEQ_CST) != 0) {
+        const uint64_t One = 1;
+        (void)!write(R.BellFd, &One, sizeof One);
+    }
+}
+
 int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
 {
-    std::shared_ptr<Inlet> pInlet = jGetInlet(S, pRec->to);
-    if (pInlet == nullptr)
+    RouteRef pRoute = jRouteTo(S, pRec->to);
+    if (pRoute == nullptr)
         return -1;
-    linxd_slot &Target = S.pSlots[pInlet->Slot];
+    Route &R = *pRoute;
+    linxd_slot &Target = S.pSlots[R.Slot];
     // A slot that no longer names the receiver was cleared or handed on by
-    // linxd: the receiver closed, which the send itself reports.
-    const bool bOurs = __atomic_load_n(&Target.spid, __ATOMIC_ACQUIRE) == pRec->to;
-    if (bOurs && __atomic_load_n(&Target.parked_bytes, __ATOMIC_RELAXED) + pRec->size >
-                     __atomic_load_n(&Target.queue_limit, __ATOMIC_RELAXED)) {
-        jCount(&Target.refused_sends, 1);
-        errno = ENOBUFS; // the receiver keeps a full queue's worth aside
+    // linxd: the receiver closed.
+    if (R.bGone || __atomic_load_n(&Target.spid, __ATOMIC_ACQUIRE) != pRec->to) {
+        jForgetRoute({S.Generation, pRec->to}, pRoute);
+        errno = ECONNRESET;
+        return -1;
+    }
+    if (jEntryBytes(pRec->size) > R.Capacity) {
+        errno = EMSGSIZE; // larger than the receiver's whole queue
         return -1;
     }
     const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
-    struct iovec Iov[2] = {{(void *)&Header, sizeof Header},
-                           {(void *)(uintptr_t)pRec->buffer, pRec->size}};
-    struct msghdr Msg = {};
-    Msg.msg_iov = Iov;
-    Msg.msg_iovlen = 2;
-    jCountQueued(&Target, 1); // counted before the receiver can take it
-    if (sendmsg(pInlet->Fd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
-        const int Error = errno;
-        jCountQueued(&Target, -1);
-        if (Error == EAGAIN) {
-            jCount(&Target.refused_sends, 1);
-            errno = ENOBUFS; // the receiver's queue is full
-        } else if (Error == EPIPE || Error == ECONNRESET || Error == ECONNREFUSED) {
-            jForgetInlet({S.Generation, pRec->to}, pInlet);
-            errno = ECONNRESET; // the receiver closed
-        } else {
-            errno = Error;
-        }
+    bool bWritten = false;
+    if (__atomic_load_n(&Target.parked_bytes, __ATOMIC_RELAXED) + pRec->size <=
+        __atomic_load_n(&Target.queue_limit, __ATOMIC_RELAXED)) { // else it keeps a full queue aside
+        std::lock_guard<std::mutex> Lock(R.Mutex);
+        bWritten = jWriteEntry(R, Header, (const void *)(uintptr_t)pRec->buffer, Target);
+    }
+    if (!bWritten) {
+        jCount(&Target.refused_sends, 1);
+        errno = ENOBUFS;
         return -1;
     }
+    jRingBell(R, Target);
     jCountSent(&S.pSlots[S.Slot], pRec->size);
     return 0;
 }
@@ -795,7 +955,6 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
         } else {
             return jTooLarge(pRec, Size);
         }
-        S.bLastLocal = It->pTaken != nullptr;
         S.QueuedBytes -= Size;
         jPublishParked(S);
         S.Queue.erase(It);
@@ -806,56 +965,255 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
     return Result;
 }
 
-// Reads the next signal of the outlet straight into the caller's buffer
-// (the part that does not fit lands in the spill area).  A signal that is
-// not selected or does not fit moves to the local queue.  A malformed
-// datagram is dropped.  Returns as jTakeQueued; -1 with EAGAIN when the
-// outlet is empty and may be read again after a wait.
-int jTakeFromOutlet(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
+// ---- Rings -------------------------------------------------------------------
+
+bool jAnyRingWaiting(const StandinSocket &S)
 {
-    char *pBuffer = (char *)(uintptr_t)pRec->buffer;
-    const uint32_t Room = pRec->size;
+    for (const InRing &R : S.Rings)
+        if (__atomic_load_n(&R.pHeader->tail, __ATOMIC_ACQUIRE) != R.Head)
+            return true;
+    return false;
+}
+
+void jUnmapRing(const InRing &R)
+{
+    munmap(R.pHeader, sizeof *R.pHeader + R.Capacity);
+}
+
+// A ring that breaks the rules is its sender's fault: it is dropped with
+// everything in it, and the receiver carries on with the others.
+void jRefuseRing(StandinSocket &S, size_t Index, const char *pWhy)
+{
+    fprintf(stderr, "linx: refused the signal ring of process %d: %s\n", (int)S.Rings[Index].Sender, pWhy);
+    jUnmapRing(S.Rings[Index]);
+    S.Rings.erase(S.Rings.begin() + (ptrdiff_t)Index);
+}
+
+// Rings nobody will write again and that were read to the end.
+void jSweepRings(StandinSocket &S)
+{
+    for (size_t i = 0; i < S.Rings.size();) {
+        const InRing &R = S.Rings[i];
+        const bool bDone = __atomic_load_n(&R.pHeader->tail, __ATOMIC_ACQUIRE) == R.Head &&
+                           (__atomic_load_n(&R.pHeader->abandoned, __ATOMIC_ACQUIRE) != 0 ||
+                            (kill(R.Sender, 0) != 0 && errno == ESRCH));
+        if (bDone) {
+            jUnmapRing(R);
+            S.Rings.erase(S.Rings.begin() + (ptrdiff_t)i);
+        } else {
+            i++;
+        }
+    }
+}
+
+// Maps a ring announced by linxd for a sender of process Pid.
+void jAdoptRing(StandinSocket &S, int Fd, pid_t Pid)
+{
+    const uint64_t Capacity = linxd_ring_capacity(S.QueueBytes);
+    const uint64_t Bytes = sizeof(linxd_ring_header) + Capacity;
+    struct stat Stat;
+    void *p = MAP_FAILED;
+    if (fstat(Fd, &Stat) == 0 && (uint64_t)Stat.st_size == Bytes)
+        p = mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    close(Fd);
+    InRing R;
+    R.Sender = Pid;
+    R.Capacity = Capacity;
+    if (p == MAP_FAILED) {
+        fprintf(stderr, "linx: refused the signal ring of process %d: cannot map it (%s)\n", (int)Pid,
+                strerror(errno));
+        return;
+    }
+    R.pHeader = (linxd_ring_header *)p;
+    R.pData = (char *)(R.pHeader + 1);
+    S.Rings.push_back(R);
+    if (R.pHeader->magic != LINXD_RING_MAGIC || R.pHeader->capacity != Capacity)
+        jRefuseRing(S, S.Rings.size() - 1, "not a ring of this instance");
+    if (S.Rings.size() % 16 == 0)
+        jSweepRings(S);
+}
+
+enum class Peeked { Empty, Signal, Broken };
+
+// The entry at the ring's head, checked against the ring's bounds before
+// anything of it is trusted; wrap entries are stepped over.
+Peeked jPeekRing(const StandinSocket &S, InRing &R, linxd_signal_header *pHeader, const char **ppWhy)
+{
+    for (;;) {
+        const uint64_t Tail = __atomic_load_n(&R.pHeader->tail, __ATOMIC_ACQUIRE);
+        if (Tail == R.Head)
+            return Peeked::Empty;
+        const uint64_t Offset = R.Head % R.Capacity;
+        if (Tail - R.Head > R.Capacity || (Tail - R.Head) % LINXD_RING_ENTRY_ALIGN != 0) {
+            *ppWhy = "its positions are impossible";
+            return Peeked::Broken;
+        }
+        memcpy(pHeader, R.pData + Offset, sizeof *pHeader);
+        if (pHeader->size == LINXD_RING_WRAP) {
+            const uint64_t Next = R.Head + (R.Capacity - Offset);
+            if (Next > Tail) {
+                *ppWhy = "a wrap entry beyond what was written";
+                return Peeked::Broken;
+            }
+            R.Head = Next;
+            __atomic_store_n(&R.pHeader->head, Next, __ATOMIC_RELEASE);
+            continue;
+        }
+        const uint64_t Need = jEntryBytes(pHeader->size);
+        if (pHeader->size < sizeof(uint32_t) || Offset + Need > R.Capacity || R.Head + Need > Tail) {
+            *ppWhy = "an entry whose size does not fit";
+            return Peeked::Broken;
+        }
+        if (pHeader->to != S.Spid) {
+            *ppWhy = "an entry addressed to another socket";
+            return Peeked::Broken;
+        }
+        return Peeked::Signal;
+    }
+}
+
+const char *jEntryPayload(const InRing &R)
+{
+    return R.pData + R.Head % R.Capacity + sizeof(linxd_signal_header);
+}
+
+void jAdvance(InRing &R, uint32_t Size)
+{
+    R.Head += jEntryBytes(Size);
+    __atomic_store_n(&R.pHeader->head, R.Head, __ATOMIC_RELEASE);
+}
+
+// Moves the signal at the ring's head to the local queue.
+void jParkEntry(StandinSocket &S, InRing &R, const linxd_signal_header &Header)
+{
+    Pending Entry;
+    Entry.Header = Header;
+    Entry.Data.assign(jEntryPayload(R), Header.size);
+    jAdvance(R, Header.size);
+    jEnqueue(S, std::move(Entry), false);
+}
+
+// Takes the first selected signal of the rings, starting after the ring
+// served last; signals not selected move to the local queue.  Returns as
+// jTakeQueued.
+int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
+{
+    for (size_t Looked = 0; Looked < S.Rings.size(); Looked++) {
+        const size_t Index = (S.NextRing + Looked) % S.Rings.size();
+        InRing &R = S.Rings[Index];
+        linxd_signal_header Header;
+        const char *pWhy = nullptr;
+        Peeked State;
+        while ((State = jPeekRing(S, R, &Header, &pWhy)) == Peeked::Signal) {
+            const char *pPayload = jEntryPayload(R);
+            if (!jSelected(Sel, Header, jSigNo(pPayload))) {
+                jParkEntry(S, R, Header);
+                continue;
+            }
+            if (Header.size > pRec->size)
+                return jTooLarge(pRec, Header.size);
+            memcpy((void *)(uintptr_t)pRec->buffer, pPayload, Header.size);
+            jFillRecord(pRec, Header, pRec->buffer);
+            jAdvance(R, Header.size);
+            jCountTaken(S, Header.size);
+            S.NextRing = Index + 1;
+            return (int)Header.size;
+        }
+        if (State == Peeked::Broken) {
+            jRefuseRing(S, Index, pWhy);
+            Looked--; // the next ring moved into this place
+        }
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+// Everything the rings hold moves to the local queue (before a signal of
+// linxd's, which must not overtake what was sent before it).
+void jParkRings(StandinSocket &S)
+{
+    for (size_t Index = 0; Index < S.Rings.size(); Index++) {
+        InRing &R = S.Rings[Index];
+        linxd_signal_header Header;
+        const char *pWhy = nullptr;
+        Peeked State;
+        while ((State = jPeekRing(S, R, &Header, &pWhy)) == Peeked::Signal)
+            jParkEntry(S, R, Header);
+        if (State == Peeked::Broken)
+            jRefuseRing(S, Index--, pWhy);
+    }
+}
+
+// Keeps the bell exact: readable while a ring holds a signal.  When every
+// ring is empty the bell is silenced and armed, so that the next sender
+// rings it; what arrived meanwhile rings it again.  Costs no system call
+// while the rings are busy or the bell is already armed and silent.
+void jSettleBell(StandinSocket &S, bool bRang)
+{
+    if (jAnyRingWaiting(S))
+        return;
+    linxd_slot &Own = S.pSlots[S.Slot];
+    if (!bRang && __atomic_load_n(&Own.armed, __ATOMIC_ACQUIRE) != 0)
+        return;
+    uint64_t Count;
+    (void)!read(S.BellFd, &Count, sizeof Count);
+    __atomic_store_n(&Own.armed, 1u, __ATOMIC_SEQ_CST);
+    if (jAnyRingWaiting(S) && __atomic_exchange_n(&Own.armed, 0u, __ATOMIC_SEQ_CST) != 0) {
+        const uint64_t One = 1;
+        (void)!write(S.BellFd, &One, sizeof One);
+    }
+}
+
+// ---- The outlet ------------------------------------------------------------------
+
+// Reads what linxd put in the outlet: ring announcements are adopted,
+// signals queued locally.  Skipped while linxd's count says nothing came
+// (unless bForce: the outlet was seen readable).  Returns 0, or -1 with
+// ENOTCONN when linxd is gone.
+int jPullOutlet(StandinSocket &S, bool bForce)
+{
+    const uint32_t Hint = __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_ACQUIRE);
+    if (!bForce && Hint == S.OutletHint)
+        return 0;
+    S.OutletHint = Hint;
+    thread_local std::vector<char> Buffer(sizeof(linxd_signal_header) + LINXD_MAX_CONTROL_SIGNAL);
     for (;;) {
         linxd_signal_header Header;
-        struct iovec Iov[3] = {{&Header, sizeof Header}, {pBuffer, Room}, {S.pSpill, LINXD_MAX_SIGNAL_BYTES}};
+        struct iovec Iov[2] = {{&Header, sizeof Header}, {Buffer.data(), Buffer.size()}};
+        char Control[CMSG_SPACE(sizeof(int))];
         struct msghdr Msg = {};
         Msg.msg_iov = Iov;
-        Msg.msg_iovlen = 3;
-        const ssize_t Got = recvmsg(S.OutletFd, &Msg, MSG_DONTWAIT);
+        Msg.msg_iovlen = 2;
+        Msg.msg_control = Control;
+        Msg.msg_controllen = sizeof Control;
+        const ssize_t Got = recvmsg(S.OutletFd, &Msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
         if (Got < 0)
-            return -1;
+            return errno == EAGAIN ? 0 : -1;
+        int Fd = -1;
+        jTakeFds(&Msg, &Fd, 1);
         if (Got == 0) {
-            // End of the queue (the socket was shut down), or an empty
-            // datagram from a careless sender, which is dropped.
-            struct pollfd Hangup = {S.OutletFd, POLLRDHUP, 0};
-            if (poll(&Hangup, 1, 0) > 0 && (Hangup.revents & (POLLHUP | POLLRDHUP))) {
-                errno = ENOTCONN;
-                return -1;
-            }
-            continue;
+            errno = ENOTCONN; // linxd closed its end: it is gone
+            return -1;
         }
         const uint64_t PayloadBytes = (uint64_t)Got - sizeof Header;
-        if ((size_t)Got < sizeof Header + sizeof(uint32_t) || (Msg.msg_flags & MSG_TRUNC) ||
+        if ((size_t)Got < sizeof Header + sizeof(uint32_t) || (Msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) ||
             Header.size != PayloadBytes || Header.to != S.Spid) {
-            jCountQueued(&S.pSlots[S.Slot], -1); // malformed: dropped
+            fprintf(stderr, "linx: dropped a malformed datagram of %zd bytes from linxd\n", Got);
+            jCloseIf(Fd);
             continue;
         }
-        const uint32_t Size = Header.size;
-        if (Size <= Room && jSelected(Sel, Header, jSigNo(pBuffer))) {
-            S.bLastLocal = false;
-            jFillRecord(pRec, Header, pRec->buffer);
-            jCountTaken(S, Size);
-            return (int)Size;
+        if (Header.attributes == LINXD_ANNOUNCE_RING && Fd >= 0) {
+            uint32_t Pid;
+            memcpy(&Pid, Buffer.data(), sizeof Pid);
+            jAdoptRing(S, Fd, (pid_t)Pid);
+            continue;
         }
+        jCloseIf(Fd);
+        jParkRings(S);
         Pending Entry;
         Entry.Header = Header;
-        Entry.Data.assign(pBuffer, Size <= Room ? Size : Room);
-        if (Size > Room)
-            Entry.Data.append(S.pSpill, Size - Room);
-        const bool bSelected = jSelected(Sel, Header, jSigNo(Entry.Data.data()));
+        Entry.Data.assign(Buffer.data(), Header.size);
         jEnqueue(S, std::move(Entry), false);
-        if (bSelected)
-            return jTooLarge(pRec, Size);
     }
 }
 
@@ -877,11 +1235,11 @@ int jTimedOut(struct linx_transfer_rec *pRec)
     return 0;
 }
 
-// Waits for the outlet, a local arrival or linxd's end.  Returns 1 to look
-// again, 0 on timeout, -1 with errno (EINTR, or ENOTCONN when linxd is gone).
-// A signal queued locally since the caller looked (Seen) ends the wait at
-// once: its sender saw no waiter and rang no bell.
-int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen)
+// Waits for the outlet, the bell, a local arrival or linxd's end.  Returns
+// 1 to look again, 0 on timeout, -1 with errno (EINTR, or ENOTCONN when
+// linxd is gone).  A signal queued locally since the caller looked (Seen)
+// ends the wait at once: its sender saw no waiter and rang no bell.
+int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen, bool *pOutletReady, bool *pRang)
 {
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
@@ -889,8 +1247,9 @@ int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen)
             return 1;
         S.bWaiting = true;
     }
-    struct pollfd Fds[3] = {{S.OutletFd, POLLIN, 0}, {S.ArrivalFd, POLLIN, 0}, {S.ConnFd, POLLIN, 0}};
-    const int Ready = poll(Fds, 3, TimeoutMs);
+    struct pollfd Fds[4] = {
+        {S.OutletFd, POLLIN, 0}, {S.ArrivalFd, POLLIN, 0}, {S.BellFd, POLLIN, 0}, {S.ConnFd, POLLIN, 0}};
+    const int Ready = poll(Fds, 4, TimeoutMs);
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
         S.bWaiting = false;
@@ -901,28 +1260,31 @@ int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen)
         uint64_t Count;
         (void)!read(S.ArrivalFd, &Count, sizeof Count);
     }
-    // What reached the queue before linxd went is still taken.
-    if ((Fds[0].revents & POLLIN) || Fds[1].revents != 0)
+    *pOutletReady = Fds[0].revents != 0;
+    *pRang = Fds[2].revents != 0;
+    // What reached the queues before linxd went is still taken.
+    if (Fds[0].revents != 0 || Fds[1].revents != 0 || Fds[2].revents != 0)
         return 1;
-    if (Fds[2].revents != 0) {
+    if (Fds[3].revents != 0) {
         errno = ENOTCONN; // linxd never writes unasked: it is gone
         return -1;
     }
     return Ready > 0 ? 1 : 0;
 }
 
-// A thread talking to another thread of this process usually gets its
-// answer within microseconds: yielding for that long beats the cost of
-// falling asleep and being woken.  Returns true when a signal was queued.
-bool jSpinForLocal(StandinSocket &S, uint64_t Seen)
+// A peer that answers within microseconds is best waited for awake: it
+// spares both sides a sleep and a wake-up.  Yields the processor while it
+// looks, so a peer on the same core gets to run.  Returns true when
+// something came.
+bool jSpin(StandinSocket &S, uint64_t Seen)
 {
-    constexpr int64_t kSpinNs = 100000;
     struct timespec Start, Now;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     do {
-        if (S.Pushes.load(std::memory_order_relaxed) != Seen)
+        if (S.Pushes.load(std::memory_order_relaxed) != Seen || jAnyRingWaiting(S) ||
+            __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_RELAXED) != S.OutletHint)
             return true;
-        __builtin_ia32_pause();
+        sched_yield();
         clock_gettime(CLOCK_MONOTONIC, &Now);
     } while ((Now.tv_sec - Start.tv_sec) * 1000000000LL + (Now.tv_nsec - Start.tv_nsec) < kSpinNs);
     return false;
@@ -944,17 +1306,24 @@ int jReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
     const Selection Sel = {pSigselect, pRec->from};
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
+    bool bOutletReady = false, bRang = false;
     for (;;) {
+        const bool bLinxdGone = jPullOutlet(S, bOutletReady) != 0;
         uint64_t Seen = 0;
         int Result = jTakeQueued(S, Sel, pRec, &Seen);
         if (Result >= 0)
             return Result;
-        Result = jTakeFromOutlet(S, Sel, pRec);
-        if (Result >= 0 || errno != EAGAIN)
+        Result = jTakeFromRings(S, Sel, pRec);
+        jSettleBell(S, bRang);
+        if (Result >= 0)
             return Result;
-        if (S.bLastLocal && pRec->tmo != 0 && jSpinForLocal(S, Seen))
+        if (bLinxdGone) {
+            errno = ENOTCONN;
+            return -1;
+        }
+        if (pRec->tmo != 0 && jSpin(S, Seen))
             continue;
-        const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start), Seen);
+        const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start), Seen, &bOutletReady, &bRang);
         if (Waited <= 0)
             return Waited == 0 ? jTimedOut(pRec) : -1;
     }

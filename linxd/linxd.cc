@@ -9,10 +9,12 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -62,7 +64,8 @@ struct Socket {
     std::string Name;
     int ClientFd = -1;
     pid_t Pid = 0;
-    int InletFd = -1;
+    int InletFd = -1;                // linxd's end of the outlet
+    int BellFd = -1;                 // eventfd senders ring when the owner armed it
     uint32_t Slot = 0;
     std::deque<std::string> Backlog; // linxd's signals waiting for queue room
     size_t BacklogBytes = 0;
@@ -97,7 +100,7 @@ struct Timer {
 struct Reply {
     linxd_reply Header = {};
     std::string Data;
-    int Fds[2] = {-1, -1};
+    int Fds[3] = {-1, -1, -1};
 };
 
 class Service {
@@ -119,7 +122,8 @@ private:
     void jDropClient(int Fd);
     void jCloseSocket(uint32_t Spid);
     Reply jHandle(Client &C, const linxd_request &Req, const std::string &Name,
-                  const std::string &Signal);
+                  const std::string &Signal, int PassedFd);
+    Reply jOpenRoute(Client &C, uint32_t Target, int RingFd);
     Reply jRegister(Client &C, const std::string &Name);
     Reply jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std::string Signal);
     Reply jAttach(Client &C, uint32_t Target, std::string Signal);
@@ -324,8 +328,8 @@ bool Service::jSendReply(int Fd, const Reply &R)
     struct msghdr Msg = {};
     Msg.msg_iov = Iov;
     Msg.msg_iovlen = 2;
-    char Control[CMSG_SPACE(2 * sizeof(int))] = {};
-    const int FdCount = (R.Fds[0] >= 0) + (R.Fds[1] >= 0);
+    char Control[CMSG_SPACE(3 * sizeof(int))] = {};
+    const int FdCount = (R.Fds[0] >= 0) + (R.Fds[1] >= 0) + (R.Fds[2] >= 0);
     if (FdCount > 0) {
         Msg.msg_control = Control;
         Msg.msg_controllen = CMSG_SPACE(FdCount * sizeof(int));
@@ -357,10 +361,41 @@ const char *jMalformed(const char *pBuffer, ssize_t Got, linxd_request *pReq)
     return nullptr;
 }
 
+// Receives one request datagram; the first descriptor that came with it
+// goes to *pPassedFd (-1 if none), any further ones are closed.
+ssize_t jReceiveRequest(int Fd, std::vector<char> &Buffer, int *pPassedFd)
+{
+    struct iovec Iov = {Buffer.data(), Buffer.size()};
+    char Control[CMSG_SPACE(4 * sizeof(int))];
+    struct msghdr Msg = {};
+    Msg.msg_iov = &Iov;
+    Msg.msg_iovlen = 1;
+    Msg.msg_control = Control;
+    Msg.msg_controllen = sizeof Control;
+    const ssize_t Got = recvmsg(Fd, &Msg, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
+    *pPassedFd = -1;
+    if (Got < 0)
+        return Got;
+    for (struct cmsghdr *p = CMSG_FIRSTHDR(&Msg); p != nullptr; p = CMSG_NXTHDR(&Msg, p)) {
+        if (p->cmsg_level != SOL_SOCKET || p->cmsg_type != SCM_RIGHTS)
+            continue;
+        for (size_t i = 0; i < (p->cmsg_len - CMSG_LEN(0)) / sizeof(int); i++) {
+            int Passed;
+            memcpy(&Passed, CMSG_DATA(p) + i * sizeof(int), sizeof Passed);
+            if (*pPassedFd < 0)
+                *pPassedFd = Passed;
+            else
+                close(Passed);
+        }
+    }
+    return Got;
+}
+
 void Service::jServeClient(int Fd)
 {
     static std::vector<char> Buffer(LINXD_MAX_REQUEST_BYTES);
-    const ssize_t Got = recv(Fd, Buffer.data(), Buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    int PassedFd = -1;
+    const ssize_t Got = jReceiveRequest(Fd, Buffer, &PassedFd);
     if (Got < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (Got < 0 || (Got == 0 && jHungUp(Fd))) {
@@ -376,8 +411,11 @@ void Service::jServeClient(int Fd)
         R = jError((size_t)Got > Buffer.size() ? EMSGSIZE : EPROTO);
     } else {
         const char *pData = Buffer.data() + sizeof Req;
-        R = jHandle(C, Req, std::string(pData, Req.name_len), std::string(pData + Req.name_len, Req.sig_len));
+        R = jHandle(C, Req, std::string(pData, Req.name_len), std::string(pData + Req.name_len, Req.sig_len),
+                    PassedFd);
     }
+    if (PassedFd >= 0)
+        close(PassedFd); // the receiver got its own copy of a ring
     const bool bSent = jSendReply(Fd, R);
     if (R.Fds[0] >= 0 && R.Header.result == 0 && Req.op == LINXD_OP_REGISTER)
         close(R.Fds[0]); // the outlet now belongs to the client alone
@@ -390,7 +428,7 @@ void Service::jServeClient(int Fd)
 }
 
 Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &Name,
-                       const std::string &Signal)
+                       const std::string &Signal, int PassedFd)
 {
     if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_INFO_SOCKETS) {
         fprintf(stderr, "linxd: refused a request of process %d: unknown operation %u\n", (int)C.Pid, Req.op);
@@ -458,7 +496,9 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
         return jSummary();
     case LINXD_OP_INFO_SOCKETS:
         return jSpidsAbove(Arg0, Req.arg[1]);
-    default: // the queries about one socket: name, owner, statistics, queue, inlet
+    case LINXD_OP_OPEN_ROUTE:
+        return jOpenRoute(C, Arg0, PassedFd);
+    default: // the queries about one socket: name, owner, statistics, queue
         return jInfo(Req.op, Arg0);
     }
 }
@@ -474,13 +514,17 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     int Pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, Pair) != 0)
         return jError(errno);
+    const int BellFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (BellFd < 0) {
+        const int Error = errno;
+        close(Pair[0]);
+        close(Pair[1]);
+        return jError(Error);
+    }
     const int QueueBytes = (int)mOptions.QueueBytes;
     if (setsockopt(Pair[0], SOL_SOCKET, SO_SNDBUFFORCE, &QueueBytes, sizeof QueueBytes) != 0)
         setsockopt(Pair[0], SOL_SOCKET, SO_SNDBUF, &QueueBytes, sizeof QueueBytes);
     fcntl(Pair[0], F_SETFL, O_NONBLOCK);
-    int Effective = 0;
-    socklen_t Len = sizeof Effective;
-    getsockopt(Pair[0], SOL_SOCKET, SO_SNDBUF, &Effective, &Len);
 
     Socket S;
     S.Spid = jNewSpid();
@@ -488,6 +532,7 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     S.ClientFd = C.Fd;
     S.Pid = C.Pid;
     S.InletFd = Pair[0];
+    S.BellFd = BellFd;
     if (mFreeSlots.empty()) {
         S.Slot = mUnusedSlots++;
     } else {
@@ -496,7 +541,8 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     }
     linxd_slot &Slot = mpSlots[S.Slot];
     memset(&Slot, 0, sizeof Slot);
-    Slot.queue_limit = (uint32_t)Effective;
+    Slot.queue_limit = mOptions.QueueBytes;
+    Slot.armed = 1; // the rings are empty and the bell silent
     __atomic_store_n(&Slot.spid, S.Spid, __ATOMIC_RELEASE);
     C.Spid = S.Spid;
     mNames[Name].push_back(S.Spid);
@@ -506,10 +552,11 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     Reply R;
     R.Header.value[0] = Spid;
     R.Header.value[1] = mSockets[Spid].Slot;
-    R.Header.value[2] = (uint32_t)Effective;
+    R.Header.value[2] = mOptions.QueueBytes;
     R.Data.assign((const char *)&mGeneration, sizeof mGeneration);
     R.Fds[0] = Pair[1];
     R.Fds[1] = mRegionFd;
+    R.Fds[2] = BellFd;
 
     // Hunts waiting for this name are answered once the reply is out, so
     // that nobody learns of the socket before its owner does.
@@ -586,10 +633,6 @@ Reply Service::jInfo(uint32_t Op, uint32_t Spid)
     case LINXD_OP_INFO_QUEUE:
         R.Header.value[0] = Queued > 0 ? (uint32_t)Queued : 0;
         break;
-    case LINXD_OP_GET_INLET:
-        R.Header.value[0] = pS->Slot;
-        R.Fds[0] = pS->InletFd;
-        break;
     case LINXD_OP_INFO_STAT: {
         struct linx_info_stat Stat = {};
         Stat.spid = Spid;
@@ -640,6 +683,57 @@ Reply Service::jSpidsAbove(uint32_t After, uint32_t Room) const
     return R;
 }
 
+// Why RingFd cannot serve as a ring of this instance, or null.  Only a
+// memory file sealed against resizing is taken: the receiver maps it, and
+// a file that could shrink under the mapping would crash the receiver.
+const char *jRingRefusal(int RingFd, uint32_t QueueBytes)
+{
+    if (RingFd < 0)
+        return "no ring came with the request";
+    const int Seals = fcntl(RingFd, F_GET_SEALS);
+    constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+    if (Seals < 0 || (Seals & kNeeded) != kNeeded)
+        return "the ring is not a memory file sealed against resizing";
+    struct stat Stat;
+    if (fstat(RingFd, &Stat) != 0 || (uint64_t)Stat.st_size != linxd_ring_bytes(QueueBytes))
+        return "the ring's size is not this instance's";
+    return nullptr;
+}
+
+// Hands a sender's ring to the receiver Target (an announcement in its
+// outlet) and gives the sender the receiver's bell.
+Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
+{
+    Socket *pS = jFindSocket(Target);
+    if (pS == nullptr)
+        return jError(ECONNRESET);
+    if (const char *pRefusal = jRingRefusal(RingFd, mOptions.QueueBytes)) {
+        fprintf(stderr, "linxd: refused a request of process %d: %s\n", (int)C.Pid, pRefusal);
+        return jError(EINVAL);
+    }
+    const uint32_t Pid = (uint32_t)C.Pid;
+    const linxd_signal_header Header = {C.Spid, Target, sizeof Pid, LINXD_ANNOUNCE_RING};
+    struct iovec Iov[2] = {{(void *)&Header, sizeof Header}, {(void *)&Pid, sizeof Pid}};
+    char Control[CMSG_SPACE(sizeof(int))] = {};
+    struct msghdr Msg = {};
+    Msg.msg_iov = Iov;
+    Msg.msg_iovlen = 2;
+    Msg.msg_control = Control;
+    Msg.msg_controllen = sizeof Control;
+    struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg);
+    pCmsg->cmsg_level = SOL_SOCKET;
+    pCmsg->cmsg_type = SCM_RIGHTS;
+    pCmsg->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(pCmsg), &RingFd, sizeof RingFd);
+    if (sendmsg(pS->InletFd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+        return jError(errno == EAGAIN ? ENOBUFS : ECONNRESET); // its outlet is full of linxd's signals
+    __atomic_add_fetch(&mpSlots[pS->Slot].outlet_signals, 1, __ATOMIC_RELEASE);
+    Reply R;
+    R.Header.value[0] = pS->Slot;
+    R.Fds[0] = pS->BellFd;
+    return R;
+}
+
 // Queues one of linxd's own signals for socket To, as sent by From.
 void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal)
 {
@@ -685,6 +779,8 @@ void Service::jFlushBacklog(Socket &S)
                 return;
             }
             __atomic_sub_fetch(&mpSlots[S.Slot].queued, 1, __ATOMIC_RELAXED);
+        } else {
+            __atomic_add_fetch(&mpSlots[S.Slot].outlet_signals, 1, __ATOMIC_RELEASE);
         }
         S.BacklogBytes -= Datagram.size();
         mBacklogBytes -= Datagram.size();
@@ -705,10 +801,9 @@ void Service::jCloseSocket(uint32_t Spid)
     Named.erase(std::find(Named.begin(), Named.end(), Spid));
     if (Named.empty())
         mNames.erase(S.Name);
-    // Shutting the inlet down makes every sender's duplicate fail at once.
-    shutdown(S.InletFd, SHUT_RDWR);
     epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.InletFd, nullptr);
     close(S.InletFd);
+    close(S.BellFd);
     memset(&mpSlots[S.Slot], 0, sizeof(linxd_slot));
     mFreeSlots.push_back(S.Slot);
     jDropBacklog(S);
@@ -841,8 +936,10 @@ Service::~Service()
 {
     for (const auto &Entry : mClients)
         close(Entry.first);
-    for (const auto &Entry : mSockets)
+    for (const auto &Entry : mSockets) {
         close(Entry.second.InletFd);
+        close(Entry.second.BellFd);
+    }
     for (const int Fd : {mListenFd, mEpollFd, mRegionFd, mReserveFd})
         if (Fd >= 0)
             close(Fd);

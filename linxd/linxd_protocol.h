@@ -8,17 +8,25 @@
  * descriptors travel as SCM_RIGHTS.  Closing the connection (or the death of
  * its process) closes the emulated socket.
  *
- * Data: each emulated socket's receive queue is the kernel queue of a
- * SOCK_SEQPACKET socket pair made by linxd.  The owner reads the outlet;
- * linxd keeps the inlet and hands duplicates to senders (GET_INLET), so a
- * signal goes from sender to receiver in one datagram without passing
- * through linxd.  The inlet's send buffer is the socket's queue limit.
- * When the socket closes, linxd shuts the inlet down: every sender's
- * duplicate then fails with EPIPE.
+ * Data: signals between processes travel through shared-memory rings,
+ * one per sending process and receiving socket, written by the sender
+ * alone and read by the receiver alone (single producer, single consumer).
+ * The sender makes the ring (a sealed memfd) and hands it to linxd with
+ * OPEN_ROUTE; linxd checks it and passes it on to the receiver through the
+ * receiver's outlet, and gives the sender the receiver's bell (an eventfd)
+ * and slot.  A send to a receiver that is busy is a copy into the ring and
+ * a store: no system call.  The bell is rung only when the receiver has
+ * armed it (its slot's armed word), that is when it found every ring empty.
+ *
+ * linxd's own signals (hunt answers, attach signals, timeouts) and ring
+ * announcements go through the outlet: the receiving end of a
+ * SOCK_SEQPACKET socket pair whose other end only linxd holds.
  *
  * Counters: linxd shares one memory region of slots with every client; a
  * socket's slot counts its queued, sent and received signals, so any
- * process can ask how many signals wait for any socket.
+ * process can ask how many signals wait for any socket.  Every value a
+ * process reads from shared memory written by others is checked before it
+ * is used: a sender can break only its own ring.
  */
 #ifndef LINXD_PROTOCOL_H
 #define LINXD_PROTOCOL_H
@@ -44,7 +52,7 @@ enum linxd_op {
                                  data: the instance's 64-bit generation, drawn at
                                  random when linxd starts (SPIDs start again at
                                  every start: they name a socket only together
-                                 with it); fds: outlet, counter region */
+                                 with it); fds: outlet, counter region, bell */
     LINXD_OP_HUNT,            /* arg[0] on behalf of, name, signal -> 0 */
     LINXD_OP_ATTACH,          /* arg[0] spid, signal -> value[0] reference */
     LINXD_OP_DETACH,          /* arg[0] reference */
@@ -57,7 +65,10 @@ enum linxd_op {
     LINXD_OP_INFO_OWNER,      /* arg[0] spid -> value[0] pid */
     LINXD_OP_INFO_STAT,       /* arg[0] spid -> trailing 120-byte linx_info_stat */
     LINXD_OP_INFO_QUEUE,      /* arg[0] spid -> value[0] signals waiting */
-    LINXD_OP_GET_INLET,       /* arg[0] spid -> value[0] slot; fd: inlet */
+    LINXD_OP_OPEN_ROUTE,      /* arg[0] spid, fd: the sender's ring (sealed memfd of
+                                 linxd_ring_bytes(queue bytes)) -> value[0] slot;
+                                 fd: the receiver's bell.  The ring reaches the
+                                 receiver as an announcement in its outlet */
     LINXD_OP_INFO_SUMMARY,    /* -> trailing 32-byte linx_info_summary */
     LINXD_OP_INFO_SOCKETS,    /* arg[0] after, arg[1] room -> trailing SPIDs above
                                  after, ascending, at most room and at most
@@ -94,7 +105,8 @@ struct linxd_signal_header {
 
 /* One socket's counters in the shared region.  Written with atomic
  * operations by every process that sends to or receives from the socket;
- * linxd stamps spid when it hands the slot out. */
+ * linxd stamps spid when it hands the slot out.  The same layout on 32-bit
+ * and 64-bit processes: every 64-bit field is 8-byte aligned by position. */
 struct linxd_slot {
     uint32_t spid;
     uint32_t queue_limit;     /* bytes the socket's queue holds (linxd) */
@@ -107,8 +119,55 @@ struct linxd_slot {
     uint64_t parked_bytes;    /* signals its owner took out of the queue
                                  unselected and keeps aside (the owner);
                                  they count against queue_limit */
+    /* Written by senders on every send: a cache line of their own. */
+    uint32_t armed;           /* 1: the owner found its rings empty and
+                                 waits for the bell; the first sender to
+                                 swap it to 0 rings (linxd starts it at 1) */
+    uint32_t outlet_signals;  /* datagrams linxd put in the outlet (a hint
+                                 that saves the owner a system call) */
+    uint32_t reserved[14];
 };
 
 #define LINXD_REGION_BYTES ((uint64_t)LINXD_MAX_SOCKETS * sizeof(struct linxd_slot))
+
+/* A ring: this header, then capacity bytes of entries.  An entry is a
+ * linxd_signal_header and its payload, padded to 16 bytes; an entry whose
+ * size is LINXD_RING_WRAP fills the rest of the ring, and the next one
+ * starts at its beginning.  head and tail count bytes ever taken and
+ * written; an entry becomes visible when tail passes it (release), and its
+ * room is free again when head does. */
+struct linxd_ring_header {
+    uint32_t magic;
+    uint32_t abandoned;       /* the sender will write no more */
+    uint64_t capacity;
+    uint8_t pad0[48];
+    uint64_t tail;            /* the sender's line */
+    uint8_t pad1[56];
+    uint64_t head;            /* the receiver's line */
+    uint8_t pad2[56];
+};
+
+#define LINXD_RING_MAGIC 0x52584E4Cu /* "LNXR" */
+#define LINXD_RING_WRAP  0xFFFFFFFFu
+#define LINXD_RING_ENTRY_ALIGN 16u
+/* attributes of an outlet datagram that announces a ring (size 0, payload:
+ * the sender's pid as a uint32_t, one descriptor: the ring) */
+#define LINXD_ANNOUNCE_RING 0x52494E47u /* "RING" */
+
+/* The ring of a socket whose queue holds QueueBytes, in bytes with header. */
+static inline uint64_t linxd_ring_capacity(uint32_t QueueBytes)
+{
+    return ((uint64_t)QueueBytes + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1);
+}
+
+static inline uint64_t linxd_ring_bytes(uint32_t QueueBytes)
+{
+    return sizeof(struct linxd_ring_header) + linxd_ring_capacity(QueueBytes);
+}
+
+#ifdef __cplusplus
+static_assert(sizeof(struct linxd_slot) == 128, "slots are two cache lines on every ABI");
+static_assert(sizeof(struct linxd_ring_header) == 192, "ring header is three cache lines on every ABI");
+#endif
 
 #endif /* LINXD_PROTOCOL_H */

@@ -1,6 +1,6 @@
 // linxd and its clients facing broken or hostile peers, with real
-// processes: garbage and truncated requests, floods, malformed signals in a
-// receive queue, a linxd that dies or restarts, an impostor, running out of
+// processes: garbage and truncated requests, floods, a forged signal ring,
+// a linxd that dies or restarts, an impostor, running out of
 // descriptors, and a module of another major version.  (Clients that vanish
 // are the chaos test's; every sequence of requests is the fuzz harness's.)
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -45,13 +46,27 @@ struct RawReply {
     int Fd = -1;
 };
 
-RawReply RawExchange(int Fd, const void *pData, size_t Len)
+RawReply RawExchange(int Fd, const void *pData, size_t Len, int PassFd = -1)
 {
     RawReply R;
-    EXPECT_EQ((ssize_t)Len, send(Fd, pData, Len, MSG_NOSIGNAL));
+    struct iovec Out = {(void *)pData, Len};
+    char PassControl[CMSG_SPACE(sizeof(int))] = {};
+    struct msghdr Request = {};
+    Request.msg_iov = &Out;
+    Request.msg_iovlen = 1;
+    if (PassFd >= 0) {
+        Request.msg_control = PassControl;
+        Request.msg_controllen = sizeof PassControl;
+        struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Request);
+        pCmsg->cmsg_level = SOL_SOCKET;
+        pCmsg->cmsg_type = SCM_RIGHTS;
+        pCmsg->cmsg_len = CMSG_LEN(sizeof(int));
+        memcpy(CMSG_DATA(pCmsg), &PassFd, sizeof PassFd);
+    }
+    EXPECT_EQ((ssize_t)Len, sendmsg(Fd, &Request, MSG_NOSIGNAL));
     char Buffer[4096];
     struct iovec Iov = {Buffer, sizeof Buffer};
-    char Control[CMSG_SPACE(2 * sizeof(int))];
+    char Control[CMSG_SPACE(3 * sizeof(int))];
     struct msghdr Msg = {};
     Msg.msg_iov = &Iov;
     Msg.msg_iovlen = 1;
@@ -66,12 +81,12 @@ RawReply RawExchange(int Fd, const void *pData, size_t Len)
 }
 
 RawReply RawRequest(int Fd, uint32_t Op, uint32_t Arg0, const std::string &Name = "",
-                    const std::string &Signal = "")
+                    const std::string &Signal = "", int PassFd = -1)
 {
     linxd_request Req = {LINXD_PROTOCOL_MAGIC, Op, {Arg0, 0}, (uint32_t)Name.size(),
                          (uint32_t)Signal.size()};
     const std::string Datagram = std::string((const char *)&Req, sizeof Req) + Name + Signal;
-    return RawExchange(Fd, Datagram.data(), Datagram.size());
+    return RawExchange(Fd, Datagram.data(), Datagram.size(), PassFd);
 }
 
 class LinxdRobustness : public testing::Test {
@@ -147,32 +162,53 @@ TEST_F(LinxdRobustness, OneClientCannotHoldWithoutLimit)
     close(Again);
 }
 
-TEST_F(LinxdRobustness, MalformedSignalsInAQueueAreDropped)
+// A forged ring in the receiver's queue: what precedes the damage is
+// delivered, the ring is then refused with one line, and nothing else
+// suffers.  linxd itself refuses rings that could shrink under a mapping.
+TEST_F(LinxdRobustness, ForgedRingsAreRefused)
 {
     const int Fd = RawConnect(TestInstance());
-    ASSERT_EQ(0, RawRequest(Fd, LINXD_OP_REGISTER, 0, "forger").Header.result);
+    const RawReply Registered = RawRequest(Fd, LINXD_OP_REGISTER, 0, "forger");
+    ASSERT_EQ(0, Registered.Header.result);
+    const uint64_t Bytes = linxd_ring_bytes(Registered.Header.value[2]);
     const LINX_SPID Target = linx_get_spid(pLinx);
-    RawReply Inlet = RawRequest(Fd, LINXD_OP_GET_INLET, Target);
-    ASSERT_GE(Inlet.Fd, 0);
-    auto Write = [&](const void *p, size_t n) { send(Inlet.Fd, p, n, MSG_NOSIGNAL); };
-    Write("ab", 2);
-    Write("", 0);
-    linxd_signal_header Header = {1, Target, 100, 0}; // claims more than it carries
-    std::string Lying = std::string((const char *)&Header, sizeof Header) + "abcd";
-    Write(Lying.data(), Lying.size());
-    Header = {1, Target + 1, 4, 0}; // addressed to somebody else
-    std::string Misdirected = std::string((const char *)&Header, sizeof Header) + "abcd";
-    Write(Misdirected.data(), Misdirected.size());
-    Header = {1, Target, 8, 0};
-    const uint32_t Good[2] = {0x55, 0x66};
-    std::string Valid = std::string((const char *)&Header, sizeof Header) + std::string((const char *)Good, 8);
-    Write(Valid.data(), Valid.size());
 
+    const int Loose = memfd_create("loose", MFD_CLOEXEC);
+    ASSERT_EQ(0, ftruncate(Loose, (off_t)Bytes));
+    EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", Loose).Header.error);
+    close(Loose);
+
+    const int RingFd = memfd_create("forged", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    ASSERT_EQ(0, ftruncate(RingFd, (off_t)Bytes));
+    ASSERT_EQ(0, fcntl(RingFd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL));
+    auto *pRing = (linxd_ring_header *)mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, RingFd, 0);
+    ASSERT_NE(MAP_FAILED, (void *)pRing);
+    pRing->magic = LINXD_RING_MAGIC;
+    pRing->capacity = Bytes - sizeof *pRing;
+    char *pData = (char *)(pRing + 1);
+    const uint32_t Good[2] = {0x55, 0x66};
+    const linxd_signal_header Header = {1, Target, 8, 0};
+    memcpy(pData, &Header, sizeof Header);
+    memcpy(pData + sizeof Header, Good, sizeof Good);
+    const linxd_signal_header Lying = {1, Target, 1u << 30, 0}; // claims more than the ring holds
+    memcpy(pData + 32, &Lying, sizeof Lying);
+    pRing->tail = 64;
+    const RawReply Route = RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", RingFd);
+    ASSERT_EQ(0, Route.Header.result);
+    ASSERT_GE(Route.Fd, 0);
+
+    testing::internal::CaptureStderr();
     uint32_t Value = 0;
     EXPECT_EQ(0x55u, ReceiveOne(pLinx, 2000, &Value));
     EXPECT_EQ(0x66u, Value);
     EXPECT_EQ(0u, ReceiveOne(pLinx, 0));
-    close(Inlet.Fd);
+    const std::string Said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, Said.find("refused the signal ring of process " + std::to_string(getpid()) +
+                                           ": an entry whose size does not fit"))
+        << Said;
+    munmap(pRing, Bytes);
+    close(RingFd);
+    close(Route.Fd);
     close(Fd);
     ExpectServing();
 }
