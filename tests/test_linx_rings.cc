@@ -1,0 +1,271 @@
+// The shared-memory rings between processes: senders killed in the middle
+// of a flood, many senders of several processes into one receiver, a full
+// ring and a receiver that dies with one, exact poll readiness, and large
+// and small signals in one stream.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "linx_test_util.h"
+
+namespace {
+
+constexpr uint32_t kData = 0x70;
+constexpr uint32_t kFull = 0x71;
+constexpr uint32_t kDrained = 0x72;
+
+// A signal whose every byte after the number and sequence follows from
+// them, so any torn or shifted copy shows.
+union LINX_SIGNAL *PatternSignal(LINX *pLinx, uint32_t Seq, uint32_t Size)
+{
+    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, kData);
+    auto *pBytes = (unsigned char *)pSig;
+    memcpy(pBytes + 4, &Seq, sizeof Seq);
+    for (uint32_t i = 8; i < Size; i++)
+        pBytes[i] = (unsigned char)(Seq * 31 + i);
+    return pSig;
+}
+
+uint32_t PatternSize(uint32_t Seq)
+{
+    return 8 + Seq * 37 % 700;
+}
+
+// Sends PatternSignal Seq until the receiver takes it; false on any other error.
+bool SendPattern(LINX *pLinx, LINX_SPID To, uint32_t Seq, uint32_t Size)
+{
+    for (;;) {
+        union LINX_SIGNAL *pSig = PatternSignal(pLinx, Seq, Size);
+        if (linx_send(pLinx, &pSig, To) == 0)
+            return true;
+        if (errno != ENOBUFS)
+            return false;
+        sched_yield();
+    }
+}
+
+// Receives one signal and checks it against its pattern; returns its
+// sequence, or -1 when none came within TimeoutMs (-2: a damaged one).
+int64_t ReceivePattern(LINX *pLinx, int TimeoutMs, uint32_t *pSize = nullptr, LINX_SPID *pFrom = nullptr)
+{
+    union LINX_SIGNAL *pSig = nullptr;
+    const LINX_OSBUFSIZE Size = linx_receive_w_tmo(pLinx, &pSig, TimeoutMs, nullptr);
+    if (Size <= 0)
+        return -1;
+    const auto *pBytes = (const unsigned char *)pSig;
+    uint32_t Seq;
+    memcpy(&Seq, pBytes + 4, sizeof Seq);
+    uint32_t SigNo;
+    memcpy(&SigNo, pBytes, sizeof SigNo);
+    bool bIntact = SigNo == kData && Size >= 8;
+    for (uint32_t i = 8; bIntact && i < (uint32_t)Size; i++)
+        bIntact = pBytes[i] == (unsigned char)(Seq * 31 + i);
+    if (pSize)
+        *pSize = (uint32_t)Size;
+    if (pFrom)
+        *pFrom = linx_sender(pLinx, &pSig);
+    linx_free_buf(pLinx, &pSig);
+    return bIntact ? Seq : -2;
+}
+
+int64_t NowMs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return Now.tv_sec * 1000 + Now.tv_nsec / 1000000;
+}
+
+bool Readable(LINX *pLinx, int TimeoutMs)
+{
+    struct pollfd P = {linx_get_descriptor(pLinx), POLLIN, 0};
+    return poll(&P, 1, TimeoutMs) == 1;
+}
+
+class LinxRings : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        pParent = linx_open("parent", 0, nullptr);
+        ASSERT_NE(nullptr, pParent) << strerror(errno);
+    }
+    void TearDown() override { linx_close(pParent); }
+    LINX *pParent = nullptr;
+};
+
+// A child that opens Name and runs Body with the parent's SPID.
+pid_t StartSender(const char *pName, const std::function<int(LINX *, LINX_SPID)> &Body)
+{
+    return StartChild([=] {
+        LINX *pLinx = linx_open(pName, 0, nullptr);
+        const LINX_SPID Parent = pLinx ? HuntAndWait(pLinx, "parent", 5000) : 0;
+        return Parent == 0 ? 10 : Body(pLinx, Parent);
+    });
+}
+
+TEST_F(LinxRings, SendersKilledMidFloodNeverCorruptWhatComesNext)
+{
+    std::mt19937 Random(getpid());
+    for (int Round = 0; Round < 200; Round++) {
+        const pid_t Victim = StartSender("victim", [](LINX *pLinx, LINX_SPID Parent) {
+            for (uint32_t Seq = 0;; Seq++)
+                if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
+                    return 1;
+        });
+        // Take some of the flood while it runs, so the kill lands in the
+        // middle of sends rather than on a sender waiting for room.
+        const int64_t FloodMs = NowMs() + 1 + Random() % 3;
+        int64_t Expected = 0;
+        while (NowMs() < FloodMs && Expected >= 0) {
+            const int64_t Seq = ReceivePattern(pParent, 5);
+            if (Seq != -1)
+                ASSERT_EQ(Expected++, Seq) << "round " << Round;
+        }
+        kill(Victim, SIGKILL);
+        ASSERT_EQ(128 + SIGKILL, WaitChild(Victim));
+        for (int64_t Seq; (Seq = ReceivePattern(pParent, 0)) != -1;)
+            ASSERT_EQ(Expected++, Seq) << "round " << Round;
+    }
+    const pid_t Healthy = StartSender("healthy", [](LINX *pLinx, LINX_SPID Parent) {
+        for (uint32_t Seq = 0; Seq < 100; Seq++)
+            if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
+                return 1;
+        return 0;
+    });
+    for (int64_t Seq = 0; Seq < 100; Seq++)
+        ASSERT_EQ(Seq, ReceivePattern(pParent, 5000));
+    EXPECT_EQ(0, WaitChild(Healthy));
+}
+
+// Three processes with two sending sockets each (their threads share the
+// process's ring): every sender's signals arrive in its order.
+TEST_F(LinxRings, ManySendersKeepTheirOwnOrder)
+{
+    constexpr uint32_t kPerSender = 3000;
+    std::vector<pid_t> Children;
+    for (int i = 0; i < 3; i++)
+        Children.push_back(StartSender("sender", [](LINX *pFirst, LINX_SPID Parent) {
+            LINX *pSecond = linx_open("sender", 0, nullptr);
+            bool bOk[2] = {false, false};
+            auto Flood = [Parent](LINX *pLinx, bool *pOk) {
+                for (uint32_t Seq = 0; Seq < kPerSender; Seq++)
+                    if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
+                        return;
+                *pOk = true;
+            };
+            std::thread Other(Flood, pSecond, &bOk[1]);
+            Flood(pFirst, &bOk[0]);
+            Other.join();
+            linx_close(pSecond);
+            return bOk[0] && bOk[1] ? 0 : 1;
+        }));
+    std::map<LINX_SPID, int64_t> Next;
+    for (uint32_t Taken = 0; Taken < 6 * kPerSender; Taken++) {
+        LINX_SPID From = 0;
+        const int64_t Seq = ReceivePattern(pParent, 5000, nullptr, &From);
+        ASSERT_GE(Seq, 0) << "after " << Taken;
+        ASSERT_EQ(Next[From]++, Seq) << "sender " << From;
+    }
+    EXPECT_EQ(6u, Next.size());
+    for (pid_t Child : Children)
+        EXPECT_EQ(0, WaitChild(Child));
+    EXPECT_FALSE(Readable(pParent, 0));
+}
+
+// A flood fills the ring: sends are refused with ENOBUFS, the descriptor
+// stays readable while anything waits and not a moment longer, and sends
+// succeed again once the receiver has drained it.  A receiver killed with
+// a full ring never blocks its sender: the sender learns it is gone.
+TEST_F(LinxRings, AFullRingRefusesRecoversAndNeverBlocks)
+{
+    LINX *pControl = linx_open("control", 0, nullptr);
+    ASSERT_NE(nullptr, pControl);
+    const pid_t Flooder = StartSender("flooder", [](LINX *pLinx, LINX_SPID Parent) {
+        uint32_t Sent = 0;
+        for (;; Sent++) {
+            union LINX_SIGNAL *pSig = PatternSignal(pLinx, Sent, 1024);
+            if (linx_send(pLinx, &pSig, Parent) != 0)
+                break;
+        }
+        if (errno != ENOBUFS || Sent < 100)
+            return 2;
+        const LINX_SPID Control = HuntAndWait(pLinx, "control", 5000);
+        union LINX_SIGNAL *pFull = NewSignal(pLinx, kFull, Sent);
+        if (linx_send(pLinx, &pFull, Control) != 0)
+            return 3;
+        const LINX_SIGSELECT Drained[] = {1, kDrained};
+        if (ReceiveOne(pLinx, 5000, nullptr, nullptr, Drained) != kDrained)
+            return 4;
+        return SendPattern(pLinx, Parent, Sent, 1024) ? 0 : 5;
+    });
+    uint32_t Sent = 0;
+    LINX_SPID FlooderSpid = 0;
+    ASSERT_EQ(kFull, ReceiveOne(pControl, 5000, &Sent, &FlooderSpid));
+    for (uint32_t Seq = 0; Seq < Sent; Seq++) {
+        EXPECT_TRUE(Readable(pParent, 0)) << Seq;
+        ASSERT_EQ((int64_t)Seq, ReceivePattern(pParent, 0));
+    }
+    EXPECT_FALSE(Readable(pParent, 0)) << "readable with nothing waiting";
+    union LINX_SIGNAL *pDrained = NewSignal(pControl, kDrained, 0);
+    ASSERT_EQ(0, linx_send(pControl, &pDrained, FlooderSpid));
+    EXPECT_TRUE(Readable(pParent, 5000));
+    EXPECT_EQ((int64_t)Sent, ReceivePattern(pParent, 0));
+    EXPECT_FALSE(Readable(pParent, 0));
+    EXPECT_EQ(0, WaitChild(Flooder));
+
+    const pid_t Sink = StartChild([] {
+        linx_open("sink", 0, nullptr);
+        pause();
+        return 0;
+    });
+    const LINX_SPID SinkSpid = HuntAndWait(pControl, "sink", 5000);
+    int Refused = 0;
+    for (uint32_t Seq = 0; Refused == 0; Seq++) {
+        union LINX_SIGNAL *pSig = PatternSignal(pControl, Seq, 4096);
+        if (linx_send(pControl, &pSig, SinkSpid) != 0)
+            Refused = errno;
+    }
+    EXPECT_EQ(ENOBUFS, Refused);
+    kill(Sink, SIGKILL);
+    WaitChild(Sink);
+    const int64_t Deadline = NowMs() + 5000;
+    while (Refused == ENOBUFS && NowMs() < Deadline) {
+        union LINX_SIGNAL *pSig = PatternSignal(pControl, 0, 4096);
+        Refused = linx_send(pControl, &pSig, SinkSpid) == 0 ? 0 : errno;
+        usleep(1000);
+    }
+    EXPECT_EQ(ECONNRESET, Refused);
+    linx_close(pControl);
+}
+
+// Signals of every size from one sender arrive in the order sent, each one
+// whole, whether it fits the receive buffer or needs a larger one.
+TEST_F(LinxRings, LargeAndSmallSignalsKeepTheirOrder)
+{
+    static const uint32_t kSizes[] = {8, 65536, 12, 200000, 4097, 64, 250000, 16, 131072, 9};
+    const pid_t Child = StartSender("mixed", [](LINX *pLinx, LINX_SPID Parent) {
+        for (uint32_t Round = 0; Round < 5; Round++)
+            for (uint32_t i = 0; i < sizeof kSizes / sizeof kSizes[0]; i++)
+                if (!SendPattern(pLinx, Parent, Round * 100 + i, kSizes[i]))
+                    return 1;
+        return 0;
+    });
+    for (uint32_t Round = 0; Round < 5; Round++)
+        for (uint32_t i = 0; i < sizeof kSizes / sizeof kSizes[0]; i++) {
+            uint32_t Size = 0;
+            ASSERT_EQ(Round * 100 + i, ReceivePattern(pParent, 5000, &Size));
+            EXPECT_EQ(kSizes[i], Size);
+        }
+    EXPECT_EQ(0, WaitChild(Child));
+}
+
+} // namespace
