@@ -1,7 +1,10 @@
 // The LINX user library: handles, signal buffers and the module's requests.
 //
 // A signal buffer is one heap block: a hidden header, the payload the caller
-// holds, and one end-mark byte.  The header is process-private, so it uses
+// holds, and one end-mark byte.  Blocks come in power-of-two sizes up to
+// the largest signal, and a handle keeps a few released blocks of each size
+// on its shelf: after warm-up, allocating and releasing signals of any size
+// costs no heap allocation.  The header is process-private, so it uses
 // native pointers (72 bytes on a 64-bit host, 64 on a 32-bit one); every
 // handle of the process finds it at the same distance before the payload,
 // which lets one handle adopt a buffer another handle sent.  No locks: a
@@ -19,6 +22,14 @@ namespace {
 
 constexpr uint8_t kEndMark = 0xEE;
 constexpr int32_t kSpareMinCapacity = 1024;
+// Blocks of 2^kMinShelf .. 2^kMaxShelf payload bytes are shelved; larger
+// ones go straight back to the heap.
+constexpr uint32_t kMinShelf = 6;
+constexpr uint32_t kMaxShelf = 18;
+constexpr uint32_t kShelves = kMaxShelf - kMinShelf + 1;
+// Blocks kept per size: enough for a burst of sends between receives,
+// at most 4 MiB in the largest.
+constexpr uint32_t kShelfDepth = 16;
 constexpr uint32_t kReceiveStartSize = 4096;
 constexpr uint32_t kForever = 0xFFFFFFFFu;
 
@@ -28,9 +39,9 @@ struct ListLink {
 };
 
 struct SignalBuffer {
-    ListLink Link;            // in the owning handle's buffer list
-    int32_t Capacity;         // payload bytes the block holds
-    uint32_t Reserved;
+    ListLink Link;            // in the owning handle's buffer list, or on a shelf
+    int32_t Capacity;         // payload bytes the caller may use without a resize
+    uint32_t Room;            // payload bytes the block really holds
     linx_transfer_rec Rec;
 };
 static_assert(sizeof(SignalBuffer) % 8 == 0, "payload stays 8-byte aligned");
@@ -43,6 +54,8 @@ struct LinxHandle {
     int Socket;
     LINX_SPID Spid;
     SignalBuffer *pSpare;     // one released buffer of 1024 bytes or more
+    SignalBuffer *pShelf[kShelves];  // released blocks by size, linked through Link.pNext
+    uint32_t ShelfCount[kShelves];
 };
 
 namespace {
@@ -73,13 +86,61 @@ void jUnlink(SignalBuffer *pBuf)
     pBuf->Link.pNext = pBuf->Link.pPrev = &pBuf->Link;
 }
 
-// Keeps a large enough buffer as the handle's spare, frees anything else.
+// The shelf of blocks with Room payload bytes, or kShelves for none.
+uint32_t jShelfOf(uint32_t Room)
+{
+    for (uint32_t i = 0; i < kShelves; i++)
+        if (Room == 1u << (kMinShelf + i))
+            return i;
+    return kShelves;
+}
+
+// The payload bytes of the block that serves Size: the next power of two
+// while it is shelved, else Size itself.
+uint32_t jRoomFor(uint32_t Size)
+{
+    uint32_t Room = 1u << kMinShelf;
+    while (Room < Size && Room < (1u << kMaxShelf))
+        Room <<= 1;
+    return Room >= Size ? Room : Size;
+}
+
+SignalBuffer *jNewBlock(LINX *pLinx, uint32_t Size)
+{
+    const uint32_t Room = jRoomFor(Size);
+    const uint32_t Shelf = jShelfOf(Room);
+    SignalBuffer *pBuf = Shelf < kShelves ? pLinx->pShelf[Shelf] : nullptr;
+    if (pBuf != nullptr) {
+        pLinx->pShelf[Shelf] = (SignalBuffer *)pBuf->Link.pNext;
+        pLinx->ShelfCount[Shelf]--;
+        return pBuf;
+    }
+    pBuf = (SignalBuffer *)malloc(sizeof(SignalBuffer) + Room + 1);
+    if (pBuf != nullptr)
+        pBuf->Room = Room;
+    return pBuf;
+}
+
+// Shelves a block, or gives it back to the heap when its shelf is full.
+void jShelve(LINX *pLinx, SignalBuffer *pBuf)
+{
+    const uint32_t Shelf = jShelfOf(pBuf->Room);
+    if (Shelf == kShelves || pLinx->ShelfCount[Shelf] == kShelfDepth) {
+        free(pBuf);
+        return;
+    }
+    pBuf->Link.pNext = (ListLink *)pLinx->pShelf[Shelf];
+    pLinx->pShelf[Shelf] = pBuf;
+    pLinx->ShelfCount[Shelf]++;
+}
+
+// Keeps a large enough buffer as the handle's spare, shelves anything else.
 void jRelease(LINX *pLinx, SignalBuffer *pBuf)
 {
     if (pBuf->Capacity >= kSpareMinCapacity && pLinx->pSpare == nullptr)
         pLinx->pSpare = pBuf;
     else
-        free(pBuf);
+        jShelve(pLinx, pBuf);
 }
 
 void jDiscard(LINX *pLinx, SignalBuffer *pBuf)
@@ -118,12 +179,11 @@ SignalBuffer *jAlloc(LINX *pLinx, LINX_OSBUFSIZE Size, LINX_SIGSELECT SigNo)
             errno = ENOMEM;
             return nullptr;
         }
-        pBuf = (SignalBuffer *)malloc(sizeof(SignalBuffer) + Size + 1);
+        pBuf = jNewBlock(pLinx, Size);
         if (pBuf == nullptr)
             return nullptr;
         pBuf->Capacity = (int32_t)Size;
     }
-    pBuf->Reserved = 0;
     memset(&pBuf->Rec, 0, sizeof pBuf->Rec);
     pBuf->Rec.from = pBuf->Rec.to = pLinx->Spid;
     pBuf->Rec.size = Size;
@@ -140,13 +200,16 @@ SignalBuffer *jAlloc(LINX *pLinx, LINX_OSBUFSIZE Size, LINX_SIGSELECT SigNo)
 int jResize(LINX *pLinx, SignalBuffer **ppBuf, int32_t Size)
 {
     SignalBuffer *pBuf = *ppBuf;
-    if (Size > pBuf->Capacity) {
-        jUnlink(pBuf);
-        SignalBuffer *pGrown = (SignalBuffer *)realloc(pBuf, sizeof(SignalBuffer) + (size_t)Size + 1);
-        if (pGrown == nullptr) {
-            jLinkHead(pLinx, pBuf);
+    if (Size > pBuf->Capacity && (uint32_t)Size <= pBuf->Room) {
+        pBuf->Capacity = Size; // the block has the room already
+    } else if (Size > pBuf->Capacity) {
+        SignalBuffer *pGrown = jNewBlock(pLinx, (uint32_t)Size);
+        if (pGrown == nullptr)
             return -1;
-        }
+        memcpy(pGrown, pBuf, sizeof *pBuf + pBuf->Rec.size);
+        pGrown->Room = jRoomFor((uint32_t)Size);
+        jUnlink(pBuf);
+        jShelve(pLinx, pBuf);
         pBuf = pGrown;
         pBuf->Capacity = Size;
         pBuf->Rec.buffer = pBuf->Rec.real_buffer = (uint64_t)(uintptr_t)jPayload(pBuf);
@@ -380,6 +443,12 @@ int linx_close(LINX *linx)
     while (linx->List.pNext != &linx->List)
         jDiscard(linx, (SignalBuffer *)linx->List.pNext);
     free(linx->pSpare);
+    for (SignalBuffer *pShelved : linx->pShelf)
+        while (pShelved != nullptr) {
+            SignalBuffer *pNext = (SignalBuffer *)pShelved->Link.pNext;
+            free(pShelved);
+            pShelved = pNext;
+        }
     linx_module_close(linx->Socket);
     free(linx);
     return 0;
