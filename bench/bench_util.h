@@ -62,3 +62,29 @@ inline void SendWaiting(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t Sig
         pSig = linx_alloc(pLinx, Size, SigNo);
     }
 }
+
+// Echoes every signal back to its sender (bEcho) or just takes it until a
+// signal numbered StopSigNo arrives; answers that one with the number of
+// signals it took.
+inline int LinxEchoLoop(LINX *pLinx, bool bEcho, uint32_t StopSigNo)
+{
+    uint32_t Taken = 0;
+    for (;;) {
+        union LINX_SIGNAL *pSig = nullptr;
+        if (linx_receive(pLinx, &pSig, nullptr) <= 0)
+            return 1;
+        uint32_t SigNo;
+        memcpy(&SigNo, pSig, sizeof SigNo);
+        const LINX_SPID From = linx_sender(pLinx, &pSig);
+        if (SigNo == StopSigNo) {
+            memcpy((char *)pSig + 4, &Taken, sizeof Taken);
+            linx_send(pLinx, &pSig, From);
+            return 0;
+        }
+        Taken++;
+        if (bEcho)
+            linx_send(pLinx, &pSig, From);
+        else
+            linx_free_buf(pLinx, &pSig);
+    }
+}
