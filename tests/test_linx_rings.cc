@@ -127,8 +127,9 @@ TEST_F(LinxRings, SendersKilledMidFloodNeverCorruptWhatComesNext)
         int64_t Expected = 0;
         while (NowMs() < FloodMs && Expected >= 0) {
             const int64_t Seq = ReceivePattern(pParent, 5);
-            if (Seq != -1)
+            if (Seq != -1) {
                 ASSERT_EQ(Expected++, Seq) << "round " << Round;
+            }
         }
         kill(Victim, SIGKILL);
         ASSERT_EQ(128 + SIGKILL, WaitChild(Victim));
