@@ -29,7 +29,6 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -193,9 +192,10 @@ void jForkParent()
 
 void jForkChild()
 {
-    // The parent's thread holds these locks: the child starts them afresh.
-    new (&gRouteMutex) std::mutex();
-    new (&gTableMutex) std::shared_mutex();
+    // The forking thread took these locks before the fork; in the child it
+    // is the only thread, and lets them go.
+    gRouteMutex.unlock();
+    gTableMutex.unlock();
     // The parent's rings have one writer, the parent: the child makes its own.
     gRoutes.clear();
     for (auto &Entry : gByFd) {
