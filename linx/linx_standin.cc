@@ -29,6 +29,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -192,10 +193,9 @@ void jForkParent()
 
 void jForkChild()
 {
-    // The forking thread took these locks before the fork; in the child it
-    // is the only thread, and lets them go.
-    gRouteMutex.unlock();
-    gTableMutex.unlock();
+    // The parent's thread holds these locks: the child starts them afresh.
+    new (&gRouteMutex) std::mutex();
+    new (&gTableMutex) std::shared_mutex();
     // The parent's rings have one writer, the parent: the child makes its own.
     gRoutes.clear();
     for (auto &Entry : gByFd) {
@@ -375,15 +375,7 @@ int jCall(int ConnFd, Call *pCall)
     Msg.msg_iov = Out;
     Msg.msg_iovlen = 3;
     char PassControl[CMSG_SPACE(sizeof(int))] = {};
-    if (pCall->PassFd >= 0) {
-        Msg.msg_control = PassControl;
-        Msg.msg_controllen = sizeof PassControl;
-        struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg);
-        pCmsg->cmsg_level = SOL_SOCKET;
-        pCmsg->cmsg_type = SCM_RIGHTS;
-        pCmsg->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(pCmsg), &pCall->PassFd, sizeof(int));
-    }
+    linxd_pass_fds(&Msg, PassControl, &pCall->PassFd, pCall->PassFd >= 0);
     ssize_t Sent;
     while ((Sent = sendmsg(ConnFd, &Msg, MSG_NOSIGNAL)) < 0 && errno == EINTR) {
     }

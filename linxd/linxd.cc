@@ -329,16 +329,7 @@ bool Service::jSendReply(int Fd, const Reply &R)
     Msg.msg_iov = Iov;
     Msg.msg_iovlen = 2;
     char Control[CMSG_SPACE(3 * sizeof(int))] = {};
-    const int FdCount = (R.Fds[0] >= 0) + (R.Fds[1] >= 0) + (R.Fds[2] >= 0);
-    if (FdCount > 0) {
-        Msg.msg_control = Control;
-        Msg.msg_controllen = CMSG_SPACE(FdCount * sizeof(int));
-        struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg);
-        pCmsg->cmsg_level = SOL_SOCKET;
-        pCmsg->cmsg_type = SCM_RIGHTS;
-        pCmsg->cmsg_len = CMSG_LEN(FdCount * sizeof(int));
-        memcpy(CMSG_DATA(pCmsg), R.Fds, FdCount * sizeof(int));
-    }
+    linxd_pass_fds(&Msg, Control, R.Fds, (R.Fds[0] >= 0) + (R.Fds[1] >= 0) + (R.Fds[2] >= 0));
     return sendmsg(Fd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
@@ -718,13 +709,7 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
     struct msghdr Msg = {};
     Msg.msg_iov = Iov;
     Msg.msg_iovlen = 2;
-    Msg.msg_control = Control;
-    Msg.msg_controllen = sizeof Control;
-    struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg);
-    pCmsg->cmsg_level = SOL_SOCKET;
-    pCmsg->cmsg_type = SCM_RIGHTS;
-    pCmsg->cmsg_len = CMSG_LEN(sizeof(int));
-    memcpy(CMSG_DATA(pCmsg), &RingFd, sizeof RingFd);
+    linxd_pass_fds(&Msg, Control, &RingFd, 1);
     if (sendmsg(pS->InletFd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
         return jError(errno == EAGAIN ? ENOBUFS : ECONNRESET); // its outlet is full of linxd's signals
     __atomic_add_fetch(&mpSlots[pS->Slot].outlet_signals, 1, __ATOMIC_RELEASE);

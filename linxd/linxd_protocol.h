@@ -32,6 +32,8 @@
 #define LINXD_PROTOCOL_H
 
 #include <stdint.h>
+#include <string.h>
+#include <sys/socket.h>
 
 #define LINXD_PROTOCOL_MAGIC 0x4C584431u /* "LXD1" */
 #define LINXD_VERSION_WORD   0x02000501u /* 2.5.1 */
@@ -127,6 +129,22 @@ struct linxd_slot {
                                  that saves the owner a system call) */
     uint32_t reserved[14];
 };
+
+/* Makes Count descriptors (none when Count is 0) travel with pMsg as one
+ * SCM_RIGHTS message built in pControl, which holds at least
+ * CMSG_SPACE(Count * sizeof(int)) bytes. */
+static inline void linxd_pass_fds(struct msghdr *pMsg, void *pControl, const int *pFds, int Count)
+{
+    if (Count <= 0)
+        return;
+    pMsg->msg_control = pControl;
+    pMsg->msg_controllen = CMSG_SPACE((size_t)Count * sizeof(int));
+    struct cmsghdr *pCmsg = CMSG_FIRSTHDR(pMsg);
+    pCmsg->cmsg_level = SOL_SOCKET;
+    pCmsg->cmsg_type = SCM_RIGHTS;
+    pCmsg->cmsg_len = CMSG_LEN((size_t)Count * sizeof(int));
+    memcpy(CMSG_DATA(pCmsg), pFds, (size_t)Count * sizeof(int));
+}
 
 #define LINXD_REGION_BYTES ((uint64_t)LINXD_MAX_SOCKETS * sizeof(struct linxd_slot))
 

@@ -54,15 +54,7 @@ RawReply RawExchange(int Fd, const void *pData, size_t Len, int PassFd = -1)
     struct msghdr Request = {};
     Request.msg_iov = &Out;
     Request.msg_iovlen = 1;
-    if (PassFd >= 0) {
-        Request.msg_control = PassControl;
-        Request.msg_controllen = sizeof PassControl;
-        struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Request);
-        pCmsg->cmsg_level = SOL_SOCKET;
-        pCmsg->cmsg_type = SCM_RIGHTS;
-        pCmsg->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(pCmsg), &PassFd, sizeof PassFd);
-    }
+    linxd_pass_fds(&Request, PassControl, &PassFd, PassFd >= 0);
     EXPECT_EQ((ssize_t)Len, sendmsg(Fd, &Request, MSG_NOSIGNAL));
     char Buffer[4096];
     struct iovec Iov = {Buffer, sizeof Buffer};
