@@ -23,8 +23,8 @@ void jUsage(FILE *pOut)
             "  --instance NAME      instance to serve (default: $%s, else \"%s\")\n"
             "  --foreground         stay attached to the terminal and report on stderr\n"
             "  --idle-exit SECONDS  exit after this long without clients (default 30, 0: never)\n"
-            "  --queue-bytes N      receive-queue limit of each socket in bytes (default 524288;\n"
-            "                       the kernel may cap it at twice net.core.wmem_max)\n"
+            "  --queue-bytes N      bytes each sending process may have waiting for one socket:\n"
+            "                       the size of its ring (default 524288)\n"
             "  --module-version V   version to report to clients, as X.Y.Z (default 2.5.1)\n"
             "  --help               show this text\n"
             "  --version            show the version\n",

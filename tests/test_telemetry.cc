@@ -309,7 +309,8 @@ std::vector<Record> ReadCapture(const std::string &Path)
 }
 
 // tshark's lines for the capture through the dissector, -T fields with
-// the given fields, for the records that Filter selects.
+// the given fields, for the records that Filter selects; sorted, since
+// copies from different processes reach the collector in no promised order.
 std::vector<std::string> Tshark(const std::string &Capture, const std::string &Filter,
                                 const std::vector<std::string> &Fields)
 {
@@ -323,6 +324,7 @@ std::vector<std::string> Tshark(const std::string &Capture, const std::string &F
     while (pPipe != nullptr && fgets(Line, sizeof Line, pPipe) != nullptr)
         Lines.emplace_back(Line, strcspn(Line, "\n"));
     EXPECT_TRUE(pPipe != nullptr && pclose(pPipe) == 0) << "tshark (from the setup script) ran: " << Command;
+    std::sort(Lines.begin(), Lines.end());
     return Lines;
 }
 
@@ -359,8 +361,8 @@ TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
 
     char Ids[64];
     snprintf(Ids, sizeof Ids, "0x%08x;0x%08x", Alpha, Beta);
-    EXPECT_EQ((std::vector<std::string>{std::string(Ids) + ";0x00000100;;7;70696e67;4",
-                                        std::string(Ids) + ";0x00000100;1;7;70696e67;4"}),
+    EXPECT_EQ((std::vector<std::string>{std::string(Ids) + ";0x00000100;1;7;70696e67;4",
+                                        std::string(Ids) + ";0x00000100;;7;70696e67;4"}),
               Tshark(C.Capture, "orvane.UserMsgNtfy.msg_type == 0x100",
                      {"orvane.UserMsgNtfy.sender", "orvane.UserMsgNtfy.receiver", "orvane.msg.type",
                       "orvane.UserMsgNtfy.src_type", "orvane.msg.sequence", "orvane.msg.payload", "orvane.msg.size"}));
