@@ -108,7 +108,10 @@ pid_t StartSender(const char *pName, const std::function<int(LINX *, LINX_SPID)>
     return StartChild([=] {
         LINX *pLinx = linx_open(pName, 0, nullptr);
         const LINX_SPID Parent = pLinx ? HuntAndWait(pLinx, "parent", 5000) : 0;
-        return Parent == 0 ? 10 : Body(pLinx, Parent);
+        const int Result = Parent == 0 ? 10 : Body(pLinx, Parent);
+        if (pLinx)
+            linx_close(pLinx);
+        return Result;
     });
 }
 
