@@ -58,14 +58,9 @@ struct Pending {
     std::string Data;
 };
 
-// A ring this socket reads, announced by a sending process.  Only the
-// receiver's own copies of capacity and head are trusted: the header is the
-// sender's to scribble on.
+// A ring this socket reads, announced by a sending process.
 struct InRing {
-    linxd_ring_header *pHeader = nullptr;
-    char *pData = nullptr;
-    uint64_t Capacity = 0;
-    uint64_t Head = 0;
+    linxd_ring_reader Reader;
     pid_t Sender = 0;
 };
 
@@ -109,7 +104,7 @@ struct StandinSocket {
         if (pSlots != nullptr)
             munmap(pSlots, LINXD_REGION_BYTES);
         for (const InRing &R : Rings)
-            munmap(R.pHeader, sizeof *R.pHeader + R.Capacity);
+            linxd_ring_unmap(&R.Reader);
     }
 };
 
@@ -619,11 +614,6 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
 
 // ---- Sending -----------------------------------------------------------------
 
-uint64_t jEntryBytes(uint64_t Size)
-{
-    return sizeof(linxd_signal_header) + ((Size + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1));
-}
-
 // A ring of this instance's size in a memory file sealed against resizing,
 // so that no process can pull pages from under the receiver's mapping.
 int jMakeRing(uint64_t Capacity, linxd_ring_header **ppHeader)
@@ -759,7 +749,7 @@ bool jWriteEntry(Route &R, const linxd_signal_header &Header, const void *pPaylo
     const uint64_t Capacity = R.Capacity;
     const uint64_t Head = __atomic_load_n(&R.pHeader->head, __ATOMIC_ACQUIRE);
     const uint64_t Tail = R.Tail;
-    const uint64_t Need = jEntryBytes(Header.size);
+    const uint64_t Need = linxd_entry_bytes(Header.size);
     const uint64_t Offset = Tail % Capacity;
     const uint64_t Pad = Offset + Need > Capacity ? Capacity - Offset : 0;
     if (Tail - Head > Capacity || Tail + Pad + Need - Head > Capacity)
@@ -803,7 +793,7 @@ int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
         errno = ECONNRESET;
         return -1;
     }
-    if (jEntryBytes(pRec->size) > R.Capacity) {
+    if (linxd_entry_bytes(pRec->size) > R.Capacity) {
         errno = EMSGSIZE; // larger than the receiver's whole queue
         return -1;
     }
@@ -962,14 +952,9 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
 bool jAnyRingWaiting(const StandinSocket &S)
 {
     for (const InRing &R : S.Rings)
-        if (__atomic_load_n(&R.pHeader->tail, __ATOMIC_ACQUIRE) != R.Head)
+        if (linxd_ring_waiting(&R.Reader))
             return true;
     return false;
-}
-
-void jUnmapRing(const InRing &R)
-{
-    munmap(R.pHeader, sizeof *R.pHeader + R.Capacity);
 }
 
 // A ring that breaks the rules is its sender's fault: it is dropped with
@@ -977,7 +962,7 @@ void jUnmapRing(const InRing &R)
 void jRefuseRing(StandinSocket &S, size_t Index, const char *pWhy)
 {
     fprintf(stderr, "linx: refused the signal ring of process %d: %s\n", (int)S.Rings[Index].Sender, pWhy);
-    jUnmapRing(S.Rings[Index]);
+    linxd_ring_unmap(&S.Rings[Index].Reader);
     S.Rings.erase(S.Rings.begin() + (ptrdiff_t)Index);
 }
 
@@ -986,11 +971,10 @@ void jSweepRings(StandinSocket &S)
 {
     for (size_t i = 0; i < S.Rings.size();) {
         const InRing &R = S.Rings[i];
-        const bool bDone = __atomic_load_n(&R.pHeader->tail, __ATOMIC_ACQUIRE) == R.Head &&
-                           (__atomic_load_n(&R.pHeader->abandoned, __ATOMIC_ACQUIRE) != 0 ||
-                            (kill(R.Sender, 0) != 0 && errno == ESRCH));
+        const bool bDone = linxd_ring_finished(&R.Reader) ||
+                           (!linxd_ring_waiting(&R.Reader) && kill(R.Sender, 0) != 0 && errno == ESRCH);
         if (bDone) {
-            jUnmapRing(R);
+            linxd_ring_unmap(&R.Reader);
             S.Rings.erase(S.Rings.begin() + (ptrdiff_t)i);
         } else {
             i++;
@@ -1001,78 +985,18 @@ void jSweepRings(StandinSocket &S)
 // Maps a ring announced by linxd for a sender of process Pid.
 void jAdoptRing(StandinSocket &S, int Fd, pid_t Pid)
 {
-    const uint64_t Capacity = linxd_ring_capacity(S.QueueBytes);
-    const uint64_t Bytes = sizeof(linxd_ring_header) + Capacity;
-    struct stat Stat;
-    void *p = MAP_FAILED;
-    if (fstat(Fd, &Stat) == 0 && (uint64_t)Stat.st_size == Bytes)
-        p = mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
-    close(Fd);
     InRing R;
     R.Sender = Pid;
-    R.Capacity = Capacity;
-    if (p == MAP_FAILED) {
-        fprintf(stderr, "linx: refused the signal ring of process %d: cannot map it (%s)\n", (int)Pid,
-                strerror(errno));
+    const char *pWhy = nullptr;
+    const int Mapped = linxd_ring_map(Fd, S.QueueBytes, &R.Reader, &pWhy);
+    close(Fd);
+    if (Mapped != 0) {
+        fprintf(stderr, "linx: refused the signal ring of process %d: %s\n", (int)Pid, pWhy);
         return;
     }
-    R.pHeader = (linxd_ring_header *)p;
-    R.pData = (char *)(R.pHeader + 1);
     S.Rings.push_back(R);
-    if (R.pHeader->magic != LINXD_RING_MAGIC || R.pHeader->capacity != Capacity)
-        jRefuseRing(S, S.Rings.size() - 1, "not a ring of this instance");
     if (S.Rings.size() % 16 == 0)
         jSweepRings(S);
-}
-
-enum class Peeked { Empty, Signal, Broken };
-
-// The entry at the ring's head, checked against the ring's bounds before
-// anything of it is trusted; wrap entries are stepped over.
-Peeked jPeekRing(const StandinSocket &S, InRing &R, linxd_signal_header *pHeader, const char **ppWhy)
-{
-    for (;;) {
-        const uint64_t Tail = __atomic_load_n(&R.pHeader->tail, __ATOMIC_ACQUIRE);
-        if (Tail == R.Head)
-            return Peeked::Empty;
-        const uint64_t Offset = R.Head % R.Capacity;
-        if (Tail - R.Head > R.Capacity || (Tail - R.Head) % LINXD_RING_ENTRY_ALIGN != 0) {
-            *ppWhy = "its positions are impossible";
-            return Peeked::Broken;
-        }
-        memcpy(pHeader, R.pData + Offset, sizeof *pHeader);
-        if (pHeader->size == LINXD_RING_WRAP) {
-            const uint64_t Next = R.Head + (R.Capacity - Offset);
-            if (Next > Tail) {
-                *ppWhy = "a wrap entry beyond what was written";
-                return Peeked::Broken;
-            }
-            R.Head = Next;
-            __atomic_store_n(&R.pHeader->head, Next, __ATOMIC_RELEASE);
-            continue;
-        }
-        const uint64_t Need = jEntryBytes(pHeader->size);
-        if (pHeader->size < sizeof(uint32_t) || Offset + Need > R.Capacity || R.Head + Need > Tail) {
-            *ppWhy = "an entry whose size does not fit";
-            return Peeked::Broken;
-        }
-        if (pHeader->to != S.Spid) {
-            *ppWhy = "an entry addressed to another socket";
-            return Peeked::Broken;
-        }
-        return Peeked::Signal;
-    }
-}
-
-const char *jEntryPayload(const InRing &R)
-{
-    return R.pData + R.Head % R.Capacity + sizeof(linxd_signal_header);
-}
-
-void jAdvance(InRing &R, uint32_t Size)
-{
-    R.Head += jEntryBytes(Size);
-    __atomic_store_n(&R.pHeader->head, R.Head, __ATOMIC_RELEASE);
 }
 
 // Moves the signal at the ring's head to the local queue.
@@ -1080,8 +1004,8 @@ void jParkEntry(StandinSocket &S, InRing &R, const linxd_signal_header &Header)
 {
     Pending Entry;
     Entry.Header = Header;
-    Entry.Data.assign(jEntryPayload(R), Header.size);
-    jAdvance(R, Header.size);
+    Entry.Data.assign(linxd_ring_payload(&R.Reader), Header.size);
+    linxd_ring_advance(&R.Reader, Header.size);
     jEnqueue(S, std::move(Entry), false);
 }
 
@@ -1095,9 +1019,9 @@ int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_
         InRing &R = S.Rings[Index];
         linxd_signal_header Header;
         const char *pWhy = nullptr;
-        Peeked State;
-        while ((State = jPeekRing(S, R, &Header, &pWhy)) == Peeked::Signal) {
-            const char *pPayload = jEntryPayload(R);
+        linxd_peeked State;
+        while ((State = linxd_ring_peek(&R.Reader, S.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL) {
+            const char *pPayload = linxd_ring_payload(&R.Reader);
             if (!jSelected(Sel, Header, jSigNo(pPayload))) {
                 jParkEntry(S, R, Header);
                 continue;
@@ -1106,12 +1030,12 @@ int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_
                 return jTooLarge(pRec, Header.size);
             memcpy((void *)(uintptr_t)pRec->buffer, pPayload, Header.size);
             jFillRecord(pRec, Header, pRec->buffer);
-            jAdvance(R, Header.size);
+            linxd_ring_advance(&R.Reader, Header.size);
             jCountTaken(S, Header.size);
             S.NextRing = Index + 1;
             return (int)Header.size;
         }
-        if (State == Peeked::Broken) {
+        if (State == LINXD_PEEK_BROKEN) {
             jRefuseRing(S, Index, pWhy);
             Looked--; // the next ring moved into this place
         }
@@ -1128,10 +1052,10 @@ void jParkRings(StandinSocket &S)
         InRing &R = S.Rings[Index];
         linxd_signal_header Header;
         const char *pWhy = nullptr;
-        Peeked State;
-        while ((State = jPeekRing(S, R, &Header, &pWhy)) == Peeked::Signal)
+        linxd_peeked State;
+        while ((State = linxd_ring_peek(&R.Reader, S.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL)
             jParkEntry(S, R, Header);
-        if (State == Peeked::Broken)
+        if (State == LINXD_PEEK_BROKEN)
             jRefuseRing(S, Index--, pWhy);
     }
 }

@@ -33,7 +33,9 @@
 
 #include <stdint.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #define LINXD_PROTOCOL_MAGIC 0x4C584431u /* "LXD1" */
 #define LINXD_VERSION_WORD   0x02000501u /* 2.5.1 */
@@ -181,6 +183,122 @@ static inline uint64_t linxd_ring_capacity(uint32_t QueueBytes)
 static inline uint64_t linxd_ring_bytes(uint32_t QueueBytes)
 {
     return sizeof(struct linxd_ring_header) + linxd_ring_capacity(QueueBytes);
+}
+
+/* Bytes an entry of Size payload bytes takes in a ring. */
+static inline uint64_t linxd_entry_bytes(uint64_t Size)
+{
+    return sizeof(struct linxd_signal_header) + ((Size + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1));
+}
+
+/* The receiving side of one ring.  Only the reader's own copies of the
+ * capacity and the head are trusted: the header is the sender's to
+ * scribble on, and every entry is checked against them before use. */
+struct linxd_ring_reader {
+    struct linxd_ring_header *header;
+    char *data;
+    uint64_t capacity;
+    uint64_t head;
+};
+
+/* Maps a ring of an instance whose queues hold QueueBytes.  0, or -1 with
+ * *ppWhy saying why the ring is refused (nothing stays mapped then). */
+static inline int linxd_ring_map(int Fd, uint32_t QueueBytes, struct linxd_ring_reader *pReader, const char **ppWhy)
+{
+    const uint64_t Capacity = linxd_ring_capacity(QueueBytes);
+    const uint64_t Bytes = sizeof(struct linxd_ring_header) + Capacity;
+    struct stat Stat;
+    if (fstat(Fd, &Stat) != 0 || (uint64_t)Stat.st_size != Bytes) {
+        *ppWhy = "the ring's size is not this instance's";
+        return -1;
+    }
+    void *p = mmap(NULL, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    if (p == MAP_FAILED) {
+        *ppWhy = "cannot map it";
+        return -1;
+    }
+    struct linxd_ring_header *pHeader = (struct linxd_ring_header *)p;
+    if (pHeader->magic != LINXD_RING_MAGIC || pHeader->capacity != Capacity) {
+        munmap(p, Bytes);
+        *ppWhy = "not a ring of this instance";
+        return -1;
+    }
+    pReader->header = pHeader;
+    pReader->data = (char *)(pHeader + 1);
+    pReader->capacity = Capacity;
+    pReader->head = 0;
+    return 0;
+}
+
+static inline void linxd_ring_unmap(const struct linxd_ring_reader *pReader)
+{
+    munmap(pReader->header, sizeof *pReader->header + pReader->capacity);
+}
+
+/* Whether the sender published something the reader has not taken. */
+static inline int linxd_ring_waiting(const struct linxd_ring_reader *pReader)
+{
+    return __atomic_load_n(&pReader->header->tail, __ATOMIC_ACQUIRE) != pReader->head;
+}
+
+/* Whether the sender will write no more and everything was read. */
+static inline int linxd_ring_finished(const struct linxd_ring_reader *pReader)
+{
+    return !linxd_ring_waiting(pReader) && __atomic_load_n(&pReader->header->abandoned, __ATOMIC_ACQUIRE) != 0;
+}
+
+enum linxd_peeked { LINXD_PEEK_EMPTY, LINXD_PEEK_SIGNAL, LINXD_PEEK_BROKEN };
+
+/* The entry at the ring's head, addressed to To, checked against the
+ * ring's bounds before anything of it is trusted; wrap entries are stepped
+ * over.  On LINXD_PEEK_BROKEN *ppWhy says which rule the sender broke. */
+static inline enum linxd_peeked linxd_ring_peek(struct linxd_ring_reader *pR, uint32_t To,
+                                                struct linxd_signal_header *pHeader, const char **ppWhy)
+{
+    for (;;) {
+        const uint64_t Tail = __atomic_load_n(&pR->header->tail, __ATOMIC_ACQUIRE);
+        if (Tail == pR->head)
+            return LINXD_PEEK_EMPTY;
+        const uint64_t Offset = pR->head % pR->capacity;
+        if (Tail - pR->head > pR->capacity || (Tail - pR->head) % LINXD_RING_ENTRY_ALIGN != 0) {
+            *ppWhy = "its positions are impossible";
+            return LINXD_PEEK_BROKEN;
+        }
+        memcpy(pHeader, pR->data + Offset, sizeof *pHeader);
+        if (pHeader->size == LINXD_RING_WRAP) {
+            const uint64_t Next = pR->head + (pR->capacity - Offset);
+            if (Next > Tail) {
+                *ppWhy = "a wrap entry beyond what was written";
+                return LINXD_PEEK_BROKEN;
+            }
+            pR->head = Next;
+            __atomic_store_n(&pR->header->head, Next, __ATOMIC_RELEASE);
+            continue;
+        }
+        const uint64_t Need = linxd_entry_bytes(pHeader->size);
+        if (pHeader->size < sizeof(uint32_t) || Offset + Need > pR->capacity || pR->head + Need > Tail) {
+            *ppWhy = "an entry whose size does not fit";
+            return LINXD_PEEK_BROKEN;
+        }
+        if (pHeader->to != To) {
+            *ppWhy = "an entry addressed to another socket";
+            return LINXD_PEEK_BROKEN;
+        }
+        return LINXD_PEEK_SIGNAL;
+    }
+}
+
+/* The payload of the entry linxd_ring_peek found. */
+static inline const char *linxd_ring_payload(const struct linxd_ring_reader *pR)
+{
+    return pR->data + pR->head % pR->capacity + sizeof(struct linxd_signal_header);
+}
+
+/* Gives the room of the entry at the head back to the sender. */
+static inline void linxd_ring_advance(struct linxd_ring_reader *pR, uint32_t Size)
+{
+    pR->head += linxd_entry_bytes(Size);
+    __atomic_store_n(&pR->header->head, pR->head, __ATOMIC_RELEASE);
 }
 
 #ifdef __cplusplus
