@@ -17,7 +17,10 @@ install(TARGETS orvane EXPORT orvaneTargets
 # The tools find the library of their own prefix wherever it is installed.
 file(RELATIVE_PATH ORVANE_BIN_TO_LIB ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(orvane-collector PROPERTIES INSTALL_RPATH "$ORIGIN/${ORVANE_BIN_TO_LIB}")
-install(TARGETS linxd orvane-collector RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS orvane-collector RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET linxd)
+  install(TARGETS linxd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
 if(TARGET orvane-cli)
   set_target_properties(orvane-cli PROPERTIES INSTALL_RPATH "$ORIGIN/${ORVANE_BIN_TO_LIB}")
   install(TARGETS orvane-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

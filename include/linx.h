@@ -46,6 +46,25 @@ typedef struct LinxHandle LINX;
 #define LINX_SEND_OPT_END        0
 #define LINX_SEND_OPT_MULTICAST  1     /* tag 1, value 1: set attributes bit 0 */
 
+/* Signal numbers of the signals the module makes itself, when a request
+ * brings no signal of its own. */
+#define LINX_OS_HUNT_SIG         251
+#define LINX_OS_ATTACH_SIG       252
+#define LINX_OS_TMO_SIG          253
+#define LINX_OS_NEW_LINK_SIG     254
+
+/* The signal a new-link request brings for every link to another node that
+ * is up when the request is made, and for every one that comes up later,
+ * until the request is cancelled or its endpoint closes.  Hunts for
+ * "<link name>/<endpoint name>" reach endpoints behind the link. */
+struct linx_new_link {
+    LINX_SIGSELECT signo;    /* LINX_OS_NEW_LINK_SIG */
+    LINX_NLREF token;        /* the request's token */
+    int32_t name;            /* offset in buf of the link's name (NUL-terminated) */
+    int32_t attr;            /* offset in buf of its attributes text ("" on the stand-in) */
+    char buf[1];
+};
+
 /* Information types of the module's information request. */
 #define LINX_INFO_SUMMARY        0
 #define LINX_INFO_SOCKETS        1

@@ -11,12 +11,25 @@
  * linxd_protocol.h).  Nothing a client sends can stop the loop: every
  * request is checked and answered, and a client that misbehaves or
  * vanishes is dropped with everything it held, firing its attaches.
+ *
+ * Links join instances into nodes (linxd_link.h carries their frames).  An
+ * endpoint behind a link stands here as a phantom socket named
+ * "<link>/<its name>", with a SPID of this instance: hunts find it, attaches
+ * watch it, and processes send to it through rings as to any socket, which
+ * linxd itself reads and forwards over the link.  A phantom closes when its
+ * endpoint does or when its link goes down, firing its attaches once.
  */
 #ifndef LINXD_H
 #define LINXD_H
 
 #include <stdint.h>
 #include <string>
+#include <vector>
+
+struct LinxdLinkOption {
+    std::string Name;    // the link's name on this node: hunts say "<name>/..."
+    std::string Address; // unix:INSTANCE or tcp:HOST:PORT
+};
 
 struct LinxdOptions {
     std::string Instance;
@@ -24,6 +37,11 @@ struct LinxdOptions {
     int IdleExitSeconds = 30;       // 0: never exit for lack of clients
     uint32_t QueueBytes = 512 * 1024;
     uint32_t VersionWord;           // reported to clients; tests may change it
+    std::string Node;               // this node's name as peers see it (default: Instance)
+    std::vector<LinxdLinkOption> Links; // links this node dials
+    std::vector<std::string> Listens;   // TCP addresses to take links on
+    std::string SecretFile;             // the link secret, needed for TCP links
+    int LinkTimeoutMs = 3000;           // a silent link is down after this long
 };
 
 // Runs the service until it has been idle for IdleExitSeconds; returns the

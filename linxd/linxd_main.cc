@@ -1,16 +1,21 @@
 // linxd: the LINX stand-in service.  Clients start it on demand; run it by
 // hand with --foreground to watch it.
 #include <fcntl.h>
+#include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "linxd.h"
 #include "linxd_address.h"
+#include "linxd_link.h"
 
 namespace {
 
@@ -26,9 +31,90 @@ void jUsage(FILE *pOut)
             "  --queue-bytes N      bytes each sending process may have waiting for one socket:\n"
             "                       the size of its ring (default 524288)\n"
             "  --module-version V   version to report to clients, as X.Y.Z (default 2.5.1)\n"
+            "\nLinks to other nodes (hunt \"LINK/NAME\" to reach endpoint NAME behind LINK):\n"
+            "  --link NAME=ADDRESS  dial a link: ADDRESS is unix:INSTANCE (an instance of this\n"
+            "                       host) or tcp:HOST:PORT; it comes back by itself after a loss\n"
+            "  --listen tcp:HOST:PORT  take links from other hosts (every instance takes\n"
+            "                       links of this host on its own Unix link address)\n"
+            "  --node NAME          this node's name, which peers that did not dial it give\n"
+            "                       the link (default: the instance)\n"
+            "  --secret FILE        the link secret TCP links authenticate with\n"
+            "                       (default ~/.config/linxd/link.secret)\n"
+            "  --make-secret FILE   write a new link secret (mode 0600) and exit\n"
+            "  --link-timeout MS    a link that is silent this long is down (default 3000;\n"
+            "                       heartbeats go every third of it)\n"
+            "  --config FILE        read options from FILE, one per line without the dashes\n"
+            "                       (default ~/.config/linxd/INSTANCE.conf, if it exists)\n"
             "  --help               show this text\n"
             "  --version            show the version\n",
             LINXD_INSTANCE_ENV, LINXD_DEFAULT_INSTANCE);
+}
+
+std::string jConfigDir()
+{
+    const struct passwd *pUser = getpwuid(geteuid());
+    return std::string(pUser != nullptr ? pUser->pw_dir : "") + "/.config/linxd/";
+}
+
+// The words of a configuration file: each line "option value..." stands for
+// "--option value..."; empty lines and lines starting with # are skipped.
+bool jReadConfig(const std::string &Path, bool bMustExist, std::vector<std::string> *pArgs)
+{
+    std::ifstream In(Path);
+    if (!In) {
+        if (bMustExist)
+            fprintf(stderr, "linxd: cannot read the configuration %s\n", Path.c_str());
+        return !bMustExist;
+    }
+    std::string Line;
+    while (std::getline(In, Line)) {
+        std::istringstream Words(Line);
+        std::string Word;
+        for (bool bFirst = true; Words >> Word; bFirst = false) {
+            if (bFirst && Word[0] == '#')
+                break;
+            pArgs->push_back(bFirst ? "--" + Word : Word);
+        }
+    }
+    return true;
+}
+
+// Where the options come from: the configuration file (named by --config,
+// or the instance's default one), then the command line, which wins.
+bool jGatherArgs(int argc, char **argv, const std::string &Instance, std::vector<std::string> *pArgs)
+{
+    std::string Config, Named = Instance;
+    for (int i = 1; i + 1 < argc; i++) {
+        if (strcmp(argv[i], "--config") == 0)
+            Config = argv[i + 1];
+        if (strcmp(argv[i], "--instance") == 0)
+            Named = argv[i + 1];
+    }
+    const bool bGiven = !Config.empty();
+    if (!bGiven)
+        Config = jConfigDir() + Named + ".conf";
+    if (!jReadConfig(Config, bGiven, pArgs))
+        return false;
+    pArgs->insert(pArgs->end(), argv + 1, argv + argc);
+    return true;
+}
+
+// NAME=ADDRESS, the name a link name (an instance-like name: no slash).
+bool jParseLink(const std::string &Text, LinxdOptions *pOptions)
+{
+    const size_t Equals = Text.find('=');
+    LinxdLinkOption Link;
+    Link.Name = Text.substr(0, Equals == std::string::npos ? 0 : Equals);
+    Link.Address = Equals == std::string::npos ? "" : Text.substr(Equals + 1);
+    LinkAddress Address;
+    std::string Why;
+    if (!linxd_instance_valid(Link.Name.c_str()) || !LinkParseAddress(Link.Address, &Address, &Why)) {
+        fprintf(stderr, "linxd: bad link \"%s\" (NAME=unix:INSTANCE or NAME=tcp:HOST:PORT) %s\n", Text.c_str(),
+                Why.c_str());
+        return false;
+    }
+    pOptions->Links.push_back(Link);
+    return true;
 }
 
 bool jParseNumber(const char *pText, long Min, long Max, long *pValue)
@@ -79,9 +165,13 @@ int main(int argc, char **argv)
     Options.VersionWord = LINXD_VERSION_WORD;
     const char *pEnv = getenv(LINXD_INSTANCE_ENV);
     Options.Instance = pEnv != nullptr && *pEnv != '\0' ? pEnv : LINXD_DEFAULT_INSTANCE;
-    for (int i = 1; i < argc; i++) {
-        const std::string Arg = argv[i];
-        const char *pValue = i + 1 < argc ? argv[i + 1] : nullptr;
+    Options.SecretFile = jConfigDir() + "link.secret";
+    std::vector<std::string> Args;
+    if (!jGatherArgs(argc, argv, Options.Instance, &Args))
+        return 2;
+    for (size_t i = 0; i < Args.size(); i++) {
+        const std::string &Arg = Args[i];
+        const char *pValue = i + 1 < Args.size() ? Args[i + 1].c_str() : nullptr;
         long Number = 0;
         if (Arg == "--help") {
             jUsage(stdout);
@@ -91,8 +181,32 @@ int main(int argc, char **argv)
             return 0;
         } else if (Arg == "--foreground") {
             Options.bForeground = true;
-        } else if (Arg == "--instance" && pValue != nullptr) {
-            Options.Instance = pValue;
+        } else if (Arg == "--make-secret" && pValue != nullptr) {
+            std::string Why;
+            if (!LinkMakeSecret(pValue, &Why)) {
+                fprintf(stderr, "linxd: %s\n", Why.c_str());
+                return 1;
+            }
+            return 0;
+        } else if ((Arg == "--instance" || Arg == "--config") && pValue != nullptr) {
+            if (Arg == "--instance")
+                Options.Instance = pValue;
+            i++;
+        } else if (Arg == "--node" && pValue != nullptr && linxd_instance_valid(pValue)) {
+            Options.Node = pValue;
+            i++;
+        } else if (Arg == "--secret" && pValue != nullptr) {
+            Options.SecretFile = pValue;
+            i++;
+        } else if (Arg == "--listen" && pValue != nullptr) {
+            Options.Listens.push_back(pValue);
+            i++;
+        } else if (Arg == "--link" && pValue != nullptr) {
+            if (!jParseLink(pValue, &Options))
+                return 2;
+            i++;
+        } else if (Arg == "--link-timeout" && pValue && jParseNumber(pValue, 30, 3600000, &Number)) {
+            Options.LinkTimeoutMs = (int)Number;
             i++;
         } else if (Arg == "--idle-exit" && pValue && jParseNumber(pValue, 0, 86400 * 365, &Number)) {
             Options.IdleExitSeconds = (int)Number;
@@ -103,7 +217,7 @@ int main(int argc, char **argv)
         } else if (Arg == "--module-version" && pValue && jParseVersion(pValue, &Options.VersionWord)) {
             i++;
         } else {
-            fprintf(stderr, "linxd: bad argument \"%s\"\n", argv[i]);
+            fprintf(stderr, "linxd: bad argument \"%s\"\n", Arg.c_str());
             jUsage(stderr);
             return 2;
         }
@@ -113,6 +227,8 @@ int main(int argc, char **argv)
                 Options.Instance.c_str(), LINXD_MAX_INSTANCE_CHARS);
         return 2;
     }
+    if (Options.Node.empty())
+        Options.Node = Options.Instance;
     if (!Options.bForeground)
         jDaemonize();
     return LinxdRun(Options);

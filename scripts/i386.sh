@@ -35,7 +35,7 @@ if ! fetch_protobuf; then
 fi
 "$root/scripts/build.sh" build >/dev/null # the 64-bit linxd
 "$root/scripts/build.sh" build-i386 -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
-  -DORVANE_TESTS=OFF -DORVANE_BENCH=OFF -DORVANE_CLI=OFF -DProtobuf_PROTOC_EXECUTABLE=/usr/bin/protoc \
+  -DORVANE_TESTS=OFF -DORVANE_BENCH=OFF -DORVANE_CLI=OFF -DORVANE_LINXD=OFF -DProtobuf_PROTOC_EXECUTABLE=/usr/bin/protoc \
   -DProtobuf_INCLUDE_DIR="$sysroot/usr/include" -DProtobuf_LIBRARY="$lib/libprotobuf-lite.so" \
   -DProtobuf_LITE_LIBRARY="$lib/libprotobuf-lite.so" >/dev/null
 

@@ -1,6 +1,7 @@
 #include "linx_test_util.h"
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fstream>
 #include <iterator>
 #include <signal.h>
@@ -42,6 +43,14 @@ int WaitChild(pid_t Child)
     while (waitpid(Child, &Status, 0) < 0) {
     }
     return WIFEXITED(Status) ? WEXITSTATUS(Status) : 128 + WTERMSIG(Status);
+}
+
+std::string LinxdBesideLibrary()
+{
+    Dl_info Info;
+    dladdr((void *)&linx_open, &Info);
+    std::string Path = Info.dli_fname;
+    return Path.substr(0, Path.rfind('/') + 1) + "linxd";
 }
 
 std::vector<pid_t> FindLinxd(const std::string &Instance)

@@ -17,6 +17,8 @@ pid_t StartChild(const std::function<int()> &Body);
 // Waits for the child; its exit code, or 128 + signal number.
 int WaitChild(pid_t Child);
 
+// The linxd program beside the library under test.
+std::string LinxdBesideLibrary();
 // Pids of the linxd processes serving Instance.
 std::vector<pid_t> FindLinxd(const std::string &Instance);
 // Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.

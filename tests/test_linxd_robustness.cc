@@ -290,14 +290,6 @@ TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
     ExpectServing();
 }
 
-std::string LinxdBesideLibrary()
-{
-    Dl_info Info;
-    dladdr((void *)&linx_open, &Info);
-    std::string Path = Info.dli_fname;
-    return Path.substr(0, Path.rfind('/') + 1) + "linxd";
-}
-
 // Starts a foreground linxd reporting Version for a fresh instance.
 pid_t StartLinxdReporting(const std::string &Instance, const char *pVersion)
 {

@@ -1,0 +1,469 @@
+// linxd instances joined by links, on this host over Unix sockets and over
+// TCP with TLS: hunts across one and two hops, ordered signals and answers,
+// deaths seen across a link, a link cut and its return, heartbeats, and
+// peers that do not belong (no secret, garbage on the link).  Every node
+// and every endpoint process is a real process.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "linx.h"
+#include "linx_test_util.h"
+#include "orvane.h"
+
+namespace {
+
+constexpr uint32_t kPing = 0x70;
+constexpr uint32_t kStop = 0x71;
+constexpr uint32_t kAnswerOffset = 1000;
+
+void Kill(struct Node &N);
+
+// A linxd instance of the test; killed when the test ends, however it ends.
+struct Node {
+    Node() = default;
+    Node(const Node &) = delete;
+    ~Node() { Kill(*this); }
+    std::string Instance;
+    std::vector<std::string> Args;
+    pid_t Pid = -1;
+    std::string LogPath;
+    int Starts = 0;
+};
+
+std::string ReadFile(const std::string &Path)
+{
+    std::ifstream In(Path);
+    return std::string((std::istreambuf_iterator<char>(In)), std::istreambuf_iterator<char>());
+}
+
+bool WaitFor(const std::function<bool()> &Done, int TimeoutMs)
+{
+    for (int Waited = 0; Waited < TimeoutMs; Waited += 10) {
+        if (Done())
+            return true;
+        usleep(10000);
+    }
+    return Done();
+}
+
+// Starts (or starts again) the node's linxd and waits until it serves.
+void Start(Node &N)
+{
+    const std::string Path = LinxdBesideLibrary();
+    std::vector<std::string> Argv = {"linxd", "--foreground", "--idle-exit", "0", "--instance", N.Instance,
+                                     "--config", "/dev/null", "--link-timeout", "900"};
+    Argv.insert(Argv.end(), N.Args.begin(), N.Args.end());
+    N.LogPath = "/tmp/" + N.Instance + ".log";
+    const int Log = open(N.LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    N.Pid = StartChild([&] {
+        std::vector<char *> Raw;
+        for (std::string &Arg : Argv)
+            Raw.push_back(&Arg[0]);
+        Raw.push_back(nullptr);
+        dup2(Log, 2);
+        dup2(Log, 1);
+        execv(Path.c_str(), Raw.data());
+        return 127;
+    });
+    close(Log);
+    N.Starts++;
+    WaitFor([&] {
+        const std::string Text = ReadFile(N.LogPath);
+        int Seen = 0;
+        for (size_t At = Text.find("serving"); At != std::string::npos; At = Text.find("serving", At + 1))
+            Seen++;
+        return Seen >= N.Starts;
+    }, 5000);
+}
+
+void Kill(Node &N)
+{
+    if (N.Pid > 0) {
+        kill(N.Pid, SIGKILL);
+        WaitChild(N.Pid);
+    }
+    N.Pid = -1;
+}
+
+// A LINX endpoint of this process on the node's instance.
+LINX *OpenOn(const Node &N, const char *pName)
+{
+    const std::string Mine = TestInstance();
+    setenv("LINXD_INSTANCE", N.Instance.c_str(), 1);
+    LINX *pLinx = linx_open(pName, 0, nullptr);
+    setenv("LINXD_INSTANCE", Mine.c_str(), 1);
+    return pLinx;
+}
+
+// A process with endpoint Name on the node: answers every ping with the
+// ping's value plus kAnswerOffset, and writes in the node's log who the
+// first sender was, until a stop or 20 s without a signal.
+pid_t StartEcho(const Node &N, const char *pName)
+{
+    return StartChild([&] {
+        const int Log = open(N.LogPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+        dup2(Log, 2);
+        LINX *pLinx = OpenOn(N, pName);
+        for (bool bFirst = true;;) {
+            union LINX_SIGNAL *pSig = nullptr;
+            if (pLinx == nullptr || linx_receive_w_tmo(pLinx, &pSig, 20000, nullptr) <= 0)
+                return 1;
+            const LINX_SPID From = linx_sender(pLinx, &pSig);
+            const uint32_t SigNo = SigNoOf(pSig), Value = ValueOf(pSig);
+            linx_free_buf(pLinx, &pSig);
+            if (SigNo == kStop)
+                return linx_close(pLinx);
+            char *pFromName = nullptr;
+            if (bFirst && linx_get_name(pLinx, From, &pFromName) == 0)
+                fprintf(stderr, "echo %s: first ping from %s\n", pName, pFromName);
+            linx_free_name(pLinx, &pFromName);
+            bFirst = false;
+            union LINX_SIGNAL *pAnswer = NewSignal(pLinx, kPing, Value + kAnswerOffset);
+            if (linx_send(pLinx, &pAnswer, From) != 0)
+                return 2;
+        }
+    });
+}
+
+uint16_t FreePort()
+{
+    const int Fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in Addr = {};
+    Addr.sin_family = AF_INET;
+    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t Len = sizeof Addr;
+    bind(Fd, (struct sockaddr *)&Addr, sizeof Addr);
+    getsockname(Fd, (struct sockaddr *)&Addr, &Len);
+    close(Fd);
+    return ntohs(Addr.sin_port);
+}
+
+// A new link secret in a fresh file, made by linxd --make-secret.
+std::string MakeSecret(const std::string &Tag)
+{
+    const std::string Path = "/tmp/" + TestInstance() + "-" + Tag + ".secret";
+    unlink(Path.c_str());
+    const std::string Linxd = LinxdBesideLibrary();
+    EXPECT_EQ(0, WaitChild(StartChild([&] {
+        execl(Linxd.c_str(), "linxd", "--make-secret", Path.c_str(), (char *)nullptr);
+        return 127;
+    })));
+    struct stat Stat = {};
+    EXPECT_EQ(0, stat(Path.c_str(), &Stat));
+    EXPECT_EQ(0600u, Stat.st_mode & 0777);
+    return Path;
+}
+
+// Two nodes: "a" dials "b" over the transport under test.
+struct Pair {
+    Node A, B;
+};
+
+void MakePair(Pair &P, bool bTcp, const std::string &Tag)
+{
+    P.A.Instance = TestInstance() + "-" + Tag + "a";
+    P.B.Instance = TestInstance() + "-" + Tag + "b";
+    if (bTcp) {
+        const std::string Secret = MakeSecret(Tag);
+        const std::string Address = "127.0.0.1:" + std::to_string(FreePort());
+        P.B.Args = {"--secret", Secret, "--listen", "tcp:" + Address};
+        P.A.Args = {"--secret", Secret, "--link", "b=tcp:" + Address};
+    } else {
+        P.A.Args = {"--link", "b=unix:" + P.B.Instance};
+    }
+    unlink(("/tmp/" + P.A.Instance + ".log").c_str());
+    unlink(("/tmp/" + P.B.Instance + ".log").c_str());
+    Start(P.B);
+    Start(P.A);
+}
+
+class LinkedPair : public testing::TestWithParam<bool> {};
+
+// One hop: the new-link signal, a hunt through the link, signals in order
+// each way with the right senders, the remote endpoint's close and its
+// process's kill -9 both seen by attaches.
+TEST_P(LinkedPair, HuntsSignalsAnswersAndDeathsCrossTheLink)
+{
+    Pair P;
+    MakePair(P, GetParam(), GetParam() ? "tcp" : "unix");
+    LINX *pClient = OpenOn(P.A, "client");
+    ASSERT_NE(nullptr, pClient);
+    LINX_NLREF Token = linx_request_new_link(pClient, 0);
+    ASSERT_NE(0u, Token);
+    union LINX_SIGNAL *pSig = nullptr;
+    const LINX_SIGSELECT NewLink[] = {1, LINX_OS_NEW_LINK_SIG};
+    ASSERT_GT(linx_receive_w_tmo(pClient, &pSig, 10000, NewLink), 0) << ReadFile(P.A.LogPath);
+    const struct linx_new_link *pNew = (const struct linx_new_link *)pSig;
+    EXPECT_EQ(Token, pNew->token);
+    EXPECT_STREQ("b", pNew->buf + pNew->name);
+    linx_free_buf(pClient, &pSig);
+
+    const pid_t Echo = StartEcho(P.B, "alpha");
+    const LINX_SPID Alpha = HuntAndWait(pClient, "b/alpha", 10000);
+    ASSERT_NE(0u, Alpha) << ReadFile(P.A.LogPath);
+    char *pName = nullptr;
+    ASSERT_EQ(0, linx_get_name(pClient, Alpha, &pName));
+    EXPECT_STREQ("b/alpha", pName);
+    linx_free_name(pClient, &pName);
+    ASSERT_NE(0u, linx_attach(pClient, nullptr, Alpha));
+
+    constexpr uint32_t kCount = 500;
+    for (uint32_t i = 0; i < kCount; i++) {
+        int Result;
+        do { // a full ring refuses at once; it drains as linxd forwards
+            union LINX_SIGNAL *pPing = NewSignal(pClient, kPing, i, i % 7 == 0 ? 20000 : 8);
+            Result = linx_send(pClient, &pPing, Alpha);
+        } while (Result != 0 && errno == ENOBUFS && usleep(1000) == 0);
+        ASSERT_EQ(0, Result) << strerror(errno);
+    }
+    for (uint32_t i = 0; i < kCount; i++) {
+        uint32_t Value = 0;
+        LINX_SPID From = 0;
+        ASSERT_EQ(kPing, ReceiveOne(pClient, 10000, &Value, &From)) << i;
+        ASSERT_EQ(i + kAnswerOffset, Value);
+        ASSERT_EQ(Alpha, From);
+    }
+    union LINX_SIGNAL *pStop = NewSignal(pClient, kStop, 0);
+    ASSERT_EQ(0, linx_send(pClient, &pStop, Alpha));
+    EXPECT_EQ(0, WaitChild(Echo));
+    LINX_SPID Gone = 0;
+    EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 5000, nullptr, &Gone));
+    EXPECT_EQ(Alpha, Gone);
+    EXPECT_NE(std::string::npos,
+              ReadFile(P.B.LogPath).find("echo alpha: first ping from " + P.A.Instance + "/client"));
+
+    const pid_t Doomed = StartEcho(P.B, "beta");
+    const LINX_SPID Beta = HuntAndWait(pClient, "b/beta", 10000);
+    ASSERT_NE(0u, Beta);
+    ASSERT_NE(0u, linx_attach(pClient, nullptr, Beta));
+    kill(Doomed, SIGKILL);
+    WaitChild(Doomed);
+    EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 5000, nullptr, &Gone));
+    EXPECT_EQ(Beta, Gone);
+    union LINX_SIGNAL *pLate = NewSignal(pClient, kPing, 1);
+    EXPECT_TRUE(linx_send(pClient, &pLate, Beta) == 0 || errno == ECONNRESET); // never blocks or crashes
+    linx_close(pClient);
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, LinkedPair, testing::Values(false, true),
+                         [](const testing::TestParamInfo<bool> &Info) { return Info.param ? "Tcp" : "Unix"; });
+
+// A link cut (the peer's linxd killed) fires every attach behind it exactly
+// once; the link comes back when the peer does, the standing new-link
+// request fires again, and hunts reach the new endpoints.  A peer that
+// stops answering (SIGSTOP) is seen down within the link timeout.
+TEST(LinkLoss, EveryAttachFiresOnceAndTheLinkReturns)
+{
+    Pair P;
+    MakePair(P, false, "cut");
+    LINX *pClient = OpenOn(P.A, "watcher");
+    ASSERT_NE(nullptr, pClient);
+    ASSERT_NE(0u, linx_request_new_link(pClient, 0));
+    const LINX_SIGSELECT NewLink[] = {1, LINX_OS_NEW_LINK_SIG};
+    ASSERT_EQ(LINX_OS_NEW_LINK_SIG, ReceiveOne(pClient, 10000, nullptr, nullptr, NewLink));
+
+    std::vector<pid_t> Echoes;
+    std::vector<LINX_SPID> Remote;
+    for (const char *pName : {"e1", "e2", "e3"}) {
+        Echoes.push_back(StartEcho(P.B, pName));
+        Remote.push_back(HuntAndWait(pClient, (std::string("b/") + pName).c_str(), 10000));
+        ASSERT_NE(0u, Remote.back());
+        ASSERT_NE(0u, linx_attach(pClient, nullptr, Remote.back()));
+        ASSERT_NE(0u, linx_attach(pClient, nullptr, Remote.back())); // two attaches, two signals
+    }
+    Kill(P.B);
+    std::map<LINX_SPID, int> Fired;
+    LINX_SPID From = 0;
+    while (ReceiveOne(pClient, 1500, nullptr, &From) == LINX_OS_ATTACH_SIG)
+        Fired[From]++;
+    for (const LINX_SPID Spid : Remote)
+        EXPECT_EQ(2, Fired[Spid]) << std::hex << Spid;
+    EXPECT_EQ(3u, Fired.size());
+    EXPECT_NE(std::string::npos, ReadFile(P.A.LogPath).find("link b is down"));
+    for (const pid_t Echo : Echoes)
+        kill(Echo, SIGKILL), WaitChild(Echo);
+
+    Start(P.B);
+    EXPECT_EQ(LINX_OS_NEW_LINK_SIG, ReceiveOne(pClient, 10000, nullptr, nullptr, NewLink)) << ReadFile(P.A.LogPath);
+    const pid_t Echo = StartEcho(P.B, "e4");
+    const LINX_SPID Back = HuntAndWait(pClient, "b/e4", 10000);
+    ASSERT_NE(0u, Back);
+    ASSERT_NE(0u, linx_attach(pClient, nullptr, Back));
+
+    kill(P.B.Pid, SIGSTOP); // silent, not closed: only the heartbeats tell
+    EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 3000, nullptr, &From));
+    EXPECT_EQ(Back, From);
+    EXPECT_NE(std::string::npos, ReadFile(P.A.LogPath).find("nothing heard for 900 ms"));
+    kill(P.B.Pid, SIGCONT);
+    kill(Echo, SIGKILL);
+    WaitChild(Echo);
+    linx_close(pClient);
+}
+
+// Three nodes in a row, a - b - c: a hunts "b/c/gamma", its signals cross
+// two links and the answers come back; c names the sender by the path back.
+TEST(LinkHops, TwoHopsThereAndBack)
+{
+    Node A, B, C;
+    A.Instance = TestInstance() + "-hopa";
+    B.Instance = TestInstance() + "-hopb";
+    C.Instance = TestInstance() + "-hopc";
+    A.Args = {"--link", "b=unix:" + B.Instance};
+    B.Args = {"--link", "c=unix:" + C.Instance};
+    for (Node *pN : {&C, &B, &A}) {
+        unlink(("/tmp/" + pN->Instance + ".log").c_str());
+        Start(*pN);
+    }
+    const pid_t Echo = StartEcho(C, "gamma");
+    LINX *pClient = OpenOn(A, "far");
+    const LINX_SPID Gamma = HuntAndWait(pClient, "b/c/gamma", 10000);
+    ASSERT_NE(0u, Gamma) << ReadFile(A.LogPath) << ReadFile(B.LogPath);
+    for (uint32_t i = 0; i < 50; i++) {
+        union LINX_SIGNAL *pPing = NewSignal(pClient, kPing, i);
+        ASSERT_EQ(0, linx_send(pClient, &pPing, Gamma));
+        uint32_t Value = 0;
+        ASSERT_EQ(kPing, ReceiveOne(pClient, 5000, &Value));
+        ASSERT_EQ(i + kAnswerOffset, Value);
+    }
+    ASSERT_NE(0u, linx_attach(pClient, nullptr, Gamma));
+    union LINX_SIGNAL *pStop = NewSignal(pClient, kStop, 0);
+    ASSERT_EQ(0, linx_send(pClient, &pStop, Gamma));
+    EXPECT_EQ(0, WaitChild(Echo));
+    EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 5000));
+    EXPECT_NE(std::string::npos,
+              ReadFile(C.LogPath).find("echo gamma: first ping from " + B.Instance + "/" + A.Instance + "/far"));
+    linx_close(pClient);
+}
+
+int ConnectUnixLink(const std::string &Instance)
+{
+    const int Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un Addr = {};
+    Addr.sun_family = AF_UNIX;
+    const int Len = snprintf(Addr.sun_path + 1, sizeof Addr.sun_path - 1, "linxd-link/%u/%s", (unsigned)geteuid(),
+                             Instance.c_str());
+    connect(Fd, (struct sockaddr *)&Addr, (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + Len));
+    return Fd;
+}
+
+std::string Frame(uint32_t Type, const std::string &Body)
+{
+    uint32_t Header[2] = {Type, (uint32_t)Body.size()};
+    return std::string((const char *)Header, sizeof Header) + Body;
+}
+
+std::string Hello(const std::string &Node)
+{
+    const uint32_t Words[2] = {0x4B4E4C31u, 1};
+    return Frame(1, std::string((const char *)Words, sizeof Words) + Node);
+}
+
+// Peers that do not belong: a TCP peer with another secret never gets a
+// hunt through, and garbage, frames before the hello, oversized frames and
+// signals from endpoints never announced each drop only their own
+// connection, with a line, while the link that belongs keeps working.
+TEST(LinkPeers, StrangersAndGarbageAreRefused)
+{
+    Pair P;
+    MakePair(P, true, "sec");
+    Node Stranger;
+    Stranger.Instance = TestInstance() + "-secx";
+    const std::string Port = P.B.Args.back().substr(P.B.Args.back().rfind(':') + 1);
+    Stranger.Args = {"--secret", MakeSecret("other"), "--link", "b=tcp:127.0.0.1:" + Port};
+    unlink(("/tmp/" + Stranger.Instance + ".log").c_str());
+    Start(Stranger);
+    const pid_t Echo = StartEcho(P.B, "vault");
+    LINX *pOutsider = OpenOn(Stranger, "outsider");
+    EXPECT_EQ(0u, HuntAndWait(pOutsider, "b/vault", 1500));
+    EXPECT_NE(std::string::npos, ReadFile(Stranger.LogPath).find("TLS handshake failed"));
+    EXPECT_NE(std::string::npos, ReadFile(P.B.LogPath).find("refused a link connection from tcp:127.0.0.1"));
+    linx_close(pOutsider);
+
+    const std::string Ping = Frame(5, std::string(12, '\0') + "ping");
+    const struct {
+        std::string Bytes;
+        const char *pLine;
+    } Cases[] = {
+        {"GET / HTTP/1.0\r\n\r\n", "more than any frame holds"},
+        {Frame(4, "xxxx"), "a frame before the hello"},
+        {Frame(1, "hi"), "not a linxd link"},
+        {Hello("rogue") + Ping, "a signal from an endpoint it never announced"},
+        {Hello("rogue2") + Frame(99, ""), "a frame of unknown type 99"},
+        {Hello("rogue3") + Frame(2, std::string("a\0b", 3)), "a hunt for a name that cannot be"},
+    };
+    for (const auto &Case : Cases) {
+        const int Fd = ConnectUnixLink(P.B.Instance);
+        ASSERT_EQ((ssize_t)Case.Bytes.size(), write(Fd, Case.Bytes.data(), Case.Bytes.size()));
+        char Buffer[256];
+        while (read(Fd, Buffer, sizeof Buffer) > 0) { // the hello back, then the end
+        }
+        close(Fd);
+        EXPECT_TRUE(WaitFor([&] { return ReadFile(P.B.LogPath).find(Case.pLine) != std::string::npos; }, 2000))
+            << Case.pLine;
+    }
+    LINX *pClient = OpenOn(P.A, "insider");
+    const LINX_SPID Vault = HuntAndWait(pClient, "b/vault", 10000);
+    ASSERT_NE(0u, Vault);
+    union LINX_SIGNAL *pStop = NewSignal(pClient, kStop, 0);
+    ASSERT_EQ(0, linx_send(pClient, &pStop, Vault));
+    EXPECT_EQ(0, WaitChild(Echo));
+    linx_close(pClient);
+}
+
+// The message layer across nodes: a public endpoint on node b, reached from
+// node a by the path a configuration would give it ("b/weather"), with a
+// request and its answer along the sender stack.
+TEST(LinkMessages, RemoteOpenRequestAndAnswer)
+{
+    Pair P;
+    MakePair(P, false, "msg");
+    const pid_t Server = StartChild([&] {
+        setenv("LINXD_INSTANCE", P.B.Instance.c_str(), 1);
+        if (MSG_OpenLocal("weather") != MSG_OK)
+            return 1;
+        for (;;) {
+            MSG_Msg *pMsg = MSG_RecvAnyMsg("weather", 20000);
+            if (pMsg == nullptr)
+                return 2;
+            snprintf((char *)MSG_GetPayloadMutable(pMsg), (size_t)MSG_GetPayloadBytes(pMsg), "sunny");
+            MSG_SetType(pMsg, 0x101);
+            MSG_SendMsg("weather", 0, pMsg); // back along the sender stack
+        }
+    });
+    const pid_t Client = StartChild([&] {
+        setenv("LINXD_INSTANCE", P.A.Instance.c_str(), 1);
+        uint32_t Id = 0;
+        if (MSG_OpenLocal("asker") != MSG_OK || MSG_OpenRemoteSync("asker", "b/weather", 10000, &Id) != MSG_OK)
+            return 1;
+        MSG_SendMsg("asker", Id, MSG_AllocMsg(0x100, 0, 16));
+        MSG_Msg *pAnswer = MSG_RecvAnyMsg("asker", 10000);
+        if (pAnswer == nullptr || strcmp((const char *)MSG_GetPayload(pAnswer), "sunny") != 0)
+            return 2;
+        MSG_ReleaseMsg(pAnswer);
+        return MSG_CloseLocal("asker") == MSG_OK ? 0 : 3;
+    });
+    EXPECT_EQ(0, WaitChild(Client));
+    kill(Server, SIGKILL);
+    WaitChild(Server);
+}
+
+} // namespace
