@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -51,12 +52,22 @@ constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
 // the rings of the link's phantoms, and their senders are refused when
 // their rings fill.
 constexpr size_t kLinkOutHighBytes = 4u << 20;
+// How long the loop keeps looking for more after it served something,
+// while links exist.
+constexpr int64_t kLinkSpinUs = 50;
 // Names one peer may wait for here at a time.
 constexpr size_t kMaxWantedPerLink = 65536;
 // A declared link that failed is dialled again after 100 ms, doubling up
 // to 2 s.
 constexpr int64_t kFirstRedialMs = 100;
 constexpr int64_t kLastRedialMs = 2000;
+
+int64_t jNowUs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return (int64_t)Now.tv_sec * 1000000 + Now.tv_nsec / 1000;
+}
 
 int64_t jNowMs()
 {
@@ -165,6 +176,7 @@ public:
     int Run();
     bool Start();
     void Admit(int Fd);
+    void AdmitLink(LinkConn &&Conn);
     int Step(int TimeoutMs);
     bool HoldsNothing() const;
 
@@ -1084,12 +1096,20 @@ void Service::jAcceptLink(int ListenFd)
             fprintf(stderr, "linxd: refused a link connection from %s: %s\n", L.Conn.Peer.c_str(), Why.c_str());
             continue;
         }
-        L.Id = ++mNextLinkId;
-        L.SinceMs = jNowMs();
-        L.Watched = EPOLLIN;
-        jWatch(Watch::Link, L.Conn.Fd, L.Id, EPOLLIN, EPOLL_CTL_ADD);
-        mLinks.emplace(L.Id, std::move(L));
+        AdmitLink(std::move(L.Conn));
     }
+}
+
+// A connection a peer dialled; it becomes a link when its hello comes.
+void Service::AdmitLink(LinkConn &&Conn)
+{
+    Link L;
+    L.Conn = std::move(Conn);
+    L.Id = ++mNextLinkId;
+    L.SinceMs = jNowMs();
+    L.Watched = EPOLLIN;
+    jWatch(Watch::Link, L.Conn.Fd, L.Id, EPOLLIN, EPOLL_CTL_ADD);
+    mLinks.emplace(L.Id, std::move(L));
 }
 
 void Service::jDial(Link &L)
@@ -1687,8 +1707,16 @@ int Service::Run()
         return 1;
     if (mOptions.bForeground)
         fprintf(stderr, "linxd: serving instance \"%s\"\n", mOptions.Instance.c_str());
+    int64_t SpinUntilUs = 0;
     for (;;) {
-        Step(jNextTimeoutMs());
+        // While links carry traffic, the loop keeps looking for a while
+        // before it sleeps: the next frame or ring entry of a conversation
+        // then costs no wake-up (one on each of the two nodes per hop).
+        const bool bSpinning = jNowUs() < SpinUntilUs;
+        if (Step(bSpinning ? 0 : jNextTimeoutMs()) > 0 && !mLinks.empty())
+            SpinUntilUs = jNowUs() + kLinkSpinUs;
+        else if (bSpinning)
+            sched_yield();
         if (mClients.empty() && mOptions.IdleExitSeconds > 0 &&
             jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
             jAccept(); // a client that connected just now keeps us alive
@@ -1727,6 +1755,14 @@ LinxdService *LinxdStart(const LinxdOptions &Options)
 void LinxdAdmit(LinxdService *pService, int Fd)
 {
     pService->S.Admit(Fd);
+}
+
+void LinxdAdmitLink(LinxdService *pService, int Fd)
+{
+    LinkConn Conn;
+    Conn.Fd = Fd;
+    Conn.Peer = "the harness";
+    pService->S.AdmitLink(std::move(Conn));
 }
 
 int LinxdStep(LinxdService *pService)

@@ -58,6 +58,9 @@ int LinxdRun(const LinxdOptions &Options);
 struct LinxdService;
 LinxdService *LinxdStart(const LinxdOptions &Options);
 void LinxdAdmit(LinxdService *pService, int Fd);
+// Takes a connected stream socket as a link a peer dialled (the link fuzz
+// harness's way in).
+void LinxdAdmitLink(LinxdService *pService, int Fd);
 int LinxdStep(LinxdService *pService);
 bool LinxdHoldsNothing(const LinxdService *pService);
 void LinxdStop(LinxdService *pService);

@@ -9,7 +9,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 runs=${1:-}
 build="$root/build-fuzz"
-harnesses=(fuzz_msg_recv fuzz_msg_config fuzz_linxd_requests)
+harnesses=(fuzz_msg_recv fuzz_msg_config fuzz_linxd_requests fuzz_linxd_links)
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANE_FUZZ=ON \
   -DORVANE_SANITIZE=address -DORVANE_TESTS=OFF -DORVANE_BENCH=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)" --target linxd "${harnesses[@]}" >/dev/null
