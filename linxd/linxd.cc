@@ -1078,7 +1078,9 @@ bool Service::jStartLinks()
 
 void Service::jWatchLink(Link &L)
 {
-    const bool bOut = L.Conn.bWantWrite || LinkOutBytes(L.Conn) != 0 || L.Conn.State == LinkState::Connecting;
+    // Out is flushed at the end of every turn: only a flush the socket did
+    // not take whole waits for it to be writable.
+    const bool bOut = L.Conn.bWantWrite || L.Conn.State == LinkState::Connecting;
     const uint32_t Events = (L.bPaused ? 0u : (uint32_t)EPOLLIN) | (bOut ? (uint32_t)EPOLLOUT : 0u);
     if (Events != L.Watched)
         jWatch(Watch::Link, L.Conn.Fd, L.Id, Events, EPOLL_CTL_MOD);

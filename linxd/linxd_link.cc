@@ -201,6 +201,8 @@ bool jReadAll(LinkConn *pConn, std::string *pWhy)
         pConn->In.erase(0, pConn->InTaken); // at most a part of one frame stays
         pConn->InTaken = 0;
         pConn->In.append(Buffer, (size_t)Got);
+        if (pConn->pSsl == nullptr && (size_t)Got < sizeof Buffer)
+            return true; // the socket is empty; epoll says when more comes
     }
 }
 
