@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -52,22 +51,12 @@ constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
 // the rings of the link's phantoms, and their senders are refused when
 // their rings fill.
 constexpr size_t kLinkOutHighBytes = 4u << 20;
-// How long the loop keeps looking for more after it served something,
-// while links exist.
-constexpr int64_t kLinkSpinUs = 50;
 // Names one peer may wait for here at a time.
 constexpr size_t kMaxWantedPerLink = 65536;
 // A declared link that failed is dialled again after 100 ms, doubling up
 // to 2 s.
 constexpr int64_t kFirstRedialMs = 100;
 constexpr int64_t kLastRedialMs = 2000;
-
-int64_t jNowUs()
-{
-    struct timespec Now;
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return (int64_t)Now.tv_sec * 1000000 + Now.tv_nsec / 1000;
-}
 
 int64_t jNowMs()
 {
@@ -1709,16 +1698,8 @@ int Service::Run()
         return 1;
     if (mOptions.bForeground)
         fprintf(stderr, "linxd: serving instance \"%s\"\n", mOptions.Instance.c_str());
-    int64_t SpinUntilUs = 0;
     for (;;) {
-        // While links carry traffic, the loop keeps looking for a while
-        // before it sleeps: the next frame or ring entry of a conversation
-        // then costs no wake-up (one on each of the two nodes per hop).
-        const bool bSpinning = jNowUs() < SpinUntilUs;
-        if (Step(bSpinning ? 0 : jNextTimeoutMs()) > 0 && !mLinks.empty())
-            SpinUntilUs = jNowUs() + kLinkSpinUs;
-        else if (bSpinning)
-            sched_yield();
+        Step(jNextTimeoutMs());
         if (mClients.empty() && mOptions.IdleExitSeconds > 0 &&
             jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
             jAccept(); // a client that connected just now keeps us alive
