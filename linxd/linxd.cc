@@ -1485,8 +1485,9 @@ void Service::jRingBell(uint32_t Spid)
     jDrainPhantom(*pS);
 }
 
-// A socket of process Pid closes: what the process wrote to phantoms goes
-// out first, and the rings of a process with no socket left are unmapped.
+// A socket of process Pid closed (its client is gone already): what the
+// process wrote to phantoms goes out first, and the rings of a process with
+// no socket left are unmapped.
 void Service::jRingsOfGoneProcess(pid_t Pid)
 {
     size_t Sockets = 0;
@@ -1498,7 +1499,7 @@ void Service::jRingsOfGoneProcess(pid_t Pid)
             continue;
         jDrainRings(P, nullptr);
         for (size_t i = 0; i < P.Rings.size();) {
-            const bool bGone = Sockets <= 1 && P.Rings[i].Sender == Pid && !linxd_ring_waiting(&P.Rings[i].Reader);
+            const bool bGone = Sockets == 0 && P.Rings[i].Sender == Pid && !linxd_ring_waiting(&P.Rings[i].Reader);
             if (bGone) {
                 linxd_ring_unmap(&P.Rings[i].Reader);
                 P.Rings.erase(P.Rings.begin() + (ptrdiff_t)i);
