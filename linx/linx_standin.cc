@@ -1092,7 +1092,8 @@ int jPullOutlet(StandinSocket &S, bool bForce)
     if (!bForce && Hint == S.OutletHint)
         return 0;
     S.OutletHint = Hint;
-    thread_local std::vector<char> Buffer(sizeof(linxd_signal_header) + LINXD_MAX_CONTROL_SIGNAL);
+    // linxd's own signals, and signals that came over links (any size).
+    thread_local std::vector<char> Buffer(sizeof(linxd_signal_header) + LINXD_MAX_SIGNAL_BYTES);
     for (;;) {
         linxd_signal_header Header;
         struct iovec Iov[2] = {{&Header, sizeof Header}, {Buffer.data(), Buffer.size()}};

@@ -900,6 +900,12 @@ void Service::jFlushBacklog(Socket &S)
                 S.bWatchingInlet = true;
                 return;
             }
+            // Only a signal from a link can be larger than the outlet takes
+            // (a node run with a smaller --queue-bytes than the sender's);
+            // else the owner is gone and its end is being seen to.
+            if (errno == EMSGSIZE)
+                fprintf(stderr, "linxd: dropped a signal of %zu bytes for %s: larger than its queue\n",
+                        Datagram.size() - sizeof(linxd_signal_header), S.Name.c_str());
             __atomic_sub_fetch(&mpSlots[S.Slot].queued, 1, __ATOMIC_RELAXED);
         } else {
             __atomic_add_fetch(&mpSlots[S.Slot].outlet_signals, 1, __ATOMIC_RELEASE);

@@ -18,9 +18,11 @@
  * a store: no system call.  The bell is rung only when the receiver has
  * armed it (its slot's armed word), that is when it found every ring empty.
  *
- * linxd's own signals (hunt answers, attach signals, timeouts) and ring
- * announcements go through the outlet: the receiving end of a
- * SOCK_SEQPACKET socket pair whose other end only linxd holds.
+ * linxd's own signals (hunt answers, attach signals, timeouts), signals
+ * that came over links from other nodes, and ring announcements go through
+ * the outlet: the receiving end of a SOCK_SEQPACKET socket pair whose other
+ * end only linxd holds.  A socket that stands for an endpoint behind a link
+ * (a phantom) has no outlet: linxd reads the rings of its senders itself.
  *
  * Counters: linxd shares one memory region of slots with every client; a
  * socket's slot counts its queued, sent and received signals, so any
@@ -46,7 +48,8 @@
 
 #define LINXD_MAX_NAME_CHARS     1024          /* endpoint names */
 #define LINXD_MAX_SIGNAL_BYTES   (256u * 1024)  /* largest signal payload */
-#define LINXD_MAX_CONTROL_SIGNAL (64u * 1024)   /* hunt, attach and timeout signals */
+#define LINXD_MAX_CONTROL_SIGNAL (64u * 1024)   /* hunt, attach and timeout signals (outlet
+                                                   datagrams from links reach LINXD_MAX_SIGNAL_BYTES) */
 #define LINXD_MAX_REQUEST_BYTES  (sizeof(struct linxd_request) + LINXD_MAX_NAME_CHARS + 1 + LINXD_MAX_CONTROL_SIGNAL)
 #define LINXD_MAX_SOCKETS        16384u        /* slots in the counter region */
 

@@ -232,7 +232,7 @@ TEST_P(LinkedPair, HuntsSignalsAnswersAndDeathsCrossTheLink)
     for (uint32_t i = 0; i < kCount; i++) {
         int Result;
         do { // a full ring refuses at once; it drains as linxd forwards
-            union LINX_SIGNAL *pPing = NewSignal(pClient, kPing, i, i % 7 == 0 ? 20000 : 8);
+            union LINX_SIGNAL *pPing = NewSignal(pClient, kPing, i, i % 7 == 0 ? (i == 7 ? 200000 : 20000) : 8);
             Result = linx_send(pClient, &pPing, Alpha);
         } while (Result != 0 && errno == ENOBUFS && usleep(1000) == 0);
         ASSERT_EQ(0, Result) << strerror(errno);
