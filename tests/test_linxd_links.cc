@@ -332,8 +332,9 @@ TEST(LinkLoss, EveryAttachFiresOnceAndTheLinkReturns)
     linx_close(pClient);
 }
 
-// Three nodes in a row, a - b - c: a hunts "b/c/gamma", its signals cross
-// two links and the answers come back; c names the sender by the path back.
+// Three nodes in a row, a - b - c (b's link declared in a configuration
+// file): a hunts "b/c/gamma", its signals cross two links and the answers
+// come back; c names the sender by the path back.
 TEST(LinkHops, TwoHopsThereAndBack)
 {
     Node A, B, C;
@@ -341,7 +342,9 @@ TEST(LinkHops, TwoHopsThereAndBack)
     B.Instance = TestInstance() + "-hopb";
     C.Instance = TestInstance() + "-hopc";
     A.Args = {"--link", "b=unix:" + B.Instance};
-    B.Args = {"--link", "c=unix:" + C.Instance};
+    const std::string Config = "/tmp/" + B.Instance + ".conf"; // b's link comes from a file
+    std::ofstream(Config) << "# b's links\n\nlink c=unix:" << C.Instance << "\n";
+    B.Args = {"--config", Config};
     for (Node *pN : {&C, &B, &A}) {
         unlink(("/tmp/" + pN->Instance + ".log").c_str());
         Start(*pN);
