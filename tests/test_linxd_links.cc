@@ -127,7 +127,7 @@ pid_t StartEcho(const Node &N, const char *pName)
         for (uint32_t Pings = 0;; Pings++) {
             union LINX_SIGNAL *pSig = nullptr;
             if (pLinx == nullptr || linx_receive_w_tmo(pLinx, &pSig, 20000, nullptr) <= 0)
-                return 1;
+                return pLinx != nullptr ? linx_close(pLinx) + 1 : 1; // its node went away
             const LINX_SPID From = linx_sender(pLinx, &pSig);
             const uint32_t SigNo = SigNoOf(pSig), Value = ValueOf(pSig);
             linx_free_buf(pLinx, &pSig);
@@ -141,7 +141,7 @@ pid_t StartEcho(const Node &N, const char *pName)
             linx_free_name(pLinx, &pFromName);
             union LINX_SIGNAL *pAnswer = NewSignal(pLinx, kPing, Value + kAnswerOffset);
             if (linx_send(pLinx, &pAnswer, From) != 0 && errno != ECONNRESET)
-                return 2;
+                return linx_close(pLinx) + 2;
         }
     });
 }
