@@ -51,8 +51,10 @@ constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
 // the rings of the link's phantoms, and their senders are refused when
 // their rings fill.
 constexpr size_t kLinkOutHighBytes = 4u << 20;
-// Names one peer may wait for here at a time.
+// Names one peer may wait for here at a time, and endpoints of its node
+// that may stand here at a time: a broken peer cannot take every slot.
 constexpr size_t kMaxWantedPerLink = 65536;
+constexpr size_t kMaxPhantomsPerLink = 4096;
 // A declared link that failed is dialled again after 100 ms, doubling up
 // to 2 s.
 constexpr int64_t kFirstRedialMs = 100;
@@ -1382,6 +1384,10 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name,
     L.Asked.erase(Name);
     if (L.Phantoms.count(RemoteSpid) != 0)
         return true;
+    if (L.Phantoms.size() >= kMaxPhantomsPerLink) {
+        *pWhy = "more than " + std::to_string(kMaxPhantomsPerLink) + " of its endpoints known here at once";
+        return false;
+    }
     const std::string Full = L.Name + "/" + Name;
     int Error = 0;
     Socket *pS = Full.size() <= LINXD_MAX_NAME_CHARS ? jNewSocket(Full, getpid(), &Error) : nullptr;
