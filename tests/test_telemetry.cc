@@ -260,6 +260,14 @@ struct Collector {
     std::string Capture, Log;
 };
 
+std::string ReadFile(const std::string &Path)
+{
+    std::ifstream In(Path, std::ios::binary);
+    std::stringstream Text;
+    Text << In.rdbuf();
+    return Text.str();
+}
+
 Collector StartCollector(const std::string &Tag)
 {
     Collector C;
@@ -272,15 +280,9 @@ Collector StartCollector(const std::string &Tag)
         execl(ORVANE_COLLECTOR, ORVANE_COLLECTOR, "-w", C.Capture.c_str(), "-t", "60", (char *)nullptr);
         _exit(127);
     }
+    for (int Waited = 0; Waited < 10000 && ReadFile(C.Log).find("collecting") == std::string::npos; Waited += 10)
+        usleep(10 * 1000); // until it serves (and would stop cleanly when told)
     return C;
-}
-
-std::string ReadFile(const std::string &Path)
-{
-    std::ifstream In(Path, std::ios::binary);
-    std::stringstream Text;
-    Text << In.rdbuf();
-    return Text.str();
 }
 
 // The records of a capture: the 24-byte file header (link type 147), then
