@@ -1157,7 +1157,7 @@ void Service::jTakeFrames(Link &L)
 {
     uint32_t Type = 0;
     std::string Body, Why;
-    int Got;
+    int Got = 0;
     while (!L.bPaused && (Got = LinkTakeFrame(&L.Conn, &Type, &Body, &Why)) == 1) {
         L.LastHeardMs = jNowMs();
         if (!jLinkFrame(L, Type, Body, &Why)) {
