@@ -51,6 +51,10 @@ constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
 // the rings of the link's phantoms, and their senders are refused when
 // their rings fill.
 constexpr size_t kLinkOutHighBytes = 4u << 20;
+// Frames a peer leaves unread beyond this (its node's own senders stop at
+// the high-water mark, but what other links bring for it does not): the
+// link is dropped as one whose peer is stuck, and its attaches fire.
+constexpr size_t kMaxLinkOutBytes = 64u << 20;
 // Names one peer may wait for here at a time, and endpoints of its node
 // that may stand here at a time: a broken peer cannot take every slot.
 constexpr size_t kMaxWantedPerLink = 65536;
@@ -1552,8 +1556,8 @@ void Service::jFlushLinks()
         std::string Why;
         if (L.Conn.Fd < 0 || !L.Broken.empty())
             continue;
-        if (!LinkFlush(&L.Conn, &Why)) {
-            L.Broken = Why;
+        if (!LinkFlush(&L.Conn, &Why) || LinkOutBytes(L.Conn) > kMaxLinkOutBytes) {
+            L.Broken = Why.empty() ? "the peer left " + std::to_string(kMaxLinkOutBytes >> 20) + " MiB unread" : Why;
             continue;
         }
         if (L.bThrottled && LinkOutBytes(L.Conn) <= kLinkOutHighBytes) {
