@@ -136,18 +136,6 @@ pid_t StartEcho(const std::string &Peer, bool bEcho)
     return Echo;
 }
 
-LINX_SPID HuntPatiently(LINX *pLinx, const std::string &Name)
-{
-    if (linx_hunt(pLinx, Name.c_str(), nullptr) != 0)
-        Fail("hunt");
-    union LINX_SIGNAL *pSig = nullptr;
-    if (linx_receive_w_tmo(pLinx, &pSig, 15000, nullptr) <= 0)
-        Fail("hunt answer (is the link up?)");
-    const LINX_SPID Peer = linx_sender(pLinx, &pSig);
-    linx_free_buf(pLinx, &pSig);
-    return Peer;
-}
-
 void Stop(LINX *pLinx, LINX_SPID Peer, pid_t Echo)
 {
     SendWaiting(pLinx, Peer, kBytes, kStop);
@@ -163,7 +151,7 @@ double LinxRoundTripUs(const std::string &Mine, const std::string &Peer, const s
 {
     const pid_t Echo = StartEcho(Peer, true);
     LINX *pLinx = OpenOn(Mine, "bench-asker");
-    const LINX_SPID Target = HuntPatiently(pLinx, PeerPath);
+    const LINX_SPID Target = Hunt(pLinx, PeerPath.c_str());
     std::vector<double> Samples;
     for (int i = 0; i < kRounds + 200; i++) {
         const double Start = NowUs();
@@ -185,7 +173,7 @@ double OneWayPerSecond(const std::string &Mine, const std::string &Peer, const s
 {
     const pid_t Taker = StartEcho(Peer, false);
     LINX *pLinx = OpenOn(Mine, "bench-sender");
-    const LINX_SPID Target = HuntPatiently(pLinx, PeerPath);
+    const LINX_SPID Target = Hunt(pLinx, PeerPath.c_str());
     const double Start = NowUs();
     for (int i = 0; i < kOneWay; i++)
         SendWaiting(pLinx, Target, kBytes, kEcho);

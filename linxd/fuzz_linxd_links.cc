@@ -8,7 +8,6 @@
 // no descriptor may be left open.
 //
 // Built with -DORVANE_FUZZ=ON by clang.
-#include <dirent.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -17,22 +16,12 @@
 
 #include <string>
 
+#include "fuzz_descriptors.h"
 #include "linxd.h"
 #include "linxd_link.h"
 #include "linxd_protocol.h"
 
 namespace {
-
-int OpenDescriptors()
-{
-    int Count = 0;
-    if (DIR *pDir = opendir("/proc/self/fd")) {
-        while (readdir(pDir) != nullptr)
-            Count++;
-        closedir(pDir);
-    }
-    return Count;
-}
 
 void Settle(LinxdService *pService, int Fd)
 {

@@ -16,7 +16,6 @@
 // SPIDs are counted from 0x10001 in the order the clients register.
 //
 // Built with -DORVANE_FUZZ=ON by clang.
-#include <dirent.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_descriptors.h"
 #include "linxd.h"
 #include "linxd_protocol.h"
 
@@ -62,17 +62,6 @@ struct Script {
         return Value;
     }
 };
-
-int OpenDescriptors()
-{
-    int Count = 0;
-    if (DIR *pDir = opendir("/proc/self/fd")) {
-        while (readdir(pDir) != nullptr)
-            Count++;
-        closedir(pDir);
-    }
-    return Count;
-}
 
 // Takes every reply waiting for the client, keeping the descriptors they
 // carry until the client leaves.

@@ -2,6 +2,7 @@
 // pre-shared key, framing.
 #include "linxd_link.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -79,17 +80,6 @@ unsigned jServerKey(SSL *pSsl, const char *pIdentity, unsigned char *pKey, unsig
         return 0;
     memcpy(pKey, pSecret->Key, sizeof pSecret->Key);
     return sizeof pSecret->Key;
-}
-
-int jHexDigit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 socklen_t jUnixLinkAddress(const std::string &Instance, struct sockaddr_un *pAddr)
@@ -293,12 +283,12 @@ bool LinkLoadSecret(const std::string &Path, LinkSecret *pSecret, std::string *p
         return false;
     }
     for (size_t i = 0; i < sizeof pSecret->Key; i++) {
-        const int High = jHexDigit(Text[2 * i]), Low = jHexDigit(Text[2 * i + 1]);
-        if (High < 0 || Low < 0) {
+        const char Pair[3] = {Text[2 * i], Text[2 * i + 1], '\0'};
+        if (!isxdigit((unsigned char)Pair[0]) || !isxdigit((unsigned char)Pair[1])) {
             *pWhy = "the link secret " + Path + " is not 64 hex digits";
             return false;
         }
-        pSecret->Key[i] = (uint8_t)(High * 16 + Low);
+        pSecret->Key[i] = (uint8_t)strtoul(Pair, nullptr, 16);
     }
     return true;
 }
