@@ -60,8 +60,10 @@ struct LocalEndpoint {
     struct CallbackEntry *pCallbackHead;
     pthread_mutex_t NtfyMutex;
     struct NtfyEntry *pNtfyHead;   // notifications registered by peers
-    struct PendingHunt *pPendingHuntHead; // private endpoint: hunts of timed-out
-                                          // synchronous opens (owner thread only)
+    struct PendingHunt *pPendingHuntHead; // hunts left with LINX: a private
+                                          // endpoint's timed-out synchronous opens
+                                          // (owner thread only), a public one's
+                                          // unanswered hunts (RemoteMutex)
     pthread_t Owner;               // owning thread of a private endpoint, 0 if public
     uint32_t Token;                // what messages carry in pOwner
     char Name[];                   // NUL-terminated, inline

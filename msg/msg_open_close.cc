@@ -8,11 +8,14 @@
 // then attaches to it, and its death comes back as the close message.
 // LINX cannot withdraw a hunt: a late hunt answer for a record that is gone
 // is absorbed by the handler (105, no callback).  Attaches of deleted
-// records are withdrawn by the remote table.  A synchronous open that timed
-// out remembers its hunt on the thread's private endpoint, and the next
-// synchronous open of the same peer from that thread waits for that hunt
-// instead of making another, so a thread that retries while its peer is
-// down keeps one hunt pending in LINX, not one per try.
+// records are withdrawn by the remote table.  So that a program that opens
+// and closes a peer again and again while it is down keeps one hunt pending
+// in LINX, not one per try, hunts are reused: a public endpoint remembers
+// the hunts it made until they are answered, and an asynchronous open of a
+// peer whose hunt is pending waits for that one (its answer opens the
+// record of that path, whatever type it was made with); a synchronous open
+// that timed out remembers its hunt on the thread's private endpoint, and
+// the next synchronous open of the same peer from that thread waits for it.
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -21,8 +24,9 @@
 #include "msg_open_close.h"
 #include "msg_remote_endpoint.h"
 
-// A hunt a timed-out synchronous open left with LINX; its answer, when the
-// peer appears, is a signal of Type (bit 31 set) on the private endpoint.
+// A hunt left with LINX (by a timed-out synchronous open, on the private
+// endpoint; by a public endpoint, until it is answered); its answer, when
+// the peer appears, is a signal of Type (bit 31 set) on that endpoint.
 struct PendingHunt {
     PendingHunt *pNext;
     MSG_Type Type;
@@ -140,6 +144,85 @@ MSG_Status MSG_LinxHunt(LocalEndpoint *pEndpoint, const char *pRemoteName, MSG_T
     return Status;
 }
 
+namespace {
+
+// The link to the pending hunt for the path, or (pPath null) to the one
+// whose answer is of Type; null when there is none.  A private endpoint's
+// list is its owner's, a public one's is guarded by its RemoteMutex.
+PendingHunt **jFindPendingHunt(LocalEndpoint *pEndpoint, const char *pPath, MSG_Type Type = 0)
+{
+    for (PendingHunt **ppLink = &pEndpoint->pPendingHuntHead; *ppLink != nullptr; ppLink = &(*ppLink)->pNext)
+        if (pPath != nullptr ? strcmp((*ppLink)->Name, pPath) == 0 : (*ppLink)->Type == Type)
+            return ppLink;
+    return nullptr;
+}
+
+// Unlinks the pending hunt jFindPendingHunt finds; null when there is none.
+PendingHunt *jTakePendingHunt(LocalEndpoint *pEndpoint, const char *pPath, MSG_Type Type = 0)
+{
+    PendingHunt **ppLink = jFindPendingHunt(pEndpoint, pPath, Type);
+    PendingHunt *p = ppLink != nullptr ? *ppLink : nullptr;
+    if (p != nullptr)
+        *ppLink = p->pNext;
+    return p;
+}
+
+// Without memory the hunt is merely not reused.
+bool jRememberPendingHunt(LocalEndpoint *pEndpoint, const char *pPath, MSG_Type Type)
+{
+    const size_t NameBytes = strlen(pPath) + 1;
+    PendingHunt *p = (PendingHunt *)MSG_Malloc((uint32_t)(sizeof(PendingHunt) + NameBytes));
+    if (p == nullptr)
+        return false;
+    memcpy(p->Name, pPath, NameBytes);
+    p->Type = Type;
+    p->pNext = pEndpoint->pPendingHuntHead;
+    pEndpoint->pPendingHuntHead = p;
+    return true;
+}
+
+// Hunts for the peer from the public endpoint, unless a hunt for it made
+// there is still pending.  The hunt is remembered before it is made: its
+// answer may be handled by the receive loop before this returns.
+MSG_Status jHuntFromPublic(LocalEndpoint *pPublic, const char *pPath, MSG_Type NtfyOpen)
+{
+    pthread_mutex_lock(&pPublic->RemoteMutex);
+    const bool bPending = jFindPendingHunt(pPublic, pPath) != nullptr;
+    const bool bRemembered = !bPending && jRememberPendingHunt(pPublic, pPath, NtfyOpen);
+    pthread_mutex_unlock(&pPublic->RemoteMutex);
+    if (bPending) // its answer will do
+        return MSG_OK;
+    const MSG_Status Status = MSG_LinxHunt(pPublic, pPath, NtfyOpen);
+    if (Status != MSG_OK && bRemembered) {
+        pthread_mutex_lock(&pPublic->RemoteMutex);
+        PendingHunt *pFailed = jTakePendingHunt(pPublic, pPath);
+        pthread_mutex_unlock(&pPublic->RemoteMutex);
+        MSG_Free(pFailed);
+    }
+    return Status;
+}
+
+// A hunt's answer on a public endpoint opens the record of the path it was
+// made for, when one is hunted: the one it was made with, or one opened
+// again since, whose type the message then takes so that its callbacks
+// run.  Answers nobody waits for any more are absorbed (105).
+MSG_Status jHuntAnswered(LocalEndpoint *pEndpoint, uint32_t Sender, MSG_Msg *pMsg)
+{
+    pthread_mutex_lock(&pEndpoint->RemoteMutex);
+    PendingHunt *pHunt = jTakePendingHunt(pEndpoint, nullptr, pMsg->MsgType);
+    pthread_mutex_unlock(&pEndpoint->RemoteMutex);
+    uint32_t RemoteId = 0;
+    MSG_Type NtfyOpen = 0;
+    if (pHunt != nullptr) {
+        if (MSG_GetRemoteId_Private(pEndpoint, pHunt->Name, &RemoteId, &NtfyOpen) == MSG_OK && RemoteId == 0)
+            pMsg->MsgType = NtfyOpen;
+        MSG_Free(pHunt);
+    }
+    return MSG_SetRemoteStateOpen(pEndpoint, Sender, pMsg->MsgType);
+}
+
+} // namespace
+
 MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
 {
     MSG_ASSERT(pEndpoint != NULL);
@@ -149,7 +232,7 @@ MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
     if (Sender == 0)
         return MSG_ERR_UNKNOWN;
     if (pMsg->MsgType % 2 == 0)
-        return MSG_SetRemoteStateOpen(pEndpoint, Sender, pMsg->MsgType);
+        return jHuntAnswered(pEndpoint, Sender, pMsg);
     MSG_Status Status = MSG_SetRemoteStateClosed(pEndpoint, Sender, pMsg->MsgType, Name, sizeof Name);
     if (Status == MSG_OK || Status == MSG_ERR_REMOTE_NOT_FOUND) {
         // Also for a peer the table no longer knows: its subscriptions go.
@@ -157,7 +240,7 @@ MSG_Status MSG_OpenCloseHandler(LocalEndpoint *pEndpoint, MSG_Msg *pMsg)
         Status = MSG_OK;
     }
     if (Status == MSG_OK && Name[0] != '\0')
-        Status = MSG_LinxHunt(pEndpoint, Name, pMsg->MsgType - 1);
+        Status = jHuntFromPublic(pEndpoint, Name, pMsg->MsgType - 1);
     return Status;
 }
 
@@ -201,33 +284,6 @@ MSG_Status jRegisterFor(const char *pLocalName, const MSG_Callback *pCallback, M
     MSG_Callback Copy = *pCallback;
     Copy.MsgTypeMin = Copy.MsgTypeMax = Type;
     return MSG_RegisterCallback(pLocalName, &Copy);
-}
-
-// Unlinks the pending hunt for the peer from the private endpoint's list;
-// null when there is none.
-PendingHunt *jTakePendingHunt(LocalEndpoint *pMine, const char *pPath)
-{
-    for (PendingHunt **ppLink = &pMine->pPendingHuntHead; *ppLink != nullptr; ppLink = &(*ppLink)->pNext) {
-        PendingHunt *p = *ppLink;
-        if (strcmp(p->Name, pPath) == 0) {
-            *ppLink = p->pNext;
-            return p;
-        }
-    }
-    return nullptr;
-}
-
-// Without memory the hunt is merely not reused.
-void jRememberPendingHunt(LocalEndpoint *pMine, const char *pPath, MSG_Type Type)
-{
-    const size_t NameBytes = strlen(pPath) + 1;
-    PendingHunt *p = (PendingHunt *)MSG_Malloc((uint32_t)(sizeof(PendingHunt) + NameBytes));
-    if (p == nullptr)
-        return;
-    memcpy(p->Name, pPath, NameBytes);
-    p->Type = Type;
-    p->pNext = pMine->pPendingHuntHead;
-    pMine->pPendingHuntHead = p;
 }
 
 // Makes sure a hunt for the peer is pending on the private endpoint and
@@ -315,7 +371,7 @@ MSG_Status jOpenRemoteAsync(const char *pLocalName, const char *pRemoteName, con
     if (Status == MSG_OK && pCloseCallback != nullptr)
         Status = jRegisterFor(pLocalName, pCloseCallback, NtfyOpen + 1);
     if (Status == MSG_OK)
-        Status = MSG_LinxHunt(pPublic, Path, NtfyOpen);
+        Status = jHuntFromPublic(pPublic, Path, NtfyOpen);
     if (Status != MSG_OK)
         MSG_CloseRemote(pLocalName, Path); // the record and its callbacks
     return Status;

@@ -32,6 +32,21 @@ void Kill(pid_t Peer)
     WaitChild(Peer);
 }
 
+// Pending hunts LINX holds on behalf of the endpoint (by default the
+// calling thread's private one).
+uint32_t PendingHunts(const LocalEndpoint *pEndpoint = MSG_GetMyEndpoint())
+{
+    LINX *pLinx = linx_open("stat-reader", 0, nullptr);
+    struct linx_info_stat *pStat = nullptr;
+    uint32_t Hunts = ~0u;
+    if (linx_get_stat(pLinx, pEndpoint->Spid, &pStat) == 0) {
+        Hunts = pStat->hunts;
+        linx_free_stat(pLinx, &pStat);
+    }
+    linx_close(pLinx);
+    return Hunts;
+}
+
 class RemoteOpen : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(0u, MSG_OpenLocal("watcher")); }
@@ -180,18 +195,24 @@ TEST_F(RemoteOpen, AsyncOpenChecksItsArgumentsAndUndoesARefusedHunt)
     EXPECT_EQ(105u, MSG_CloseRemote("watcher", "one-too-many"));
 }
 
-// Pending hunts LINX holds on behalf of the calling thread's private endpoint.
-uint32_t PendingHunts()
+
+// A peer opened and closed again and again while it is down keeps one hunt
+// pending in LINX, and that hunt opens the record open when the peer comes.
+TEST_F(RemoteOpen, OpeningAndClosingAnAbsentPeerKeepsOneHunt)
 {
-    LINX *pLinx = linx_open("stat-reader", 0, nullptr);
-    struct linx_info_stat *pStat = nullptr;
-    uint32_t Hunts = ~0u;
-    if (linx_get_stat(pLinx, MSG_GetMyEndpoint()->Spid, &pStat) == 0) {
-        Hunts = pStat->hunts;
-        linx_free_stat(pLinx, &pStat);
+    const uint32_t Before = PendingHunts(MSG_GetLocalEndpoint("watcher"));
+    for (int Try = 0; Try < 5000; Try++) {
+        ASSERT_EQ(0u, OpenAsync("absent", 0)) << Try;
+        ASSERT_EQ(0u, MSG_CloseRemote("watcher", "absent")) << Try;
     }
-    linx_close(pLinx);
-    return Hunts;
+    ASSERT_EQ(0u, OpenAsync("absent", 0));
+    EXPECT_EQ(Before + 1, PendingHunts(MSG_GetLocalEndpoint("watcher")));
+    const pid_t Peer = StartPeer("absent");
+    ASSERT_TRUE(PumpUntil(Opened, 1));
+    EXPECT_EQ(MSG_GetRemoteId("watcher", "absent"), Opened[0].Sender);
+    Kill(Peer);
+    ASSERT_TRUE(PumpUntil(Closed, 1));
+    EXPECT_EQ(Opened[0].Type + 1, Closed[0].Type);
 }
 
 TEST_F(RemoteOpen, SyncOpenWaitsTimesOutAndIsNotConfusedByLateAnswers)
