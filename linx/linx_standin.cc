@@ -38,6 +38,8 @@
 #include "linx.h"
 #include "linx_module.h"
 #include "linxd_address.h"
+#include "linxd_refusals.h"
+#include "linxd_ring_set.h"
 
 namespace {
 
@@ -58,12 +60,6 @@ struct Pending {
     std::string Data;
 };
 
-// A ring this socket reads, announced by a sending process.
-struct InRing {
-    linxd_ring_reader Reader;
-    pid_t Sender = 0;
-};
-
 struct StandinSocket {
     int PollFd = -1;     // the descriptor callers see: epoll of Outlet, Ready and Bell
     int ConnFd = -1;     // control connection to linxd
@@ -77,8 +73,7 @@ struct StandinSocket {
     uint64_t Generation = 0;      // of the linxd instance that gave the SPID
     linxd_slot *pSlots = nullptr; // linxd's counter region
     // Owned by the handle's thread alone:
-    std::vector<InRing> Rings;
-    size_t NextRing = 0;          // where the next look starts, so every sender is served
+    RingSet Rings;                // the rings senders of other processes write
     uint32_t OutletHint = 0;      // linxd's count of outlet datagrams when last read
 
     std::mutex Mutex;             // guards everything below
@@ -103,36 +98,37 @@ struct StandinSocket {
                 close(Fd);
         if (pSlots != nullptr)
             munmap(pSlots, LINXD_REGION_BYTES);
-        for (const InRing &R : Rings)
-            linxd_ring_unmap(&R.Reader);
+        RingSetFree(&Rings);
     }
 };
 
 using SocketRef = std::shared_ptr<StandinSocket>;
 
 // The ring this process writes into one receiving socket, shared by the
-// process's senders (they take turns under Mutex); unmapped when the last
-// of them lets go.
+// process's senders (they take turns under Mutex), with what the receiver
+// gave for it: its bell, its ready set and the ring's index there.
+// Unmapped when the last of its senders lets go.
 struct Route {
-    Route(linxd_ring_header *pRing, uint64_t RingCapacity, int Bell, uint32_t TargetSlot)
-        : pHeader(pRing), pData((char *)(pRing + 1)), Capacity(RingCapacity), BellFd(Bell), Slot(TargetSlot)
+    Route(const linxd_ring_writer &RingWriter, int Bell, linxd_ready_set *pReadySet, uint32_t TargetSlot,
+          uint32_t RingIndex)
+        : Writer(RingWriter), BellFd(Bell), pReady(pReadySet), Slot(TargetSlot), Index(RingIndex)
     {
     }
     Route(const Route &) = delete;
     Route &operator=(const Route &) = delete;
     ~Route()
     {
-        munmap(pHeader, sizeof *pHeader + Capacity);
+        munmap(Writer.header, sizeof *Writer.header + Writer.capacity);
+        munmap(pReady, sizeof *pReady);
         close(BellFd);
     }
-    linxd_ring_header *const pHeader;
-    char *const pData;
-    const uint64_t Capacity;
+    linxd_ring_writer Writer;          // its tail under Mutex
     const int BellFd;
+    linxd_ready_set *const pReady;
     const uint32_t Slot;
+    const uint32_t Index;
     std::mutex Mutex;
-    uint64_t Tail = 0;                 // under Mutex
-    std::atomic<bool> bGone{false};    // the receiver closed: never written again
+    std::atomic<bool> bGone{false};    // given up: never written again
 };
 using RouteRef = std::shared_ptr<Route>;
 
@@ -163,6 +159,12 @@ std::unordered_map<InstanceSpid, SocketRef, InstanceSpidHash> gBySpid;
 
 std::mutex gRouteMutex;
 std::unordered_map<InstanceSpid, RouteRef, InstanceSpidHash> gRoutes;
+// Only one route is opened at a time, so that linxd never sees two rings
+// of this process into one socket: it would retire the first.
+std::mutex gOpenRouteMutex;
+
+// Rings this process refused, said once a second per sender and reason.
+RefusalLog gRefusals;
 
 // A child of fork() does not own its parent's sockets: it closes its copies
 // of their descriptors (so that a close in the parent still reaches linxd)
@@ -176,21 +178,27 @@ void jFreePending(Pending &Entry)
 
 void jForkPrepare()
 {
+    gOpenRouteMutex.lock();
     gTableMutex.lock();
     gRouteMutex.lock();
+    gRefusals.Mutex.lock();
 }
 
 void jForkParent()
 {
+    gRefusals.Mutex.unlock();
     gRouteMutex.unlock();
     gTableMutex.unlock();
+    gOpenRouteMutex.unlock();
 }
 
 void jForkChild()
 {
     // The parent's thread holds these locks: the child starts them afresh.
+    new (&gRefusals.Mutex) std::mutex();
     new (&gRouteMutex) std::mutex();
     new (&gTableMutex) std::shared_mutex();
+    new (&gOpenRouteMutex) std::mutex();
     // The parent's rings have one writer, the parent: the child makes its own.
     gRoutes.clear();
     for (auto &Entry : gByFd) {
@@ -330,7 +338,7 @@ int jConnectOnce()
 }
 
 // One request to linxd and its reply.  A descriptor may go with the
-// request; up to three may come back (closed when the caller passes no room
+// request; up to five may come back (closed when the caller passes no room
 // for them).
 struct Call {
     linxd_request Request = {LINXD_PROTOCOL_MAGIC, 0, {0, 0}, 0, 0};
@@ -339,7 +347,7 @@ struct Call {
     int PassFd = -1;
     linxd_reply Reply = {};
     char Data[LINXD_MAX_NAME_CHARS + 256];
-    int Fds[3] = {-1, -1, -1};
+    int Fds[5] = {-1, -1, -1, -1, -1};
 };
 
 void jTakeFds(struct msghdr *pMsg, int *pFds, int Room)
@@ -379,7 +387,7 @@ int jCall(int ConnFd, Call *pCall)
         return -1;
     }
     struct iovec In[2] = {{&pCall->Reply, sizeof pCall->Reply}, {pCall->Data, sizeof pCall->Data}};
-    char Control[CMSG_SPACE(3 * sizeof(int))];
+    char Control[CMSG_SPACE(5 * sizeof(int))];
     Msg = {};
     Msg.msg_iov = In;
     Msg.msg_iovlen = 2;
@@ -392,7 +400,7 @@ int jCall(int ConnFd, Call *pCall)
         errno = ENOTCONN;
         return -1;
     }
-    jTakeFds(&Msg, pCall->Fds, 3);
+    jTakeFds(&Msg, pCall->Fds, 5);
     if (Msg.msg_flags & MSG_CTRUNC) {
         // The kernel could not give us the descriptors linxd sent: this
         // process is out of them.
@@ -586,9 +594,12 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
                                 : mmap(nullptr, LINXD_REGION_BYTES, PROT_READ | PROT_WRITE,
                                        MAP_SHARED, C.Fds[1], 0);
     jCloseIf(C.Fds[1]);
+    const bool bReady = C.Fds[3] >= 0 && C.Fds[4] >= 0 && RingSetMap(&S.Rings, C.Fds[3], C.Fds[4]);
+    jCloseIf(C.Fds[3]);
+    jCloseIf(C.Fds[4]);
     struct epoll_event Event = {};
     Event.events = EPOLLIN;
-    if (C.Fds[0] < 0 || C.Fds[2] < 0 || pSlots == MAP_FAILED || C.Reply.value[1] >= LINXD_MAX_SOCKETS ||
+    if (C.Fds[0] < 0 || C.Fds[2] < 0 || pSlots == MAP_FAILED || !bReady || C.Reply.value[1] >= LINXD_MAX_SOCKETS ||
         C.Reply.data_len != sizeof S.Generation || C.Reply.value[2] < LINXD_RING_ENTRY_ALIGN ||
         epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[0], &Event) != 0 ||
         epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[2], &Event) != 0) {
@@ -596,6 +607,7 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
         jCloseIf(C.Fds[2]);
         if (pSlots != MAP_FAILED)
             munmap(pSlots, LINXD_REGION_BYTES);
+        RingSetFree(&S.Rings);
         errno = EPROTO;
         return -1;
     }
@@ -637,85 +649,129 @@ int jMakeRing(uint64_t Capacity, linxd_ring_header **ppHeader)
     return Fd;
 }
 
+// Maps the receiver's ready set that linxd handed over with a route.
+linxd_ready_set *jMapReadySet(int Fd)
+{
+    struct stat Stat;
+    if (fstat(Fd, &Stat) != 0 || (uint64_t)Stat.st_size != sizeof(linxd_ready_set))
+        return nullptr;
+    void *p = mmap(nullptr, sizeof(linxd_ready_set), PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    return p == MAP_FAILED ? nullptr : (linxd_ready_set *)p;
+}
+
 // Makes a ring for To and has linxd announce it to To's owner.
 RouteRef jOpenRoute(const StandinSocket &S, uint32_t To)
 {
-    const uint64_t Capacity = linxd_ring_capacity(S.QueueBytes);
-    linxd_ring_header *pRing = nullptr;
-    const int RingFd = jMakeRing(Capacity, &pRing);
+    linxd_ring_writer Writer = {};
+    Writer.capacity = linxd_ring_capacity(S.QueueBytes);
+    const int RingFd = jMakeRing(Writer.capacity, &Writer.header);
     if (RingFd < 0)
         return nullptr;
+    Writer.data = (char *)(Writer.header + 1);
     Call C;
     C.PassFd = RingFd;
     const int Result = jNumbersCall(S.ConnFd, &C, LINXD_OP_OPEN_ROUTE, To);
     const int Error = errno;
     close(RingFd);
-    if (Result == 0 && (C.Fds[0] < 0 || C.Reply.value[0] >= LINXD_MAX_SOCKETS)) {
+    linxd_ready_set *pReady = Result == 0 && C.Fds[1] >= 0 ? jMapReadySet(C.Fds[1]) : nullptr;
+    jCloseIf(C.Fds[1]);
+    if (Result == 0 && (C.Fds[0] < 0 || pReady == nullptr || C.Reply.value[0] >= LINXD_MAX_SOCKETS ||
+                        C.Reply.value[1] >= LINXD_MAX_RINGS_PER_SOCKET)) {
         jCloseIf(C.Fds[0]);
-        C.Fds[0] = -1;
+        if (pReady != nullptr)
+            munmap(pReady, sizeof *pReady);
         errno = EPROTO;
     } else {
         errno = Error;
     }
-    if (Result != 0 || C.Fds[0] < 0) {
-        munmap(pRing, sizeof *pRing + Capacity);
+    if (Result != 0 || errno == EPROTO) {
+        munmap(Writer.header, sizeof *Writer.header + Writer.capacity);
         return nullptr;
     }
-    return std::make_shared<Route>(pRing, Capacity, C.Fds[0], C.Reply.value[0]);
+    return std::make_shared<Route>(Writer, C.Fds[0], pReady, C.Reply.value[0], C.Reply.value[1]);
 }
 
 bool jRingIsEmpty(const Route &R)
 {
-    return __atomic_load_n(&R.pHeader->head, __ATOMIC_ACQUIRE) == __atomic_load_n(&R.pHeader->tail, __ATOMIC_RELAXED);
+    const linxd_ring_header *pRing = R.Writer.header;
+    return __atomic_load_n(&pRing->head, __ATOMIC_ACQUIRE) == __atomic_load_n(&pRing->tail, __ATOMIC_RELAXED);
 }
 
-// Gives a route up for good: its receiver may unmap the ring once read.
-void jAbandon(Route &R)
-{
-    R.bGone = true;
-    __atomic_store_n(&R.pHeader->abandoned, 1u, __ATOMIC_RELEASE);
-}
+// A route this process gave up: linxd retires its ring once read.
+struct GivenUp {
+    InstanceSpid To;
+    uint32_t Index;
+};
 
 // Makes room in a full cache by giving up routes nobody uses whose rings
 // were read to the end (gRouteMutex held): a route with signals still in
 // its ring is kept, so a later one never overtakes them.
-void jTrimRoutes()
+std::vector<GivenUp> jTrimRoutes()
 {
+    std::vector<GivenUp> Trimmed;
     if (gRoutes.size() < kRouteCacheLimit)
-        return;
+        return Trimmed;
     for (auto It = gRoutes.begin(); It != gRoutes.end();) {
         const bool bIdle = It->second.use_count() == 1 && jRingIsEmpty(*It->second);
-        if (bIdle)
-            jAbandon(*It->second);
+        if (bIdle) {
+            It->second->bGone = true;
+            Trimmed.push_back({It->first, It->second->Index});
+        }
         It = bIdle ? gRoutes.erase(It) : std::next(It);
     }
+    return Trimmed;
+}
+
+// Tells linxd which rings this process gave up.  Routes learnt from an
+// earlier linxd are merely forgotten: their instance is gone.
+void jCloseRoutes(const StandinSocket &S, const std::vector<GivenUp> &Routes)
+{
+    for (const GivenUp &R : Routes)
+        if (R.To.Generation == S.Generation)
+            jSimpleCall(S.ConnFd, LINXD_OP_CLOSE_ROUTE, R.To.Spid, R.Index, nullptr);
+}
+
+RouteRef jFindRoute(InstanceSpid Key)
+{
+    std::lock_guard<std::mutex> Lock(gRouteMutex);
+    auto It = gRoutes.find(Key);
+    return It == gRoutes.end() ? nullptr : It->second;
 }
 
 RouteRef jRouteTo(const StandinSocket &S, uint32_t To)
 {
     const InstanceSpid Key = {S.Generation, To};
-    {
-        std::lock_guard<std::mutex> Lock(gRouteMutex);
-        auto It = gRoutes.find(Key);
-        if (It != gRoutes.end())
-            return It->second;
-    }
+    if (RouteRef pRoute = jFindRoute(Key))
+        return pRoute;
+    std::lock_guard<std::mutex> Opening(gOpenRouteMutex);
+    if (RouteRef pRoute = jFindRoute(Key)) // another thread opened it meanwhile
+        return pRoute;
     RouteRef pRoute = jOpenRoute(S, To);
     if (pRoute == nullptr)
         return nullptr;
-    std::lock_guard<std::mutex> Lock(gRouteMutex);
-    auto Inserted = gRoutes.insert({Key, pRoute});
-    if (!Inserted.second) { // another thread opened one meanwhile: keep to one ring
-        jAbandon(*pRoute);
-        return Inserted.first->second;
+    std::vector<GivenUp> Trimmed;
+    {
+        std::lock_guard<std::mutex> Lock(gRouteMutex);
+        gRoutes[Key] = pRoute;
+        Trimmed = jTrimRoutes();
     }
-    jTrimRoutes();
+    jCloseRoutes(S, Trimmed);
     return pRoute;
+}
+
+// The process closed its last socket: linxd retires every ring it made,
+// and a socket it opens later makes new ones.
+void jForgetAllRoutes()
+{
+    std::lock_guard<std::mutex> Lock(gRouteMutex);
+    for (const auto &Entry : gRoutes)
+        Entry.second->bGone = true;
+    gRoutes.clear();
 }
 
 void jForgetRoute(InstanceSpid To, const RouteRef &pRoute)
 {
-    jAbandon(*pRoute);
+    pRoute->bGone = true;
     std::lock_guard<std::mutex> Lock(gRouteMutex);
     auto It = gRoutes.find(To);
     if (It != gRoutes.end() && It->second == pRoute)
@@ -742,41 +798,16 @@ int jSendLocal(StandinSocket &From, StandinSocket &To, const struct linx_transfe
     return 1;
 }
 
-// Writes the signal into the ring (Route's mutex held).  An entry that
-// would run past the end goes to the beginning behind a wrap entry.
+// Writes the signal into the route's ring; counted as queued before the
+// receiver can take it.
 bool jWriteEntry(Route &R, const linxd_signal_header &Header, const void *pPayload, linxd_slot &Target)
 {
-    const uint64_t Capacity = R.Capacity;
-    const uint64_t Head = __atomic_load_n(&R.pHeader->head, __ATOMIC_ACQUIRE);
-    const uint64_t Tail = R.Tail;
-    const uint64_t Need = linxd_entry_bytes(Header.size);
-    const uint64_t Offset = Tail % Capacity;
-    const uint64_t Pad = Offset + Need > Capacity ? Capacity - Offset : 0;
-    if (Tail - Head > Capacity || Tail + Pad + Need - Head > Capacity)
-        return false; // full (or a receiver that broke its own head)
-    if (Pad != 0) {
-        const linxd_signal_header Wrap = {0, 0, LINXD_RING_WRAP, 0};
-        memcpy(R.pData + Offset, &Wrap, sizeof Wrap);
-    }
-    char *pEntry = R.pData + (Tail + Pad) % Capacity;
-    memcpy(pEntry, &Header, sizeof Header);
-    memcpy(pEntry + sizeof Header, pPayload, Header.size);
-    jCountQueued(&Target, 1); // counted before the receiver can take it
-    R.Tail = Tail + Pad + Need;
-    __atomic_store_n(&R.pHeader->tail, R.Tail, __ATOMIC_RELEASE);
-    return true;
-}
-
-// Rings the receiver's bell if it armed it: the first sender to disarm it
-// rings, the others need no system call.
-void jRingBell(const Route &R, linxd_slot &Target)
-{
-    __atomic_thread_fence(__ATOMIC_SEQ_CST); // the entry is visible before armed is read
-    if (__atomic_load_n(&Target.armed, __ATOMIC_RELAXED) != 0 &&
-        __atomic_exchange_n(&Target.armed, 0u, __ATOMIC_SEQ_CST) != 0) {
-        const uint64_t One = 1;
-        (void)!write(R.BellFd, &One, sizeof One);
-    }
+    std::lock_guard<std::mutex> Lock(R.Mutex);
+    jCountQueued(&Target, 1);
+    if (linxd_ring_write(&R.Writer, &Header, pPayload))
+        return true;
+    jCountQueued(&Target, -1);
+    return false;
 }
 
 int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
@@ -793,23 +824,24 @@ int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
         errno = ECONNRESET;
         return -1;
     }
-    if (linxd_entry_bytes(pRec->size) > R.Capacity) {
+    if (linxd_entry_bytes(pRec->size) > R.Writer.capacity) {
         errno = EMSGSIZE; // larger than the receiver's whole queue
         return -1;
     }
     const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
-    bool bWritten = false;
-    if (__atomic_load_n(&Target.parked_bytes, __ATOMIC_RELAXED) + pRec->size <=
-        __atomic_load_n(&Target.queue_limit, __ATOMIC_RELAXED)) { // else it keeps a full queue aside
-        std::lock_guard<std::mutex> Lock(R.Mutex);
-        bWritten = jWriteEntry(R, Header, (const void *)(uintptr_t)pRec->buffer, Target);
-    }
+    // A receiver that keeps a full queue aside takes nothing more.
+    const bool bWritten = __atomic_load_n(&Target.parked_bytes, __ATOMIC_RELAXED) + pRec->size <=
+                              __atomic_load_n(&Target.queue_limit, __ATOMIC_RELAXED) &&
+                          jWriteEntry(R, Header, (const void *)(uintptr_t)pRec->buffer, Target);
     if (!bWritten) {
         jCount(&Target.refused_sends, 1);
         errno = ENOBUFS;
         return -1;
     }
-    jRingBell(R, Target);
+    if (linxd_ready_mark(R.pReady, R.Writer.header, R.Index)) {
+        const uint64_t One = 1;
+        (void)!write(R.BellFd, &One, sizeof One);
+    }
     jCountSent(&S.pSlots[S.Slot], pRec->size);
     return 0;
 }
@@ -949,132 +981,110 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
 
 // ---- Rings -------------------------------------------------------------------
 
-bool jAnyRingWaiting(const StandinSocket &S)
+void jRefuseRing(StandinSocket &S, uint32_t Index, pid_t Writer, const char *pWhy)
 {
-    for (const InRing &R : S.Rings)
-        if (linxd_ring_waiting(&R.Reader))
-            return true;
+    const std::string Source = "process " + std::to_string(Writer);
+    RefusalSay(&gRefusals, Source, pWhy, "linx: refused the signal ring of " + Source + ": " + pWhy);
+    RingSetDrop(&S.Rings, Index);
+}
+
+// Moves the signals at the ring's head to the local queue up to the first
+// one pSel selects (pSel null: none is), and at most a ring's worth, so a
+// sender that keeps writing cannot keep the receiver here.  Returns the
+// state at the head: a selected signal in *pHeader, nothing (or the budget
+// spent), or broken (*ppWhy says why).
+linxd_peeked jParkUnselected(StandinSocket &S, RingSetEntry &E, const Selection *pSel,
+                             linxd_signal_header *pHeader, const char **ppWhy)
+{
+    const uint64_t Start = E.Reader.head;
+    linxd_peeked State;
+    while ((State = linxd_ring_peek(&E.Reader, S.Spid, pHeader, ppWhy)) == LINXD_PEEK_SIGNAL &&
+           (pSel == nullptr || !jSelected(*pSel, *pHeader, jSigNo(linxd_ring_payload(&E.Reader))))) {
+        if (E.Reader.head - Start >= E.Reader.capacity)
+            return LINXD_PEEK_EMPTY;
+        Pending Entry;
+        Entry.Header = *pHeader;
+        Entry.Data.assign(linxd_ring_payload(&E.Reader), pHeader->size);
+        linxd_ring_advance(&E.Reader, pHeader->size);
+        jEnqueue(S, std::move(Entry), false);
+    }
+    return State;
+}
+
+// Moves what the ring holds to the local queue; false when the ring broke
+// the rules (it is refused and dropped then).
+bool jParkRing(StandinSocket &S, uint32_t Index)
+{
+    RingSetEntry &E = S.Rings.Rings[Index];
+    linxd_signal_header Header;
+    const char *pWhy = nullptr;
+    if (jParkUnselected(S, E, nullptr, &Header, &pWhy) != LINXD_PEEK_BROKEN)
+        return true;
+    jRefuseRing(S, Index, E.Writer, pWhy);
     return false;
 }
 
-// A ring that breaks the rules is its sender's fault: it is dropped with
-// everything in it, and the receiver carries on with the others.
-void jRefuseRing(StandinSocket &S, size_t Index, const char *pWhy)
-{
-    fprintf(stderr, "linx: refused the signal ring of process %d: %s\n", (int)S.Rings[Index].Sender, pWhy);
-    linxd_ring_unmap(&S.Rings[Index].Reader);
-    S.Rings.erase(S.Rings.begin() + (ptrdiff_t)Index);
-}
-
-// Rings nobody will write again and that were read to the end.
-void jSweepRings(StandinSocket &S)
-{
-    for (size_t i = 0; i < S.Rings.size();) {
-        const InRing &R = S.Rings[i];
-        const bool bDone = linxd_ring_finished(&R.Reader) ||
-                           (!linxd_ring_waiting(&R.Reader) && kill(R.Sender, 0) != 0 && errno == ESRCH);
-        if (bDone) {
-            linxd_ring_unmap(&R.Reader);
-            S.Rings.erase(S.Rings.begin() + (ptrdiff_t)i);
-        } else {
-            i++;
-        }
-    }
-}
-
-// Maps a ring announced by linxd for a sender of process Pid.
-void jAdoptRing(StandinSocket &S, int Fd, pid_t Pid)
-{
-    InRing R;
-    R.Sender = Pid;
-    const char *pWhy = nullptr;
-    const int Mapped = linxd_ring_map(Fd, S.QueueBytes, &R.Reader, &pWhy);
-    close(Fd);
-    if (Mapped != 0) {
-        fprintf(stderr, "linx: refused the signal ring of process %d: %s\n", (int)Pid, pWhy);
-        return;
-    }
-    S.Rings.push_back(R);
-    if (S.Rings.size() % 16 == 0)
-        jSweepRings(S);
-}
-
-// Moves the signal at the ring's head to the local queue.
-void jParkEntry(StandinSocket &S, InRing &R, const linxd_signal_header &Header)
-{
-    Pending Entry;
-    Entry.Header = Header;
-    Entry.Data.assign(linxd_ring_payload(&R.Reader), Header.size);
-    linxd_ring_advance(&R.Reader, Header.size);
-    jEnqueue(S, std::move(Entry), false);
-}
-
-// Takes the first selected signal of the rings, starting after the ring
-// served last; signals not selected move to the local queue.  Returns as
+// Takes the first selected signal of the rings in turn, one ring after the
+// other; signals not selected move to the local queue.  Returns as
 // jTakeQueued.
 int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
 {
-    for (size_t Looked = 0; Looked < S.Rings.size(); Looked++) {
-        const size_t Index = (S.NextRing + Looked) % S.Rings.size();
-        InRing &R = S.Rings[Index];
+    for (size_t Turns = RingSetCollect(&S.Rings); Turns > 0 && !S.Rings.Turns.empty(); Turns--) {
+        const uint32_t Index = RingSetFront(&S.Rings);
+        RingSetEntry &E = S.Rings.Rings[Index];
         linxd_signal_header Header;
         const char *pWhy = nullptr;
-        linxd_peeked State;
-        while ((State = linxd_ring_peek(&R.Reader, S.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL) {
-            const char *pPayload = linxd_ring_payload(&R.Reader);
-            if (!jSelected(Sel, Header, jSigNo(pPayload))) {
-                jParkEntry(S, R, Header);
-                continue;
-            }
-            if (Header.size > pRec->size)
-                return jTooLarge(pRec, Header.size);
-            memcpy((void *)(uintptr_t)pRec->buffer, pPayload, Header.size);
-            jFillRecord(pRec, Header, pRec->buffer);
-            linxd_ring_advance(&R.Reader, Header.size);
-            jCountTaken(S, Header.size);
-            S.NextRing = Index + 1;
-            return (int)Header.size;
-        }
+        const linxd_peeked State = jParkUnselected(S, E, &Sel, &Header, &pWhy);
         if (State == LINXD_PEEK_BROKEN) {
-            jRefuseRing(S, Index, pWhy);
-            Looked--; // the next ring moved into this place
+            jRefuseRing(S, Index, E.Writer, pWhy);
+            continue;
         }
+        if (State == LINXD_PEEK_EMPTY) {
+            RingSetRotate(&S.Rings);
+            continue;
+        }
+        if (Header.size > pRec->size)
+            return jTooLarge(pRec, Header.size);
+        memcpy((void *)(uintptr_t)pRec->buffer, linxd_ring_payload(&E.Reader), Header.size);
+        jFillRecord(pRec, Header, pRec->buffer);
+        linxd_ring_advance(&E.Reader, Header.size);
+        jCountTaken(S, Header.size);
+        RingSetRotate(&S.Rings);
+        return (int)Header.size;
     }
     errno = EAGAIN;
     return -1;
+}
+
+// Rings linxd retired (their senders closed their last socket, died, or
+// gave them up): what they still hold moves to the local queue, then they
+// go.
+void jTakeRetired(StandinSocket &S)
+{
+    RingSetTakeRetired(&S.Rings, [](void *pSocket, uint32_t Index) { jParkRing(*(StandinSocket *)pSocket, Index); }, &S);
 }
 
 // Everything the rings hold moves to the local queue (before a signal of
 // linxd's, which must not overtake what was sent before it).
 void jParkRings(StandinSocket &S)
 {
-    for (size_t Index = 0; Index < S.Rings.size(); Index++) {
-        InRing &R = S.Rings[Index];
-        linxd_signal_header Header;
-        const char *pWhy = nullptr;
-        linxd_peeked State;
-        while ((State = linxd_ring_peek(&R.Reader, S.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL)
-            jParkEntry(S, R, Header);
-        if (State == LINXD_PEEK_BROKEN)
-            jRefuseRing(S, Index--, pWhy);
-    }
+    jTakeRetired(S);
+    for (size_t Turns = RingSetCollect(&S.Rings); Turns > 0 && !S.Rings.Turns.empty(); Turns--)
+        if (jParkRing(S, RingSetFront(&S.Rings)))
+            RingSetRotate(&S.Rings);
 }
 
-// Keeps the bell exact: readable while a ring holds a signal.  When every
-// ring is empty the bell is silenced and armed, so that the next sender
-// rings it; what arrived meanwhile rings it again.  Costs no system call
-// while the rings are busy or the bell is already armed and silent.
+// Keeps the bell exact: readable while a ring holds a signal.  When nothing
+// is waiting the bell is silenced and armed, so that the next sender rings
+// it; what arrived meanwhile rings it again.  Costs no system call while
+// the rings are busy or the bell is already armed and silent.
 void jSettleBell(StandinSocket &S, bool bRang)
 {
-    if (jAnyRingWaiting(S))
-        return;
-    linxd_slot &Own = S.pSlots[S.Slot];
-    if (!bRang && __atomic_load_n(&Own.armed, __ATOMIC_ACQUIRE) != 0)
+    if (RingSetWaiting(&S.Rings) || (!bRang && RingSetArmed(&S.Rings)))
         return;
     uint64_t Count;
     (void)!read(S.BellFd, &Count, sizeof Count);
-    __atomic_store_n(&Own.armed, 1u, __ATOMIC_SEQ_CST);
-    if (jAnyRingWaiting(S) && __atomic_exchange_n(&Own.armed, 0u, __ATOMIC_SEQ_CST) != 0) {
+    if (RingSetArm(&S.Rings)) {
         const uint64_t One = 1;
         (void)!write(S.BellFd, &One, sizeof One);
     }
@@ -1082,10 +1092,23 @@ void jSettleBell(StandinSocket &S, bool bRang)
 
 // ---- The outlet ------------------------------------------------------------------
 
-// Reads what linxd put in the outlet: ring announcements are adopted,
-// signals queued locally.  Skipped while linxd's count says nothing came
-// (unless bForce: the outlet was seen readable).  Returns 0, or -1 with
-// ENOTCONN when linxd is gone.
+// A ring linxd announced for this socket, at an index of its rings.
+void jAdoptRing(StandinSocket &S, const linxd_signal_header &Header, const char *pPayload, int Fd)
+{
+    uint32_t Words[2] = {0, 0};
+    memcpy(Words, pPayload, std::min<size_t>(Header.size, sizeof Words));
+    const char *pWhy = "an announcement without its ring";
+    if (Header.size != sizeof Words || Fd < 0 ||
+        !RingSetAdopt(&S.Rings, Words[1], Fd, (pid_t)Words[0], S.QueueBytes, &pWhy)) {
+        const std::string Source = "process " + std::to_string(Words[0]);
+        RefusalSay(&gRefusals, Source, pWhy, "linx: refused the signal ring of " + Source + ": " + pWhy);
+    }
+}
+
+// Reads what linxd put in the outlet: announced rings are adopted, signals
+// queued locally.  Skipped while linxd's count says
+// nothing came (unless bForce: the outlet was seen readable).  Returns 0,
+// or -1 with ENOTCONN when linxd is gone.
 int jPullOutlet(StandinSocket &S, bool bForce)
 {
     const uint32_t Hint = __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_ACQUIRE);
@@ -1119,10 +1142,9 @@ int jPullOutlet(StandinSocket &S, bool bForce)
             jCloseIf(Fd);
             continue;
         }
-        if (Header.attributes == LINXD_ANNOUNCE_RING && Fd >= 0) {
-            uint32_t Pid;
-            memcpy(&Pid, Buffer.data(), sizeof Pid);
-            jAdoptRing(S, Fd, (pid_t)Pid);
+        if (Header.attributes == LINXD_ANNOUNCE_RING) {
+            jAdoptRing(S, Header, Buffer.data(), Fd);
+            jCloseIf(Fd);
             continue;
         }
         jCloseIf(Fd);
@@ -1198,7 +1220,7 @@ bool jSpin(StandinSocket &S, uint64_t Seen)
     struct timespec Start, Now;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     do {
-        if (S.Pushes.load(std::memory_order_relaxed) != Seen || jAnyRingWaiting(S) ||
+        if (S.Pushes.load(std::memory_order_relaxed) != Seen || RingSetWaiting(&S.Rings) ||
             __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_RELAXED) != S.OutletHint)
             return true;
         sched_yield();
@@ -1220,18 +1242,19 @@ int jReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
         errno = EINVAL;
         return -1;
     }
+    RefusalFlush(&gRefusals);
     const Selection Sel = {pSigselect, pRec->from};
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     bool bOutletReady = false, bRang = false;
     for (;;) {
+        jTakeRetired(S);
         const bool bLinxdGone = jPullOutlet(S, bOutletReady) != 0;
         uint64_t Seen = 0;
         int Result = jTakeQueued(S, Sel, pRec, &Seen);
-        if (Result >= 0)
-            return Result;
-        Result = jTakeFromRings(S, Sel, pRec);
-        jSettleBell(S, bRang);
+        if (Result < 0)
+            Result = jTakeFromRings(S, Sel, pRec);
+        jSettleBell(S, bRang); // also when retired rings were moved to the queue
         if (Result >= 0)
             return Result;
         if (bLinxdGone) {
@@ -1421,6 +1444,7 @@ int linx_standin_request(int fd, uint32_t request, void *record)
 int linx_standin_close(int fd)
 {
     SocketRef pS;
+    bool bLast = false;
     {
         std::lock_guard<std::shared_mutex> Lock(gTableMutex);
         auto It = gByFd.find(fd);
@@ -1432,7 +1456,10 @@ int linx_standin_close(int fd)
         gByFd.erase(It);
         if (pS->Spid != 0)
             gBySpid.erase({pS->Generation, pS->Spid});
+        bLast = gByFd.empty();
     }
+    if (bLast)
+        jForgetAllRoutes();
     jReleaseSocket(*pS);
     return close(fd);
 }

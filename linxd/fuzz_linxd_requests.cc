@@ -69,7 +69,7 @@ void ReadReplies(FuzzClient &C)
 {
     static char Buffer[LINXD_MAX_REQUEST_BYTES];
     for (;;) {
-        char Control[CMSG_SPACE(2 * sizeof(int))];
+        char Control[CMSG_SPACE(5 * sizeof(int))];
         struct iovec Iov = {Buffer, sizeof Buffer};
         struct msghdr Msg = {};
         Msg.msg_iov = &Iov;

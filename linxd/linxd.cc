@@ -1,7 +1,7 @@
 // The linxd service loop: requests of the control connections, delivery of
 // linxd's own signals (hunt, attach, timeout), cleanup of closed sockets,
 // and the links to other nodes with the phantoms of their endpoints.
-#include "linxd.h"
+#include "linxd_service.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -20,49 +20,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <deque>
-#include <map>
-#include <set>
-#include <vector>
 
-#include "linx.h"
 #include "linxd_address.h"
-#include "linxd_link.h"
-
-namespace {
-
-constexpr uint32_t kDefaultHuntSigNo = LINX_OS_HUNT_SIG;
-constexpr uint32_t kDefaultAttachSigNo = LINX_OS_ATTACH_SIG;
-constexpr uint32_t kDefaultTmoSigNo = LINX_OS_TMO_SIG;
-// Pending hunts, attaches, timeouts and new-link tokens one socket may
-// hold at a time: a runaway client cannot exhaust the service.
-constexpr uint32_t kMaxHeldPerSocket = 4096;
-// linxd's own signals (hunt answers, attach and timeout signals) wait in a
-// socket's backlog while its queue is full.  A request whose signal would
-// land on a backlog of 4096 signals or 4 MiB, or while all backlogs hold
-// 64 MiB, is refused: a client that never reads cannot grow the service.
-constexpr size_t kMaxBacklogBytesPerSocket = 4u << 20;
-constexpr size_t kMaxBacklogBytesTotal = 64u << 20;
-// Signals from links wait in those backlogs too; above this much in all,
-// linxd stops reading its links (the peers' senders then fill their rings
-// and are refused) until the receivers have caught up to half of it.
-constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
-// Frames waiting to go out on one link: above this, linxd stops reading
-// the rings of the link's phantoms, and their senders are refused when
-// their rings fill.
-constexpr size_t kLinkOutHighBytes = 4u << 20;
-// Frames a peer leaves unread beyond this (its node's own senders stop at
-// the high-water mark, but what other links bring for it does not): the
-// link is dropped as one whose peer is stuck, and its attaches fire.
-constexpr size_t kMaxLinkOutBytes = 64u << 20;
-// Names one peer may wait for here at a time, and endpoints of its node
-// that may stand here at a time: a broken peer cannot take every slot.
-constexpr size_t kMaxWantedPerLink = 65536;
-constexpr size_t kMaxPhantomsPerLink = 4096;
-// A declared link that failed is dialled again after 100 ms, doubling up
-// to 2 s.
-constexpr int64_t kFirstRedialMs = 100;
-constexpr int64_t kLastRedialMs = 2000;
 
 int64_t jNowMs()
 {
@@ -71,211 +30,7 @@ int64_t jNowMs()
     return (int64_t)Now.tv_sec * 1000 + Now.tv_nsec / 1000000;
 }
 
-// What epoll reports: a client connection, an inlet waiting to drain, a
-// link listener, a link's connection, or the bell of a phantom's rings.
-enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6 };
-
-// The key epoll hands back: the kind, and the descriptor (listeners,
-// client), the link's id (link) or the socket's SPID (inlet, bell).
-uint64_t jWatchKey(Watch Kind, uint32_t Id)
-{
-    return ((uint64_t)Kind << 32) | Id;
-}
-
-// A ring a process writes into a phantom, read by linxd.
-struct PhantomRing {
-    linxd_ring_reader Reader;
-    pid_t Sender = 0;
-};
-
-struct Socket {
-    uint32_t Spid = 0;
-    std::string Name;
-    int ClientFd = -1;
-    pid_t Pid = 0;
-    int InletFd = -1;                // linxd's end of the outlet
-    int BellFd = -1;                 // eventfd senders ring when the owner armed it
-    uint32_t Slot = 0;
-    std::deque<std::string> Backlog; // linxd's signals waiting for queue room
-    size_t BacklogBytes = 0;
-    bool bWatchingInlet = false;     // epoll waits for room in the inlet
-    uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
-    // A phantom: an endpoint behind a link.  It has no client and no
-    // outlet; linxd reads the rings of its senders.
-    uint32_t Link = 0;               // the link's id; 0: a socket of this node
-    uint32_t RemoteSpid = 0;         // the endpoint's SPID on the node behind the link
-    std::vector<PhantomRing> Rings;
-};
-
-// A link to another node.  Declared links are dialled (again and again
-// while they are down); links a peer dialled live as long as their
-// connection.
-struct Link {
-    uint32_t Id = 0;
-    std::string Name;                // empty until an accepted peer said hello
-    bool bDeclared = false;
-    LinkAddress Address;             // where a declared link is dialled
-    LinkConn Conn;                   // Fd -1: no connection
-    bool bUp = false;                // both hellos exchanged
-    bool bPaused = false;            // not read while the backlogs are full
-    bool bDialed = false;            // this node dialled the connection
-    bool bHelloSent = false;
-    bool bThrottled = false;         // its phantoms' rings wait for Out to drain
-    uint32_t Watched = 0;            // epoll events asked for
-    std::string Broken;              // why it failed while others were served
-    int64_t SinceMs = 0;             // when the connection started
-    int64_t LastHeardMs = 0;
-    int64_t LastSentMs = 0;
-    int64_t NextDialMs = 0;
-    int64_t RedialMs = kFirstRedialMs;
-    std::map<uint32_t, uint32_t> Phantoms; // the peer's SPID -> phantom here
-    std::set<uint32_t> Told;         // sockets of ours the peer knows
-    std::set<std::string> Asked;     // names asked of the peer, not yet answered
-    std::set<std::string> Wanted;    // names the peer waits for here
-};
-
-struct Client {
-    int Fd = -1;
-    pid_t Pid = 0;
-    uint32_t Spid = 0; // 0 until the name is registered
-};
-
-struct Hunt {
-    uint32_t Requester;
-    uint32_t OnBehalf;
-    std::string Signal;
-};
-
-struct Attach {
-    uint32_t Attacher;
-    uint32_t Target;
-    std::string Signal;
-};
-
-struct Timer {
-    uint32_t Owner;
-    int64_t DeadlineMs;
-    std::string Signal;
-};
-
-struct Reply {
-    linxd_reply Header = {};
-    std::string Data;
-    int Fds[3] = {-1, -1, -1};
-};
-
-class Service {
-public:
-    explicit Service(const LinxdOptions &Options) : mOptions(Options) {}
-    ~Service();
-    int Run();
-    bool Start();
-    void Admit(int Fd);
-    void AdmitLink(LinkConn &&Conn);
-    int Step(int TimeoutMs);
-    bool HoldsNothing() const;
-
-private:
-    bool jListen();
-    bool jMapRegion();
-    void jAccept();
-    void jTurnAway();
-    void jServeClient(int Fd);
-    void jDropClient(int Fd);
-    void jCloseSocket(uint32_t Spid);
-    Reply jHandle(Client &C, const linxd_request &Req, const std::string &Name,
-                  const std::string &Signal, int PassedFd);
-    Reply jOpenRoute(Client &C, uint32_t Target, int RingFd);
-    Reply jRegister(Client &C, const std::string &Name);
-    Reply jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std::string Signal);
-    Reply jAttach(Client &C, uint32_t Target, std::string Signal);
-    Reply jRequestTmo(Client &C, int32_t Ms, std::string Signal);
-    Reply jInfo(uint32_t Op, uint32_t Spid);
-    Reply jSummary() const;
-    Reply jSpidsAbove(uint32_t After, uint32_t Room) const;
-    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes = 0);
-    void jFlushBacklog(Socket &S);
-    void jDropBacklog(Socket &S);
-    bool jRoomFor(uint32_t Spid, const std::string &Signal) const;
-    void jFireTimers();
-    int jNextTimeoutMs() const;
-    uint32_t jNewSpid();
-    uint32_t jNewRef();
-    Socket *jFindSocket(uint32_t Spid);
-    bool jHold(uint32_t Spid);
-    void jUnhold(uint32_t Spid);
-    bool jSendReply(int Fd, const Reply &R);
-    void jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op);
-    Socket *jNewSocket(const std::string &Name, pid_t Pid, int *pError);
-    void jNameAppeared(const std::string &Name, uint32_t Spid, bool bAfterReply);
-    void jNewLinkSignal(uint32_t Owner, uint32_t Token, const std::string &LinkName, bool bAfterReply);
-
-    // Links and phantoms
-    bool jStartLinks();
-    void jListenForLinks(const LinkAddress &Address);
-    void jAcceptLink(int ListenFd);
-    void jDial(Link &L);
-    void jServeLink(uint32_t Id);
-    void jTakeFrames(Link &L);
-    bool jLinkFrame(Link &L, uint32_t Type, const std::string &Body, std::string *pWhy);
-    bool jHello(Link &L, const std::string &Body, std::string *pWhy);
-    void jSendHello(Link &L);
-    void jLinkUp(Link &L);
-    void jLinkDown(Link &L, const std::string &Why);
-    void jSendFrame(Link &L, LinkFrame Type, const std::string &Head, const void *pTail = nullptr,
-                    size_t TailBytes = 0);
-    void jAnnounce(Link &L, uint32_t Spid);
-    bool jTell(Link &L, uint32_t Spid);
-    void jSeekRemote(const std::string &Name, const Link *pOnly);
-    bool jPeerHunt(Link &L, const std::string &Name, std::string *pWhy);
-    bool jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy);
-    void jForward(const Socket &Phantom, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes);
-    Reply jAdoptRing(Client &C, Socket &Phantom, int RingFd);
-    void jDrainPhantom(Socket &Phantom);
-    bool jDrainRings(Socket &Phantom, const Link *pLink);
-    void jRingsOfGoneProcess(pid_t Pid);
-    void jRingBell(uint32_t Spid);
-    void jTickLinks();
-    void jFlushLinks();
-    void jResumeLinks();
-    void jWatchLink(Link &L);
-    Link *jFindLink(const std::string &Name, const Link *pExcept = nullptr);
-    Link *jLinkOf(const Socket &S);
-    int64_t jHeartbeatMs() const;
-
-    LinxdOptions mOptions;
-    int mEpollFd = -1;
-    int mListenFd = -1;
-    int mRegionFd = -1;
-    int mReserveFd = -1; // given up to turn a client away when out of descriptors
-    linxd_slot *mpSlots = nullptr;
-    std::vector<uint32_t> mFreeSlots;  // slots given back, reused first
-    uint32_t mUnusedSlots = 0;         // slots from here on were never handed out
-    std::map<int, Client> mClients;
-    std::map<uint32_t, Socket> mSockets;
-    std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
-    std::multimap<std::string, Hunt> mHunts;              // pending, by name
-    std::map<uint32_t, Attach> mAttaches;
-    std::map<uint32_t, Timer> mTimers;
-    std::set<std::pair<int64_t, uint32_t>> mTimerOrder;   // (deadline, reference)
-    std::map<uint32_t, uint32_t> mNewLinks;               // token -> owner
-    struct Delivery {
-        uint32_t To;
-        uint32_t From;
-        std::string Signal;
-    };
-    std::vector<Delivery> mAfterReply;                    // signals due once a reply is sent
-    uint32_t mNextSpid = 0x10000;
-    uint64_t mGeneration = 0; // tells this instance's SPIDs from those of earlier ones
-    size_t mBacklogBytes = 0; // of every socket
-    uint32_t mNextRef = 0;
-    int64_t mIdleSinceMs = 0;
-    std::map<uint32_t, Link> mLinks;  // by id
-    uint32_t mNextLinkId = 0;
-    std::map<int, bool> mLinkListeners; // descriptor -> takes TCP (else Unix)
-    LinkSecret mSecret = {};
-    SSL_CTX *mpTls = nullptr;           // for TCP links
-};
+namespace {
 
 // An empty read is the end of the connection, or an empty datagram.
 bool jHungUp(int Fd)
@@ -284,25 +39,12 @@ bool jHungUp(int Fd)
     return poll(&P, 1, 0) > 0 && (P.revents & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
 }
 
-Reply jError(int Error)
-{
-    Reply R;
-    R.Header.result = -1;
-    R.Header.error = Error;
-    return R;
-}
-
-Reply jValue(uint32_t Value)
-{
-    Reply R;
-    R.Header.value[0] = Value;
-    return R;
-}
-
 std::string jDefaultSignal(uint32_t SigNo)
 {
     return std::string((const char *)&SigNo, sizeof SigNo);
 }
+
+} // namespace
 
 void Service::jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op)
 {
@@ -351,7 +93,8 @@ void Service::jTurnAway()
         const linxd_reply Refusal = {-1, ENFILE, {0, 0, 0}, 0};
         send(mReserveFd, &Refusal, sizeof Refusal, MSG_DONTWAIT | MSG_NOSIGNAL);
         shutdown(mReserveFd, SHUT_WR);
-        fprintf(stderr, "linxd: out of descriptors: a new client was turned away\n");
+        RefusalSay(&mRefusals, "new clients", "out of descriptors",
+                   "linxd: out of descriptors: a new client was turned away");
     } else {
         mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
@@ -431,10 +174,12 @@ bool Service::jSendReply(int Fd, const Reply &R)
     struct msghdr Msg = {};
     Msg.msg_iov = Iov;
     Msg.msg_iovlen = 2;
-    char Control[CMSG_SPACE(3 * sizeof(int))] = {};
-    linxd_pass_fds(&Msg, Control, R.Fds, (R.Fds[0] >= 0) + (R.Fds[1] >= 0) + (R.Fds[2] >= 0));
+    char Control[CMSG_SPACE(sizeof R.Fds)] = {};
+    linxd_pass_fds(&Msg, Control, R.Fds, (int)std::count_if(std::begin(R.Fds), std::end(R.Fds), [](int Fd) { return Fd >= 0; }));
     return sendmsg(Fd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
+
+namespace {
 
 // What is wrong with a request datagram of Got bytes (more than the buffer
 // when it was truncated), or null when its header holds together; the
@@ -485,6 +230,8 @@ ssize_t jReceiveRequest(int Fd, std::vector<char> &Buffer, int *pPassedFd)
     return Got;
 }
 
+} // namespace
+
 void Service::jServeClient(int Fd)
 {
     static std::vector<char> Buffer(LINXD_MAX_REQUEST_BYTES);
@@ -501,7 +248,7 @@ void Service::jServeClient(int Fd)
     const char *pRefusal = jMalformed(Buffer.data(), Got, &Req);
     Reply R;
     if (pRefusal != nullptr) {
-        fprintf(stderr, "linxd: refused a request of process %d (%zd bytes): %s\n", (int)C.Pid, Got, pRefusal);
+        jRefuse(C.Pid, "a request", pRefusal, " (" + std::to_string(Got) + " bytes)");
         R = jError((size_t)Got > Buffer.size() ? EMSGSIZE : EPROTO);
     } else {
         const char *pData = Buffer.data() + sizeof Req;
@@ -511,8 +258,12 @@ void Service::jServeClient(int Fd)
     if (PassedFd >= 0)
         close(PassedFd); // the receiver got its own copy of a ring
     const bool bSent = jSendReply(Fd, R);
-    if (R.Fds[0] >= 0 && R.Header.result == 0 && Req.op == LINXD_OP_REGISTER)
+    if (R.Header.result == 0 && Req.op == LINXD_OP_REGISTER) {
         close(R.Fds[0]); // the outlet now belongs to the client alone
+        Socket *pS = jFindSocket(C.Spid);
+        close(pS->RetiredFd); // linxd keeps its mapping of the retired set
+        pS->RetiredFd = -1;
+    }
     std::vector<Delivery> Due;
     Due.swap(mAfterReply);
     for (const Delivery &D : Due)
@@ -524,8 +275,8 @@ void Service::jServeClient(int Fd)
 Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &Name,
                        const std::string &Signal, int PassedFd)
 {
-    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_INFO_SOCKETS) {
-        fprintf(stderr, "linxd: refused a request of process %d: unknown operation %u\n", (int)C.Pid, Req.op);
+    if (Req.op < LINXD_OP_VERSION || Req.op > LINXD_OP_CLOSE_ROUTE) {
+        jRefuse(C.Pid, "a request", "unknown operation " + std::to_string(Req.op));
         return jError(EINVAL);
     }
     if (Req.op == LINXD_OP_VERSION)
@@ -595,29 +346,41 @@ Reply Service::jHandle(Client &C, const linxd_request &Req, const std::string &N
         return jSpidsAbove(Arg0, Req.arg[1]);
     case LINXD_OP_OPEN_ROUTE:
         return jOpenRoute(C, Arg0, PassedFd);
+    case LINXD_OP_CLOSE_ROUTE:
+        return jCloseRoute(C, Arg0, Req.arg[1]);
     default: // the queries about one socket: name, owner, statistics, queue
         return jInfo(Req.op, Arg0);
     }
 }
 
-// A new socket of Name, with its slot and its bell; null with *pError when
-// the instance has no slot or descriptor left.
+// Says what a client process sent that was refused ("linxd: refused a
+// request of process 4242 (3 bytes): shorter than a request header"), at
+// most once a second for each reason.
+void Service::jRefuse(pid_t Pid, const std::string &What, const std::string &Why, const std::string &Note)
+{
+    const std::string Source = "process " + std::to_string(Pid);
+    RefusalSay(&mRefusals, Source, What + ": " + Why, "linxd: refused " + What + " of " + Source + Note + ": " + Why);
+}
+
+// A new socket of Name, with its slot, its bell and its ready set; null
+// with *pError when the instance has no slot or descriptor left.
 Socket *Service::jNewSocket(const std::string &Name, pid_t Pid, int *pError)
 {
     if (mFreeSlots.empty() && mUnusedSlots == LINXD_MAX_SOCKETS) {
         *pError = ENFILE;
         return nullptr;
     }
-    const int BellFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (BellFd < 0) {
+    Socket S;
+    S.BellFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (S.BellFd < 0 || !jMakeReadySet(S)) {
         *pError = errno;
+        if (S.BellFd >= 0)
+            close(S.BellFd);
         return nullptr;
     }
-    Socket S;
     S.Spid = jNewSpid();
     S.Name = Name;
     S.Pid = Pid;
-    S.BellFd = BellFd;
     if (mFreeSlots.empty()) {
         S.Slot = mUnusedSlots++;
     } else {
@@ -627,7 +390,6 @@ Socket *Service::jNewSocket(const std::string &Name, pid_t Pid, int *pError)
     linxd_slot &Slot = mpSlots[S.Slot];
     memset(&Slot, 0, sizeof Slot);
     Slot.queue_limit = mOptions.QueueBytes;
-    Slot.armed = 1; // the rings are empty and the bell silent
     __atomic_store_n(&Slot.spid, S.Spid, __ATOMIC_RELEASE);
     mNames[Name].push_back(S.Spid);
     const uint32_t Spid = S.Spid;
@@ -670,7 +432,10 @@ Reply Service::jRegister(Client &C, const std::string &Name)
         return jError(errno);
     int Error = 0;
     Socket *pS = jNewSocket(Name, C.Pid, &Error);
-    if (pS == nullptr) {
+    if (pS == nullptr || !jMakeRetiredSet(*pS)) {
+        Error = pS == nullptr ? Error : errno;
+        if (pS != nullptr)
+            jCloseSocket(pS->Spid);
         close(Pair[0]);
         close(Pair[1]);
         return jError(Error);
@@ -691,6 +456,9 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     R.Fds[0] = Pair[1];
     R.Fds[1] = mRegionFd;
     R.Fds[2] = pS->BellFd;
+    R.Fds[3] = pS->ReadyFd;
+    R.Fds[4] = pS->RetiredFd;
+    jSocketOpened(*pS);
     jNameAppeared(Name, pS->Spid, true);
     return R;
 }
@@ -810,65 +578,21 @@ Reply Service::jSpidsAbove(uint32_t After, uint32_t Room) const
     return R;
 }
 
-// Why RingFd cannot serve as a ring of this instance, or null.  Only a
-// memory file sealed against resizing is taken: the receiver maps it, and
-// a file that could shrink under the mapping would crash the receiver.
-const char *jRingRefusal(int RingFd, uint32_t QueueBytes)
-{
-    if (RingFd < 0)
-        return "no ring came with the request";
-    const int Seals = fcntl(RingFd, F_GET_SEALS);
-    constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
-    if (Seals < 0 || (Seals & kNeeded) != kNeeded)
-        return "the ring is not a memory file sealed against resizing";
-    struct stat Stat;
-    if (fstat(RingFd, &Stat) != 0 || (uint64_t)Stat.st_size != linxd_ring_bytes(QueueBytes))
-        return "the ring's size is not this instance's";
-    return nullptr;
-}
-
-// Hands a sender's ring to the receiver Target (an announcement in its
-// outlet) and gives the sender the receiver's bell.
-Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
-{
-    Socket *pS = jFindSocket(Target);
-    if (pS == nullptr)
-        return jError(ECONNRESET);
-    if (const char *pRefusal = jRingRefusal(RingFd, mOptions.QueueBytes)) {
-        fprintf(stderr, "linxd: refused a request of process %d: %s\n", (int)C.Pid, pRefusal);
-        return jError(EINVAL);
-    }
-    if (pS->Link != 0)
-        return jAdoptRing(C, *pS, RingFd);
-    const uint32_t Pid = (uint32_t)C.Pid;
-    const linxd_signal_header Header = {C.Spid, Target, sizeof Pid, LINXD_ANNOUNCE_RING};
-    struct iovec Iov[2] = {{(void *)&Header, sizeof Header}, {(void *)&Pid, sizeof Pid}};
-    char Control[CMSG_SPACE(sizeof(int))] = {};
-    struct msghdr Msg = {};
-    Msg.msg_iov = Iov;
-    Msg.msg_iovlen = 2;
-    linxd_pass_fds(&Msg, Control, &RingFd, 1);
-    if (sendmsg(pS->InletFd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
-        return jError(errno == EAGAIN ? ENOBUFS : ECONNRESET); // its outlet is full of linxd's signals
-    __atomic_add_fetch(&mpSlots[pS->Slot].outlet_signals, 1, __ATOMIC_RELEASE);
-    Reply R;
-    R.Header.value[0] = pS->Slot;
-    R.Fds[0] = pS->BellFd;
-    return R;
-}
-
 // Queues a signal for socket To, as sent by From: one of linxd's own, or
-// one that came over a link.  A phantom's goes on over its link.
+// one that came over a link.  A phantom's goes on over its link.  Only the
+// attributes a signal may have pass: no peer can make a signal look like
+// linxd's word about a ring.
 void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes)
 {
     Socket *pS = jFindSocket(To);
     if (pS == nullptr)
         return;
+    Attributes &= LINXD_SIGNAL_ATTRIBUTES;
     if (pS->Link != 0) {
         jForward(*pS, From, Signal.data(), (uint32_t)Signal.size(), Attributes);
         return;
     }
-    linxd_signal_header Header = {From, To, (uint32_t)Signal.size(), Attributes};
+    const linxd_signal_header Header = {From, To, (uint32_t)Signal.size(), Attributes};
     pS->Backlog.push_back(std::string((const char *)&Header, sizeof Header) + Signal);
     pS->BacklogBytes += pS->Backlog.back().size();
     mBacklogBytes += pS->Backlog.back().size();
@@ -910,8 +634,9 @@ void Service::jFlushBacklog(Socket &S)
             // (a node run with a smaller --queue-bytes than the sender's);
             // else the owner is gone and its end is being seen to.
             if (errno == EMSGSIZE)
-                fprintf(stderr, "linxd: dropped a signal of %zu bytes for %s: larger than its queue\n",
-                        Datagram.size() - sizeof(linxd_signal_header), S.Name.c_str());
+                RefusalSay(&mRefusals, S.Name, "too large",
+                           "linxd: dropped a signal of " + std::to_string(Datagram.size() - sizeof(linxd_signal_header)) +
+                               " bytes for " + S.Name + ": larger than its queue");
             __atomic_sub_fetch(&mpSlots[S.Slot].queued, 1, __ATOMIC_RELAXED);
         } else {
             __atomic_add_fetch(&mpSlots[S.Slot].outlet_signals, 1, __ATOMIC_RELEASE);
@@ -931,8 +656,7 @@ void Service::jCloseSocket(uint32_t Spid)
     if (It == mSockets.end())
         return;
     Socket &S = It->second;
-    if (S.Link == 0) // what it sent to phantoms goes out before its end is told
-        jRingsOfGoneProcess(S.Pid);
+    jSocketClosing(S);
     std::vector<uint32_t> &Named = mNames[S.Name];
     Named.erase(std::find(Named.begin(), Named.end(), Spid));
     if (Named.empty())
@@ -943,8 +667,7 @@ void Service::jCloseSocket(uint32_t Spid)
     }
     epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.BellFd, nullptr);
     close(S.BellFd);
-    for (const PhantomRing &R : S.Rings)
-        linxd_ring_unmap(&R.Reader);
+    jFreeRingSets(S);
     if (Link *pL = jLinkOf(S))
         pL->Phantoms.erase(S.RemoteSpid);
     for (auto &Entry : mLinks) {
@@ -997,8 +720,6 @@ void Service::jDropClient(int Fd)
     epoll_ctl(mEpollFd, EPOLL_CTL_DEL, Fd, nullptr);
     close(Fd);
     jCloseSocket(Spid);
-    if (mClients.empty())
-        mIdleSinceMs = jNowMs();
 }
 
 // ---- Links to other nodes ------------------------------------------------------
@@ -1088,6 +809,15 @@ void Service::jWatchLink(Link &L)
     L.Watched = Events;
 }
 
+// A connection that never became a link.  Refusals are counted by the
+// peer's host, not its port: each new attempt comes from another port.
+void Service::jRefuseLink(const std::string &Peer, const std::string &Why)
+{
+    const size_t Port = Peer.rfind(':');
+    const std::string Host = Peer.compare(0, 4, "tcp:") == 0 && Port > 4 ? Peer.substr(0, Port) : Peer;
+    RefusalSay(&mRefusals, Host, Why, "linxd: refused a link connection from " + Peer + ": " + Why);
+}
+
 void Service::jAcceptLink(int ListenFd)
 {
     for (;;) {
@@ -1096,7 +826,7 @@ void Service::jAcceptLink(int ListenFd)
         if (!LinkAccept(ListenFd, mLinkListeners[ListenFd], mpTls, &L.Conn, &Why)) {
             if (Why.empty())
                 return;
-            fprintf(stderr, "linxd: refused a link connection from %s: %s\n", L.Conn.Peer.c_str(), Why.c_str());
+            jRefuseLink(L.Conn.Peer, Why);
             continue;
         }
         AdmitLink(std::move(L.Conn));
@@ -1191,10 +921,14 @@ void Service::jResumeLinks()
     }
 }
 
+namespace {
+
 bool jValidName(const std::string &Name)
 {
     return !Name.empty() && Name.size() <= LINXD_MAX_NAME_CHARS && Name.find('\0') == std::string::npos;
 }
+
+} // namespace
 
 // One frame from the peer.  false with *pWhy when the peer broke the rules:
 // the link is dropped.
@@ -1307,7 +1041,7 @@ void Service::jLinkUp(Link &L)
 void Service::jLinkDown(Link &L, const std::string &Why)
 {
     if (L.Name.empty())
-        fprintf(stderr, "linxd: refused a link connection from %s: %s\n", L.Conn.Peer.c_str(), Why.c_str());
+        jRefuseLink(L.Conn.Peer, Why);
     else if (L.bUp || L.RedialMs == kFirstRedialMs) // a link that stays down is reported once
         fprintf(stderr, "linxd: link %s is down: %s\n", L.Name.c_str(), Why.c_str());
     if (L.Conn.Fd >= 0)
@@ -1402,6 +1136,11 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name,
     pS->Link = L.Id;
     pS->RemoteSpid = RemoteSpid;
     L.Phantoms[RemoteSpid] = pS->Spid;
+    if (!RingSetMap(&pS->Reading, pS->ReadyFd, -1)) {
+        jCloseSocket(pS->Spid);
+        *pWhy = "no room here for the endpoint " + Full;
+        return false;
+    }
     jWatch(Watch::Bell, pS->BellFd, pS->Spid, EPOLLIN, EPOLL_CTL_ADD);
     jNameAppeared(Full, pS->Spid, false);
     return true;
@@ -1413,117 +1152,13 @@ void Service::jForward(const Socket &Phantom, uint32_t From, const char *pPayloa
     if (pL == nullptr || !pL->bUp)
         return;
     if (!jTell(*pL, From)) {
-        fprintf(stderr, "linxd: dropped a signal for %s: its sender 0x%x is not open\n", Phantom.Name.c_str(), From);
+        char Line[LINXD_MAX_NAME_CHARS + 80];
+        snprintf(Line, sizeof Line, "linxd: dropped a signal for %s: its sender 0x%x is not open", Phantom.Name.c_str(),
+                 From);
+        RefusalSay(&mRefusals, Phantom.Name, "sender not open", Line);
         return;
     }
     jSendFrame(*pL, LinkFrame::Signal, LinkWords({From, Phantom.RemoteSpid, Attributes}), pPayload, Size);
-}
-
-// Maps a sender's ring into a phantom; linxd reads it and forwards what it
-// holds.
-Reply Service::jAdoptRing(Client &C, Socket &Phantom, int RingFd)
-{
-    PhantomRing R;
-    R.Sender = C.Pid;
-    const char *pWhy = nullptr;
-    if (linxd_ring_map(RingFd, mOptions.QueueBytes, &R.Reader, &pWhy) != 0) {
-        fprintf(stderr, "linxd: refused a request of process %d: %s\n", (int)C.Pid, pWhy);
-        return jError(EINVAL);
-    }
-    Phantom.Rings.push_back(R);
-    Reply Out;
-    Out.Header.value[0] = Phantom.Slot;
-    Out.Fds[0] = Phantom.BellFd;
-    return Out;
-}
-
-// Forwards what the phantom's rings hold, as far as its link takes it.
-// Returns whether everything was read.
-bool Service::jDrainRings(Socket &Phantom, const Link *pLink)
-{
-    linxd_slot &Slot = mpSlots[Phantom.Slot];
-    for (size_t i = 0; i < Phantom.Rings.size();) {
-        PhantomRing &R = Phantom.Rings[i];
-        linxd_signal_header Header;
-        const char *pWhy = nullptr;
-        linxd_peeked State;
-        while ((State = linxd_ring_peek(&R.Reader, Phantom.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL) {
-            if (pLink != nullptr && LinkOutBytes(pLink->Conn) > kLinkOutHighBytes)
-                return false;
-            jForward(Phantom, Header.from, linxd_ring_payload(&R.Reader), Header.size, Header.attributes);
-            linxd_ring_advance(&R.Reader, Header.size);
-            __atomic_sub_fetch(&Slot.queued, 1, __ATOMIC_RELAXED);
-            __atomic_add_fetch(&Slot.received_signals, 1, __ATOMIC_RELAXED);
-            __atomic_add_fetch(&Slot.received_bytes, Header.size, __ATOMIC_RELAXED);
-        }
-        const bool bDrop = State == LINXD_PEEK_BROKEN || linxd_ring_finished(&R.Reader);
-        if (State == LINXD_PEEK_BROKEN)
-            fprintf(stderr, "linxd: refused the signal ring of process %d: %s\n", (int)R.Sender, pWhy);
-        if (bDrop) {
-            linxd_ring_unmap(&R.Reader);
-            Phantom.Rings.erase(Phantom.Rings.begin() + (ptrdiff_t)i);
-        } else {
-            i++;
-        }
-    }
-    return true;
-}
-
-// Reads the phantom's rings until they are empty and its bell is armed, as
-// a receiving process does; a link that has too much to send leaves them
-// for later (its senders' rings fill up and refuse them).
-void Service::jDrainPhantom(Socket &Phantom)
-{
-    Link *pLink = jLinkOf(Phantom);
-    linxd_slot &Slot = mpSlots[Phantom.Slot];
-    for (;;) {
-        if (!jDrainRings(Phantom, pLink)) {
-            pLink->bThrottled = true;
-            return;
-        }
-        __atomic_store_n(&Slot.armed, 1u, __ATOMIC_SEQ_CST);
-        bool bWaiting = false;
-        for (const PhantomRing &R : Phantom.Rings)
-            bWaiting = bWaiting || linxd_ring_waiting(&R.Reader);
-        // A sender that found the bell armed rings it and brings us back.
-        if (!bWaiting || __atomic_exchange_n(&Slot.armed, 0u, __ATOMIC_SEQ_CST) == 0)
-            return;
-    }
-}
-
-void Service::jRingBell(uint32_t Spid)
-{
-    Socket *pS = jFindSocket(Spid);
-    if (pS == nullptr)
-        return;
-    uint64_t Count;
-    (void)!read(pS->BellFd, &Count, sizeof Count);
-    jDrainPhantom(*pS);
-}
-
-// A socket of process Pid closed (its client is gone already): what the
-// process wrote to phantoms goes out first, and the rings of a process with
-// no socket left are unmapped.
-void Service::jRingsOfGoneProcess(pid_t Pid)
-{
-    size_t Sockets = 0;
-    for (const auto &Entry : mClients)
-        Sockets += Entry.second.Pid == Pid && Entry.second.Spid != 0;
-    for (auto &Entry : mSockets) {
-        Socket &P = Entry.second;
-        if (P.Link == 0 || P.Rings.empty())
-            continue;
-        jDrainRings(P, nullptr);
-        for (size_t i = 0; i < P.Rings.size();) {
-            const bool bGone = Sockets == 0 && P.Rings[i].Sender == Pid && !linxd_ring_waiting(&P.Rings[i].Reader);
-            if (bGone) {
-                linxd_ring_unmap(&P.Rings[i].Reader);
-                P.Rings.erase(P.Rings.begin() + (ptrdiff_t)i);
-            } else {
-                i++;
-            }
-        }
-    }
 }
 
 // Dials declared links that are due, sends heartbeats, drops links that
@@ -1596,7 +1231,16 @@ void Service::jFireTimers()
     }
 }
 
-int Service::jNextTimeoutMs() const
+// Idle: no client, and no link to keep up (a node with links, or taking
+// links over TCP, stays for its peers).
+bool Service::jIdle() const
+{
+    const bool bTakesTcpLinks = std::any_of(mLinkListeners.begin(), mLinkListeners.end(),
+                                            [](const std::pair<const int, bool> &Entry) { return Entry.second; });
+    return mClients.empty() && mLinks.empty() && !bTakesTcpLinks;
+}
+
+int Service::jNextTimeoutMs()
 {
     int64_t Wait = -1;
     const int64_t Now = jNowMs();
@@ -1604,12 +1248,17 @@ int Service::jNextTimeoutMs() const
         Wait = std::max<int64_t>(0, mTimerOrder.begin()->first - Now);
     if (!mLinks.empty()) // heartbeats, silence and redials are checked this often
         Wait = Wait < 0 ? kFirstRedialMs : std::min<int64_t>(Wait, std::min(kFirstRedialMs, jHeartbeatMs()));
-    if (mClients.empty() && mOptions.IdleExitSeconds > 0) {
+    if (jIdle() && mOptions.IdleExitSeconds > 0) {
         const int64_t IdleLeft = std::max<int64_t>(0, mIdleSinceMs + mOptions.IdleExitSeconds * 1000LL - Now);
         Wait = Wait < 0 ? IdleLeft : std::min(Wait, IdleLeft);
     }
+    const int SummaryDue = RefusalNextMs(&mRefusals);
+    if (SummaryDue >= 0)
+        Wait = Wait < 0 ? SummaryDue : std::min<int64_t>(Wait, SummaryDue);
     return (int)std::min<int64_t>(Wait, 60000);
 }
+
+namespace {
 
 // Two descriptors per socket: the starting client's soft limit is raised
 // to the hard one.
@@ -1621,6 +1270,8 @@ void jRaiseDescriptorLimit()
         setrlimit(RLIMIT_NOFILE, &Limit);
     }
 }
+
+} // namespace
 
 // Everything but the listener: the instance's generation, the descriptor
 // kept in reserve, the epoll set and the counter region.
@@ -1663,6 +1314,11 @@ int Service::Step(int TimeoutMs)
         jTickLinks();
         jFlushLinks();
     }
+    RefusalFlush(&mRefusals);
+    const bool bIdle = jIdle();
+    if (bIdle && !mWasIdle)
+        mIdleSinceMs = jNowMs();
+    mWasIdle = bIdle;
     return std::max(Count, 0);
 }
 
@@ -1672,19 +1328,18 @@ bool Service::HoldsNothing() const
 {
     return mClients.empty() && mSockets.empty() && mNames.empty() && mHunts.empty() && mAttaches.empty() &&
            mTimers.empty() && mTimerOrder.empty() && mNewLinks.empty() && mAfterReply.empty() && mLinks.empty() &&
-           mBacklogBytes == 0 && mFreeSlots.size() == mUnusedSlots;
+           mBacklogBytes == 0 && mFreeSlots.size() == mUnusedSlots && mProcesses.empty();
 }
 
 Service::~Service()
 {
     for (const auto &Entry : mClients)
         close(Entry.first);
-    for (const auto &Entry : mSockets) {
+    for (auto &Entry : mSockets) {
         if (Entry.second.InletFd >= 0)
             close(Entry.second.InletFd);
         close(Entry.second.BellFd);
-        for (const PhantomRing &R : Entry.second.Rings)
-            linxd_ring_unmap(&R.Reader);
+        jFreeRingSets(Entry.second);
     }
     for (auto &Entry : mLinks)
         LinkClose(&Entry.second.Conn);
@@ -1717,8 +1372,7 @@ int Service::Run()
         fprintf(stderr, "linxd: serving instance \"%s\"\n", mOptions.Instance.c_str());
     for (;;) {
         Step(jNextTimeoutMs());
-        if (mClients.empty() && mOptions.IdleExitSeconds > 0 &&
-            jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
+        if (jIdle() && mOptions.IdleExitSeconds > 0 && jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
             jAccept(); // a client that connected just now keeps us alive
             if (mClients.empty())
                 break;
@@ -1728,8 +1382,6 @@ int Service::Run()
         fprintf(stderr, "linxd: idle for %d s, exiting\n", mOptions.IdleExitSeconds);
     return 0;
 }
-
-} // namespace
 
 int LinxdRun(const LinxdOptions &Options)
 {

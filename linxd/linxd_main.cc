@@ -24,12 +24,17 @@ void jUsage(FILE *pOut)
     fprintf(pOut,
             "usage: linxd [options]\n"
             "Plays the LINX kernel module's part for the processes of this user.\n"
-            "Clients start it on demand; it exits after an idle time with no clients.\n\n"
+            "Clients start it on demand; it exits after an idle time with no clients\n"
+            "(a node with links, or taking links over TCP, stays).\n\n"
             "  --instance NAME      instance to serve (default: $%s, else \"%s\")\n"
             "  --foreground         stay attached to the terminal and report on stderr\n"
-            "  --idle-exit SECONDS  exit after this long without clients (default 30, 0: never)\n"
+            "  --idle-exit SECONDS  exit after this long without clients and links (default 30,\n"
+            "                       0: never)\n"
             "  --queue-bytes N      bytes each sending process may have waiting for one socket:\n"
             "                       the size of its ring (default 524288)\n"
+            "  --rings-per-socket N sending processes one socket takes signals from at once:\n"
+            "                       each has a ring of --queue-bytes into it (default 4096,\n"
+            "                       at most 65536); beyond, a new sender gets ENOBUFS\n"
             "  --module-version V   version to report to clients, as X.Y.Z (default 2.5.1)\n"
             "\nLinks to other nodes (hunt \"LINK/NAME\" to reach endpoint NAME behind LINK):\n"
             "  --link NAME=ADDRESS  dial a link: ADDRESS is unix:INSTANCE (an instance of this\n"
@@ -213,6 +218,9 @@ int main(int argc, char **argv)
             i++;
         } else if (Arg == "--queue-bytes" && pValue && jParseNumber(pValue, 4096, 1L << 30, &Number)) {
             Options.QueueBytes = (uint32_t)Number;
+            i++;
+        } else if (Arg == "--rings-per-socket" && pValue && jParseNumber(pValue, 1, LINXD_MAX_RINGS_PER_SOCKET, &Number)) {
+            Options.RingsPerSocket = (uint32_t)Number;
             i++;
         } else if (Arg == "--module-version" && pValue && jParseVersion(pValue, &Options.VersionWord)) {
             i++;

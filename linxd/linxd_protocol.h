@@ -12,11 +12,28 @@
  * one per sending process and receiving socket, written by the sender
  * alone and read by the receiver alone (single producer, single consumer).
  * The sender makes the ring (a sealed memfd) and hands it to linxd with
- * OPEN_ROUTE; linxd checks it and passes it on to the receiver through the
- * receiver's outlet, and gives the sender the receiver's bell (an eventfd)
- * and slot.  A send to a receiver that is busy is a copy into the ring and
- * a store: no system call.  The bell is rung only when the receiver has
- * armed it (its slot's armed word), that is when it found every ring empty.
+ * OPEN_ROUTE; linxd checks it, gives it a place (an index) among the
+ * receiver's rings and passes it on through the receiver's outlet, and
+ * gives the sender the receiver's bell (an eventfd) and ready set.  A send
+ * to a receiver that is busy is a copy into the ring and a store: no
+ * system call.
+ *
+ * The ready set is what keeps a receive as cheap with a thousand senders
+ * as with one: a sender that publishes into a ring its receiver does not
+ * know to be busy marks the ring's index there, and the receiver looks
+ * only at marked rings.  The bell is rung only when the receiver has armed
+ * it (the ready set's armed word), that is when it found nothing marked.
+ *
+ * A ring lives as long as its sending process keeps a socket open (or
+ * until the sender gives it up with CLOSE_ROUTE, or opens another to the
+ * same socket): then linxd retires it in the receiver's retired set, a
+ * region only linxd and the receiver share, and the receiver unmaps it
+ * once it has read what it holds.  The retired set wakes nobody: the
+ * descriptor of a socket stays readable exactly while a signal waits, and
+ * the receiver looks at the set on its next receive, and before it takes
+ * any signal of linxd's (so an attach signal never overtakes the last
+ * signals of a ring that was retired).  A socket reads at most the
+ * instance's number of rings (linxd refuses more with ENOBUFS).
  *
  * linxd's own signals (hunt answers, attach signals, timeouts), signals
  * that came over links from other nodes, and ring announcements go through
@@ -52,6 +69,8 @@
                                                    datagrams from links reach LINXD_MAX_SIGNAL_BYTES) */
 #define LINXD_MAX_REQUEST_BYTES  (sizeof(struct linxd_request) + LINXD_MAX_NAME_CHARS + 1 + LINXD_MAX_CONTROL_SIGNAL)
 #define LINXD_MAX_SOCKETS        16384u        /* slots in the counter region */
+#define LINXD_MAX_RINGS_PER_SOCKET 65536u      /* the ready set's room */
+#define LINXD_DEFAULT_RINGS_PER_SOCKET 4096u
 
 enum linxd_op {
     LINXD_OP_VERSION = 1,     /* -> value[0] version word */
@@ -59,7 +78,8 @@ enum linxd_op {
                                  data: the instance's 64-bit generation, drawn at
                                  random when linxd starts (SPIDs start again at
                                  every start: they name a socket only together
-                                 with it); fds: outlet, counter region, bell */
+                                 with it); fds: outlet, counter region, bell,
+                                 ready set, retired set */
     LINXD_OP_HUNT,            /* arg[0] on behalf of, name, signal -> 0 */
     LINXD_OP_ATTACH,          /* arg[0] spid, signal -> value[0] reference */
     LINXD_OP_DETACH,          /* arg[0] reference */
@@ -73,13 +93,18 @@ enum linxd_op {
     LINXD_OP_INFO_STAT,       /* arg[0] spid -> trailing 120-byte linx_info_stat */
     LINXD_OP_INFO_QUEUE,      /* arg[0] spid -> value[0] signals waiting */
     LINXD_OP_OPEN_ROUTE,      /* arg[0] spid, fd: the sender's ring (sealed memfd of
-                                 linxd_ring_bytes(queue bytes)) -> value[0] slot;
-                                 fd: the receiver's bell.  The ring reaches the
-                                 receiver as an announcement in its outlet */
+                                 linxd_ring_bytes(queue bytes)) -> value[0] slot,
+                                 value[1] the ring's index; fds: the receiver's
+                                 bell and ready set.  The ring reaches the
+                                 receiver as an announcement in its outlet; a
+                                 ring the process had into that socket before
+                                 is retired */
     LINXD_OP_INFO_SUMMARY,    /* -> trailing 32-byte linx_info_summary */
     LINXD_OP_INFO_SOCKETS,    /* arg[0] after, arg[1] room -> trailing SPIDs above
                                  after, ascending, at most room and at most
                                  LINXD_MAX_SPIDS_PER_REPLY */
+    LINXD_OP_CLOSE_ROUTE,     /* arg[0] spid, arg[1] ring index: the sender gives
+                                 the ring up; it is retired once read */
 };
 
 #define LINXD_MAX_SPIDS_PER_REPLY 256u
@@ -126,13 +151,9 @@ struct linxd_slot {
     uint64_t parked_bytes;    /* signals its owner took out of the queue
                                  unselected and keeps aside (the owner);
                                  they count against queue_limit */
-    /* Written by senders on every send: a cache line of their own. */
-    uint32_t armed;           /* 1: the owner found its rings empty and
-                                 waits for the bell; the first sender to
-                                 swap it to 0 rings (linxd starts it at 1) */
     uint32_t outlet_signals;  /* datagrams linxd put in the outlet (a hint
                                  that saves the owner a system call) */
-    uint32_t reserved[14];
+    uint32_t reserved[15];
 };
 
 /* Makes Count descriptors (none when Count is 0) travel with pMsg as one
@@ -158,14 +179,18 @@ static inline void linxd_pass_fds(struct msghdr *pMsg, void *pControl, const int
  * size is LINXD_RING_WRAP fills the rest of the ring, and the next one
  * starts at its beginning.  head and tail count bytes ever taken and
  * written; an entry becomes visible when tail passes it (release), and its
- * room is free again when head does. */
+ * room is free again when head does.  marked is 1 while the receiver knows
+ * the ring holds something (its mark stands in the ready set, or the
+ * receiver is reading it): the sender sets it when it marks the ring, the
+ * receiver clears it when it found the ring empty. */
 struct linxd_ring_header {
     uint32_t magic;
-    uint32_t abandoned;       /* the sender will write no more */
+    uint32_t reserved;
     uint64_t capacity;
     uint8_t pad0[48];
     uint64_t tail;            /* the sender's line */
-    uint8_t pad1[56];
+    uint32_t marked;
+    uint8_t pad1[52];
     uint64_t head;            /* the receiver's line */
     uint8_t pad2[56];
 };
@@ -173,9 +198,52 @@ struct linxd_ring_header {
 #define LINXD_RING_MAGIC 0x52584E4Cu /* "LNXR" */
 #define LINXD_RING_WRAP  0xFFFFFFFFu
 #define LINXD_RING_ENTRY_ALIGN 16u
-/* attributes of an outlet datagram that announces a ring (size 0, payload:
- * the sender's pid as a uint32_t, one descriptor: the ring) */
+/* attributes of an outlet datagram that announces a ring (size 8,
+ * payload: the sender's pid and the ring's index as uint32_t, one
+ * descriptor: the ring).  A signal's attributes never have any bit but
+ * bit 0. */
 #define LINXD_ANNOUNCE_RING 0x52494E47u /* "RING" */
+#define LINXD_SIGNAL_ATTRIBUTES 1u
+
+/* A set of ring indexes of one socket: bit i of bits for index i, and bit
+ * w of summary when word w of bits may hold one, so that whoever takes
+ * the set looks only where something is.  Each socket has two: the marks
+ * of its ready set (below), and its retired set, a sealed memfd shared by
+ * linxd and the socket's owner alone.  linxd adds index i to the retired
+ * set when it retires ring i, and hands i out again only once the owner
+ * removed it, that is once the owner has read the ring and unmapped it
+ * (or dropped it earlier as broken); an index whose announcement is still
+ * in the outlet stays until the ring arrives. */
+#define LINXD_INDEX_WORDS         (LINXD_MAX_RINGS_PER_SOCKET / 64)
+#define LINXD_INDEX_SUMMARY_WORDS (LINXD_INDEX_WORDS / 64)
+struct linxd_index_set {
+    uint64_t summary[LINXD_INDEX_SUMMARY_WORDS];
+    uint64_t bits[LINXD_INDEX_WORDS];
+};
+
+static inline void linxd_index_set_add(struct linxd_index_set *pSet, uint32_t Index)
+{
+    __atomic_fetch_or(&pSet->bits[Index / 64], 1ull << (Index % 64), __ATOMIC_SEQ_CST);
+    __atomic_fetch_or(&pSet->summary[Index / 4096], 1ull << (Index / 64 % 64), __ATOMIC_SEQ_CST);
+}
+
+static inline int linxd_index_set_has(const struct linxd_index_set *pSet, uint32_t Index)
+{
+    return (__atomic_load_n(&pSet->bits[Index / 64], __ATOMIC_ACQUIRE) >> (Index % 64)) & 1;
+}
+
+/* A receiving socket's ready set, shared with the senders of its rings (a
+ * sealed memfd linxd makes for each socket).  A mark at i: ring i was
+ * published into while its receiver did not know.  The receiver takes
+ * marks by swapping words to 0, so it looks only at rings that hold
+ * something. */
+struct linxd_ready_set {
+    uint32_t armed;           /* 1: the receiver found nothing marked and
+                                 waits for the bell; the first sender to
+                                 swap it to 0 rings (linxd starts it at 1) */
+    uint8_t pad0[60];
+    struct linxd_index_set marks;
+};
 
 /* The ring of a socket whose queue holds QueueBytes, in bytes with header. */
 static inline uint64_t linxd_ring_capacity(uint32_t QueueBytes)
@@ -244,12 +312,6 @@ static inline int linxd_ring_waiting(const struct linxd_ring_reader *pReader)
     return __atomic_load_n(&pReader->header->tail, __ATOMIC_ACQUIRE) != pReader->head;
 }
 
-/* Whether the sender will write no more and everything was read. */
-static inline int linxd_ring_finished(const struct linxd_ring_reader *pReader)
-{
-    return !linxd_ring_waiting(pReader) && __atomic_load_n(&pReader->header->abandoned, __ATOMIC_ACQUIRE) != 0;
-}
-
 enum linxd_peeked { LINXD_PEEK_EMPTY, LINXD_PEEK_SIGNAL, LINXD_PEEK_BROKEN };
 
 /* The entry at the ring's head, addressed to To, checked against the
@@ -304,9 +366,81 @@ static inline void linxd_ring_advance(struct linxd_ring_reader *pR, uint32_t Siz
     __atomic_store_n(&pR->header->head, pR->head, __ATOMIC_RELEASE);
 }
 
+/* The sending side of one ring: the sender's own copy of the tail (the
+ * header's is only where it publishes it). */
+struct linxd_ring_writer {
+    struct linxd_ring_header *header;
+    char *data;
+    uint64_t capacity;
+    uint64_t tail;
+};
+
+/* Writes an entry and publishes it: 1, or 0 when the ring has no room for
+ * it (or the receiver broke its own head).  An entry that would run past
+ * the end goes to the beginning behind a wrap entry. */
+static inline int linxd_ring_write(struct linxd_ring_writer *pW, const struct linxd_signal_header *pHeader,
+                                   const void *pPayload)
+{
+    const uint64_t Head = __atomic_load_n(&pW->header->head, __ATOMIC_ACQUIRE);
+    const uint64_t Need = linxd_entry_bytes(pHeader->size);
+    const uint64_t Offset = pW->tail % pW->capacity;
+    const uint64_t Pad = Offset + Need > pW->capacity ? pW->capacity - Offset : 0;
+    if (pW->tail - Head > pW->capacity || pW->tail + Pad + Need - Head > pW->capacity)
+        return 0;
+    if (Pad != 0) {
+        const struct linxd_signal_header Wrap = {0, 0, LINXD_RING_WRAP, 0};
+        memcpy(pW->data + Offset, &Wrap, sizeof Wrap);
+    }
+    char *pEntry = pW->data + (pW->tail + Pad) % pW->capacity;
+    memcpy(pEntry, pHeader, sizeof *pHeader);
+    memcpy(pEntry + sizeof *pHeader, pPayload, pHeader->size);
+    pW->tail += Pad + Need;
+    __atomic_store_n(&pW->header->tail, pW->tail, __ATOMIC_RELEASE);
+    return 1;
+}
+
+/* After a write: marks ring Index in its receiver's ready set unless the
+ * receiver knows already that the ring holds something.  Returns whether
+ * the sender must ring the bell (the receiver armed it, and this sender
+ * was the first to disarm it).
+ *
+ * The receiver's half (linxd_ready_unmark) clears marked and then looks at
+ * the tail again; the sender stores the tail and then looks at marked.
+ * With a full fence between each pair at least one of them sees the
+ * other's store: a ring that holds something is always in turn, marked,
+ * or found again by its receiver.  Likewise for armed: the receiver arms
+ * and then looks for marks, the sender marks and then looks at armed. */
+static inline int linxd_ready_mark(struct linxd_ready_set *pSet, struct linxd_ring_header *pRing, uint32_t Index)
+{
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&pRing->marked, __ATOMIC_RELAXED) != 0 ||
+        __atomic_exchange_n(&pRing->marked, 1u, __ATOMIC_SEQ_CST) != 0)
+        return 0;
+    linxd_index_set_add(&pSet->marks, Index);
+    return __atomic_load_n(&pSet->armed, __ATOMIC_SEQ_CST) != 0 &&
+           __atomic_exchange_n(&pSet->armed, 0u, __ATOMIC_SEQ_CST) != 0;
+}
+
+/* The receiver found the ring empty: it is no longer marked, unless
+ * something arrived meanwhile (then it returns 1 and the ring stays the
+ * receiver's to read). */
+static inline int linxd_ready_unmark(const struct linxd_ring_reader *pR)
+{
+    __atomic_store_n(&pR->header->marked, 0u, __ATOMIC_SEQ_CST);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    return linxd_ring_waiting(pR);
+}
+
+/* Takes a word of a summary or of the marks (the receiver). */
+static inline uint64_t linxd_ready_take(uint64_t *pWord)
+{
+    return __atomic_load_n(pWord, __ATOMIC_RELAXED) == 0 ? 0 : __atomic_exchange_n(pWord, 0, __ATOMIC_SEQ_CST);
+}
+
 #ifdef __cplusplus
 static_assert(sizeof(struct linxd_slot) == 128, "slots are two cache lines on every ABI");
 static_assert(sizeof(struct linxd_ring_header) == 192, "ring header is three cache lines on every ABI");
+static_assert(sizeof(struct linxd_ready_set) % 8 == 0, "the ready set is the same on every ABI");
 #endif
 
 #endif /* LINXD_PROTOCOL_H */

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <signal.h>
@@ -129,4 +130,64 @@ long RssKiB(pid_t Pid)
         if (Word == "VmRSS:" && Status >> Word)
             return std::stol(Word);
     return -1;
+}
+
+int64_t NowMs()
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return Now.tv_sec * 1000LL + Now.tv_nsec / 1000000;
+}
+
+int RingMappings(pid_t Pid)
+{
+    std::ifstream Maps("/proc/" + std::to_string(Pid) + "/maps");
+    int Count = 0;
+    for (std::string Line; std::getline(Maps, Line);)
+        Count += Line.find("/memfd:linx-ring") != std::string::npos;
+    return Count;
+}
+
+std::string ReadFile(const std::string &Path)
+{
+    std::ifstream In(Path);
+    return std::string((std::istreambuf_iterator<char>(In)), std::istreambuf_iterator<char>());
+}
+
+bool WaitFor(const std::function<bool()> &Done, int TimeoutMs)
+{
+    for (int Waited = 0; Waited < TimeoutMs; Waited += 10) {
+        if (Done())
+            return true;
+        usleep(10000);
+    }
+    return Done();
+}
+
+pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Args, const std::string &LogPath,
+                 int Starts)
+{
+    std::vector<std::string> Argv = {"linxd", "--foreground", "--instance", Instance};
+    Argv.insert(Argv.end(), Args.begin(), Args.end());
+    const std::string Path = LinxdBesideLibrary();
+    const int Log = open(LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (Starts == 1 ? O_TRUNC : 0), 0600);
+    const pid_t Pid = StartChild([&] {
+        std::vector<char *> Raw;
+        for (std::string &Arg : Argv)
+            Raw.push_back(&Arg[0]);
+        Raw.push_back(nullptr);
+        dup2(Log, 2);
+        dup2(Log, 1);
+        execv(Path.c_str(), Raw.data());
+        return 127;
+    });
+    close(Log);
+    WaitFor([&] {
+        const std::string Text = ReadFile(LogPath);
+        int Seen = 0;
+        for (size_t At = Text.find("serving"); At != std::string::npos; At = Text.find("serving", At + 1))
+            Seen++;
+        return Seen >= Starts;
+    }, 5000);
+    return Pid;
 }

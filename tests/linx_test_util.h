@@ -21,8 +21,22 @@ int WaitChild(pid_t Child);
 std::string LinxdBesideLibrary();
 // Pids of the linxd processes serving Instance.
 std::vector<pid_t> FindLinxd(const std::string &Instance);
+// Starts linxd for Instance in the foreground with Args, its standard
+// error in LogPath (appended to from the second start on), and waits until
+// it serves: until the log says so for the Starts-th time.
+pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Args, const std::string &LogPath,
+                 int Starts = 1);
 // Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
 long RssKiB(pid_t Pid);
+// Signal rings of other processes mapped into process Pid.
+int RingMappings(pid_t Pid);
+
+// The monotonic clock in milliseconds.
+int64_t NowMs();
+// The whole of a file ("" when it cannot be read).
+std::string ReadFile(const std::string &Path);
+// Whether Done() came true within TimeoutMs (asked every 10 ms).
+bool WaitFor(const std::function<bool()> &Done, int TimeoutMs);
 
 // A signal of the given number whose second word is Value.
 union LINX_SIGNAL *NewSignal(LINX *pLinx, uint32_t SigNo, uint32_t Value, uint32_t Size = 8);

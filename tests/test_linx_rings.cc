@@ -1,7 +1,7 @@
 // The shared-memory rings between processes: senders killed in the middle
 // of a flood, many senders of several processes into one receiver, a full
-// ring and a receiver that dies with one, exact poll readiness, and large
-// and small signals in one stream.
+// ring and a receiver that dies with one, exact poll readiness, large and
+// small signals in one stream, and senders that come and go.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -23,6 +23,7 @@ namespace {
 constexpr uint32_t kData = 0x70;
 constexpr uint32_t kFull = 0x71;
 constexpr uint32_t kDrained = 0x72;
+constexpr uint32_t kGone = 0x73;
 
 // A signal whose every byte after the number and sequence follows from
 // them, so any torn or shifted copy shows.
@@ -76,13 +77,6 @@ int64_t ReceivePattern(LINX *pLinx, int TimeoutMs, uint32_t *pSize = nullptr, LI
         *pFrom = linx_sender(pLinx, &pSig);
     linx_free_buf(pLinx, &pSig);
     return bIntact ? Seq : -2;
-}
-
-int64_t NowMs()
-{
-    struct timespec Now;
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return Now.tv_sec * 1000 + Now.tv_nsec / 1000000;
 }
 
 bool Readable(LINX *pLinx, int TimeoutMs)
@@ -270,6 +264,80 @@ TEST_F(LinxRings, LargeAndSmallSignalsKeepTheirOrder)
             EXPECT_EQ(kSizes[i], Size);
         }
     EXPECT_EQ(0, WaitChild(Child));
+}
+
+// Senders that close their socket, exit with it open, or are killed: what
+// each sent arrives in order (before the attach signal that tells of its
+// end, for those the receiver watches), and the rings they made leave the
+// receiver once it has read them, also when nothing but their signals
+// ever reached it.
+TEST_F(LinxRings, RingsLeaveWithTheirSenders)
+{
+    constexpr int kEach = 20; // senders per way of leaving
+    enum Way { Closes, Exits, Killed };
+    const int Before = RingMappings(getpid());
+    int Ready[2], Go[2];
+    ASSERT_EQ(0, pipe(Ready));
+    ASSERT_EQ(0, pipe(Go));
+    std::vector<pid_t> Children;
+    for (int i = 0; i < 3 * kEach; i++)
+        Children.push_back(StartSender("leaver", [&, i](LINX *pLinx, LINX_SPID Parent) {
+            for (uint32_t Seq = 0; Seq < 3; Seq++)
+                SendPattern(pLinx, Parent, Seq, PatternSize(Seq));
+            const LINX_SPID Mine[2] = {linx_get_spid(pLinx), (LINX_SPID)(i / kEach)};
+            char Byte;
+            if (write(Ready[1], Mine, sizeof Mine) != sizeof Mine || (i >= kEach && read(Go[0], &Byte, 1) != 1))
+                return 1;
+            if (i / kEach == Exits)
+                _exit(0); // the socket is left open
+            return 0;     // closed by StartSender
+        }));
+    for (int i = 0; i < 3 * kEach; i++) {
+        LINX_SPID SpidAndWay[2] = {0, 0};
+        ASSERT_EQ((ssize_t)sizeof SpidAndWay, read(Ready[0], SpidAndWay, sizeof SpidAndWay));
+        union LINX_SIGNAL *pGone = NewSignal(pParent, kGone, 0);
+        if (SpidAndWay[1] != Closes)
+            ASSERT_NE(0u, linx_attach(pParent, &pGone, SpidAndWay[0]));
+        else
+            linx_free_buf(pParent, &pGone);
+    }
+    for (int i = 0; i < kEach; i++)
+        EXPECT_EQ(0, WaitChild(Children[i]));
+    // Receives that take nothing (what the rings hold waits aside) let the
+    // rings of those that closed go.
+    const LINX_SIGSELECT kNothing[] = {1, 0x7FFF};
+    EXPECT_TRUE(WaitFor([&] {
+        union LINX_SIGNAL *pNone = nullptr;
+        return linx_receive_w_tmo(pParent, &pNone, 0, kNothing) == 0 && RingMappings(getpid()) == Before + 2 * kEach;
+    }, 5000)) << RingMappings(getpid()) - Before << " rings mapped";
+    for (int i = 2 * kEach; i < 3 * kEach; i++) { // the killed, dead before the others may go
+        kill(Children[i], SIGKILL);
+        WaitChild(Children[i]);
+    }
+    ASSERT_EQ(kEach, write(Go[1], std::string(kEach, 'g').data(), kEach));
+    for (int i = kEach; i < 2 * kEach; i++)
+        EXPECT_EQ(0, WaitChild(Children[i]));
+
+    std::map<LINX_SPID, uint32_t> Taken; // per sender: patterns, then 4 once its end was told
+    for (int n = 0; n < kEach * (3 + 4 + 4); n++) {
+        union LINX_SIGNAL *pSig = nullptr;
+        ASSERT_GT(linx_receive_w_tmo(pParent, &pSig, 5000, nullptr), 0) << "after " << n;
+        const LINX_SPID From = linx_sender(pParent, &pSig);
+        const uint32_t SigNo = SigNoOf(pSig), Seq = ValueOf(pSig);
+        linx_free_buf(pParent, &pSig);
+        if (SigNo == kGone) {
+            EXPECT_EQ(3u, Taken[From]) << "the end of 0x" << std::hex << From << " told before its signals";
+            Taken[From] = 4;
+        } else {
+            EXPECT_EQ(Taken[From]++, Seq) << "from 0x" << std::hex << From;
+        }
+    }
+    EXPECT_EQ(size_t(3 * kEach), Taken.size());
+    EXPECT_TRUE(WaitFor([&] { return ReceiveOne(pParent, 0) == 0 && RingMappings(getpid()) == Before; }, 5000))
+        << RingMappings(getpid()) - Before << " rings of senders that left are still mapped";
+    EXPECT_FALSE(Readable(pParent, 0));
+    for (int Fd : {Ready[0], Ready[1], Go[0], Go[1]})
+        close(Fd);
 }
 
 } // namespace

@@ -20,7 +20,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,50 +48,13 @@ struct Node {
     int Starts = 0;
 };
 
-std::string ReadFile(const std::string &Path)
-{
-    std::ifstream In(Path);
-    return std::string((std::istreambuf_iterator<char>(In)), std::istreambuf_iterator<char>());
-}
-
-bool WaitFor(const std::function<bool()> &Done, int TimeoutMs)
-{
-    for (int Waited = 0; Waited < TimeoutMs; Waited += 10) {
-        if (Done())
-            return true;
-        usleep(10000);
-    }
-    return Done();
-}
-
 // Starts (or starts again) the node's linxd and waits until it serves.
 void Start(Node &N)
 {
-    const std::string Path = LinxdBesideLibrary();
-    std::vector<std::string> Argv = {"linxd", "--foreground", "--idle-exit", "0", "--instance", N.Instance,
-                                     "--config", "/dev/null", "--link-timeout", "900"};
-    Argv.insert(Argv.end(), N.Args.begin(), N.Args.end());
+    std::vector<std::string> Args = {"--idle-exit", "0", "--config", "/dev/null", "--link-timeout", "900"};
+    Args.insert(Args.end(), N.Args.begin(), N.Args.end());
     N.LogPath = "/tmp/" + N.Instance + ".log";
-    const int Log = open(N.LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    N.Pid = StartChild([&] {
-        std::vector<char *> Raw;
-        for (std::string &Arg : Argv)
-            Raw.push_back(&Arg[0]);
-        Raw.push_back(nullptr);
-        dup2(Log, 2);
-        dup2(Log, 1);
-        execv(Path.c_str(), Raw.data());
-        return 127;
-    });
-    close(Log);
-    N.Starts++;
-    WaitFor([&] {
-        const std::string Text = ReadFile(N.LogPath);
-        int Seen = 0;
-        for (size_t At = Text.find("serving"); At != std::string::npos; At = Text.find("serving", At + 1))
-            Seen++;
-        return Seen >= N.Starts;
-    }, 5000);
+    N.Pid = StartLinxd(N.Instance, Args, N.LogPath, ++N.Starts);
 }
 
 void Kill(Node &N)

@@ -1,7 +1,8 @@
 // linxd and its clients facing broken or hostile peers, with real
-// processes: garbage and truncated requests, floods, a forged signal ring,
-// a linxd that dies or restarts, an impostor, running out of
-// descriptors, and a module of another major version.  (Clients that vanish
+// processes: garbage and truncated requests, floods, forged and endless
+// signal rings, more senders than a socket takes, a linxd that dies or
+// restarts, an impostor, running out of descriptors, and a module of
+// another major version.  (Clients that vanish
 // are the chaos test's; every sequence of requests is the fuzz harness's.)
 #include <gtest/gtest.h>
 
@@ -14,11 +15,14 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <valgrind/valgrind.h>
 
 #include <fstream>
+#include <sstream>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,7 +47,7 @@ int RawConnect(const std::string &Instance)
 
 struct RawReply {
     linxd_reply Header = {};
-    int Fd = -1;
+    int Fds[5] = {-1, -1, -1, -1, -1};
 };
 
 RawReply RawExchange(int Fd, const void *pData, size_t Len, int PassFd = -1)
@@ -58,7 +62,7 @@ RawReply RawExchange(int Fd, const void *pData, size_t Len, int PassFd = -1)
     EXPECT_EQ((ssize_t)Len, sendmsg(Fd, &Request, MSG_NOSIGNAL));
     char Buffer[4096];
     struct iovec Iov = {Buffer, sizeof Buffer};
-    char Control[CMSG_SPACE(3 * sizeof(int))];
+    char Control[CMSG_SPACE(sizeof R.Fds)];
     struct msghdr Msg = {};
     Msg.msg_iov = &Iov;
     Msg.msg_iovlen = 1;
@@ -67,7 +71,7 @@ RawReply RawExchange(int Fd, const void *pData, size_t Len, int PassFd = -1)
     if (recvmsg(Fd, &Msg, MSG_CMSG_CLOEXEC) >= (ssize_t)sizeof R.Header) {
         memcpy(&R.Header, Buffer, sizeof R.Header);
         if (struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg))
-            memcpy(&R.Fd, CMSG_DATA(pCmsg), sizeof R.Fd);
+            memcpy(R.Fds, CMSG_DATA(pCmsg), pCmsg->cmsg_len - CMSG_LEN(0));
     }
     return R;
 }
@@ -79,6 +83,35 @@ RawReply RawRequest(int Fd, uint32_t Op, uint32_t Arg0, const std::string &Name 
                          (uint32_t)Signal.size()};
     const std::string Datagram = std::string((const char *)&Req, sizeof Req) + Name + Signal;
     return RawExchange(Fd, Datagram.data(), Datagram.size(), PassFd);
+}
+
+// A ring of Bytes sealed as linxd wants it, mapped at *ppRing, with Magic.
+int SealedRing(uint64_t Bytes, uint32_t Magic, linxd_ring_header **ppRing)
+{
+    const int RingFd = memfd_create("forged", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (ftruncate(RingFd, (off_t)Bytes) != 0 || fcntl(RingFd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
+        return -1;
+    *ppRing = (linxd_ring_header *)mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, RingFd, 0);
+    (*ppRing)->magic = Magic;
+    (*ppRing)->capacity = Bytes - sizeof **ppRing;
+    return RingFd;
+}
+
+// How many refusals the lines of Log tell of that contain What: one for a
+// line, and the count of a summary ("... and 99 more like it ...").
+int Refusals(const std::string &Log, const std::string &What, int *pLines)
+{
+    std::istringstream In(Log);
+    int Total = 0;
+    *pLines = 0;
+    for (std::string Line; std::getline(In, Line);) {
+        if (Line.find(What) == std::string::npos)
+            continue;
+        const size_t More = Line.find(" ... and ");
+        Total += More == std::string::npos ? 1 : atoi(Line.c_str() + More + 9);
+        ++*pLines;
+    }
+    return Total;
 }
 
 class LinxdRobustness : public testing::Test {
@@ -138,7 +171,8 @@ TEST_F(LinxdRobustness, OneClientCannotHoldWithoutLimit)
     const int Fd = RawConnect(TestInstance());
     const RawReply Registered = RawRequest(Fd, LINXD_OP_REGISTER, 0, "greedy");
     ASSERT_EQ(0, Registered.Header.result);
-    close(Registered.Fd);
+    for (int Fd : Registered.Fds)
+        close(Fd);
     int Granted = 0;
     for (int i = 0; i < 5000; i++)
         Granted += RawRequest(Fd, LINXD_OP_REQUEST_TMO, 1000000).Header.result == 0;
@@ -170,13 +204,9 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
     EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", Loose).Header.error);
     close(Loose);
 
-    const int RingFd = memfd_create("forged", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    ASSERT_EQ(0, ftruncate(RingFd, (off_t)Bytes));
-    ASSERT_EQ(0, fcntl(RingFd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL));
-    auto *pRing = (linxd_ring_header *)mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, RingFd, 0);
-    ASSERT_NE(MAP_FAILED, (void *)pRing);
-    pRing->magic = LINXD_RING_MAGIC;
-    pRing->capacity = Bytes - sizeof *pRing;
+    linxd_ring_header *pRing = nullptr;
+    const int RingFd = SealedRing(Bytes, LINXD_RING_MAGIC, &pRing);
+    ASSERT_GE(RingFd, 0);
     char *pData = (char *)(pRing + 1);
     const uint32_t Good[2] = {0x55, 0x66};
     const linxd_signal_header Header = {1, Target, 8, 0};
@@ -187,7 +217,7 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
     pRing->tail = 64;
     const RawReply Route = RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", RingFd);
     ASSERT_EQ(0, Route.Header.result);
-    ASSERT_GE(Route.Fd, 0);
+    ASSERT_GE(Route.Fds[0], 0);
 
     testing::internal::CaptureStderr();
     uint32_t Value = 0;
@@ -200,8 +230,54 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
         << Said;
     munmap(pRing, Bytes);
     close(RingFd);
-    close(Route.Fd);
+    for (int Fd : Route.Fds)
+        close(Fd);
     close(Fd);
+    ExpectServing();
+}
+
+// One process announces ring after ring to one receiver, sound ones and
+// forged ones: each replaces the one before, so the receiver never holds
+// more than one ring of it, says once a second what it refused, and keeps
+// serving.
+TEST_F(LinxdRobustness, AnnouncementsWithoutEndCannotGrowTheReceiver)
+{
+    constexpr int kRings = 2000;
+    const LINX_SPID Target = linx_get_spid(pLinx);
+    const pid_t Forger = StartChild([Target] {
+        const int Fd = RawConnect(TestInstance());
+        const RawReply Registered = RawRequest(Fd, LINXD_OP_REGISTER, 0, "forger");
+        const uint64_t Bytes = linxd_ring_bytes(Registered.Header.value[2]);
+        for (int i = 0; i < kRings; i++) {
+            linxd_ring_header *pRing = nullptr;
+            const int RingFd = SealedRing(Bytes, i % 2 ? 0xBAD : LINXD_RING_MAGIC, &pRing);
+            RawReply R;
+            while ((R = RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", RingFd)).Header.error == ENOBUFS)
+                usleep(1000); // the receiver has not read its outlet yet
+            munmap(pRing, Bytes);
+            close(RingFd);
+            for (int Passed : R.Fds)
+                close(Passed);
+            if (R.Header.result != 0)
+                return 1;
+        }
+        return 0;
+    });
+    testing::internal::CaptureStderr();
+    int MostRings = 0, Status = -1;
+    for (int64_t Quiet = NowMs() + 1500; NowMs() < Quiet;) { // on until a second after the forger ends
+        EXPECT_EQ(0u, ReceiveOne(pLinx, 10));
+        MostRings = std::max(MostRings, RingMappings(getpid()));
+        if (Status < 0 && waitpid(Forger, &Status, WNOHANG) == Forger)
+            Quiet = NowMs() + 1100;
+    }
+    const std::string Said = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(WIFEXITED(Status) && WEXITSTATUS(Status) == 0);
+    EXPECT_LE(MostRings, 1);
+    EXPECT_EQ(0, RingMappings(getpid()));
+    int Lines = 0;
+    EXPECT_EQ(kRings / 2, Refusals(Said, "refused the signal ring of process " + std::to_string(Forger), &Lines));
+    EXPECT_LE(Lines, 12) << Said;
     ExpectServing();
 }
 
@@ -293,25 +369,17 @@ TEST_F(LinxdRobustness, CallsFailCleanlyWhenLinxdDies)
 // Starts a foreground linxd reporting Version for a fresh instance.
 pid_t StartLinxdReporting(const std::string &Instance, const char *pVersion)
 {
-    const std::string Path = LinxdBesideLibrary();
-    const pid_t Pid = StartChild([&] {
-        execl(Path.c_str(), "linxd", "--foreground", "--instance", Instance.c_str(),
-              "--idle-exit", "20", "--module-version", pVersion, (char *)nullptr);
-        return 127;
-    });
-    close(RawConnect(Instance)); // wait until it listens
-    return Pid;
+    return StartLinxd(Instance, {"--idle-exit", "20", "--module-version", pVersion}, "/tmp/" + Instance + ".log");
 }
 
 TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
 {
     const std::string Instance = TestInstance() + "-idle";
-    const std::string Path = LinxdBesideLibrary();
-    const pid_t Linxd = StartChild([&] {
-        execl(Path.c_str(), "linxd", "--foreground", "--instance", Instance.c_str(), "--idle-exit",
-              "1", (char *)nullptr);
-        return 127;
-    });
+    const std::string Node = TestInstance() + "-node";
+    const pid_t Linxd = StartLinxd(Instance, {"--idle-exit", "1"}, "/tmp/" + Instance + ".log");
+    // A node with a link to keep up stays, clients or not.
+    const pid_t Linked =
+        StartLinxd(Node, {"--idle-exit", "1", "--link", "far=unix:" + Node + "-absent"}, "/tmp/" + Node + ".log");
     const int Fd = RawConnect(Instance);
     ASSERT_GE(Fd, 0);
     if (geteuid() == 0) {
@@ -335,6 +403,10 @@ TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
     close(Fd);
     // No client left: it exits by itself after a second.
     EXPECT_EQ(0, WaitChild(Linxd));
+    usleep(500 * 1000); // the node started with it: it would be gone by now
+    EXPECT_EQ(0, waitpid(Linked, nullptr, WNOHANG)) << "the node with a link stays";
+    kill(Linked, SIGKILL);
+    WaitChild(Linked);
 }
 
 TEST(LinxdLifetime, AnImpostorOfAnotherUserIsNeverTalkedTo)
@@ -446,6 +518,70 @@ TEST(LinxdLimits, AClientOutOfDescriptorsSeesEMFILE)
         return bEmfile ? 0 : 1;
     });
     EXPECT_EQ(0, WaitChild(Child));
+}
+
+// A socket takes rings from at most --rings-per-socket processes at once:
+// the next sender is refused with ENOBUFS (and linxd says so once a
+// second, whatever it tries), and is taken as soon as one of the others
+// has gone.
+TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
+{
+    const std::string Instance = TestInstance() + "-rings";
+    const std::string Log = "/tmp/" + Instance + ".log";
+    const pid_t Linxd = StartLinxd(Instance, {"--rings-per-socket", "3"}, Log);
+    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
+    LINX *pCapped = linx_open("capped", 0, nullptr);
+    ASSERT_NE(nullptr, pCapped);
+    int Results[2], Go[2];
+    ASSERT_EQ(0, pipe(Results));
+    ASSERT_EQ(0, pipe(Go));
+    std::vector<pid_t> Senders;
+    for (int i = 0; i < 4; i++) {
+        // Each sends one signal (the last one tries 200 times) and says how
+        // it went; the last one tries again when told to.
+        Senders.push_back(StartChild([&, i] {
+            LINX *p = linx_open("sender", 0, nullptr);
+            const LINX_SPID To = HuntAndWait(p, "capped", 5000);
+            int Error = 0;
+            for (int Try = 0; Try < 200 && (Try == 0 || Error == ENOBUFS); Try++) {
+                union LINX_SIGNAL *pSig = NewSignal(p, 0x40, i);
+                Error = linx_send(p, &pSig, To) == 0 ? 0 : errno;
+            }
+            char Byte;
+            if (write(Results[1], &Error, sizeof Error) != sizeof Error || i < 3 || read(Go[0], &Byte, 1) != 1)
+                pause(); // those that were taken stay until killed
+            for (const int64_t Deadline = NowMs() + 5000; Error == ENOBUFS && NowMs() < Deadline; usleep(5000)) {
+                union LINX_SIGNAL *pSig = NewSignal(p, 0x40, i);
+                Error = linx_send(p, &pSig, To) == 0 ? 0 : errno;
+            }
+            linx_close(p);
+            return Error;
+        }));
+        int Error = -1;
+        ASSERT_EQ((ssize_t)sizeof Error, read(Results[0], &Error, sizeof Error));
+        EXPECT_EQ(i < 3 ? 0 : ENOBUFS, Error) << "sender " << i;
+    }
+    kill(Senders[0], SIGKILL);
+    WaitChild(Senders[0]);
+    ASSERT_EQ(1, write(Go[1], "g", 1));
+    EXPECT_EQ(0, WaitChild(Senders[3])) << "taken once a place was free";
+    std::set<uint32_t> Values;
+    for (int n = 0; n < 4; n++) {
+        uint32_t Value = 99;
+        EXPECT_EQ(0x40u, ReceiveOne(pCapped, 5000, &Value));
+        Values.insert(Value);
+    }
+    EXPECT_EQ(std::set<uint32_t>({0, 1, 2, 3}), Values);
+    int Lines = 0;
+    EXPECT_TRUE(WaitFor([&] { return Refusals(ReadFile(Log), "reads 3 rings already", &Lines) == 200; }, 3000))
+        << ReadFile(Log);
+    EXPECT_LE(Lines, 4);
+    for (pid_t Sender : {Senders[1], Senders[2], Linxd})
+        kill(Sender, SIGKILL), WaitChild(Sender);
+    linx_close(pCapped);
+    setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
+    for (int Fd : {Results[0], Results[1], Go[0], Go[1]})
+        close(Fd);
 }
 
 // A child that opens Name and says so on the pipe, then runs Body.

@@ -19,13 +19,6 @@ namespace {
 constexpr MSG_Type kRequest = 0x120;
 constexpr MSG_Type kAnswer = 0x121;
 
-int64_t NowMs()
-{
-    struct timespec Now;
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return Now.tv_sec * 1000LL + Now.tv_nsec / 1000000;
-}
-
 class SendReceive : public testing::Test {
 protected:
     void SetUp() override

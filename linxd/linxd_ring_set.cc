@@ -1,0 +1,203 @@
+// The reader's side of a socket's rings: adopting, dropping and retiring
+// rings, taking the senders' marks, and serving the rings in turn.
+#include "linxd_ring_set.h"
+
+#include <algorithm>
+
+namespace {
+
+// Summary words that can hold indexes of the rings the set has room for.
+size_t jSummaryWordsInUse(const RingSet &Set)
+{
+    return std::min<size_t>((Set.Rings.size() + 4095) / 4096, LINXD_INDEX_SUMMARY_WORDS);
+}
+
+bool jIsLive(const RingSet &Set, uint32_t Index)
+{
+    return Index < Set.Rings.size() && Set.Rings[Index].State == RingState::Live;
+}
+
+void jPutInTurn(RingSet &Set, uint32_t Index)
+{
+    if (!jIsLive(Set, Index) || Set.Rings[Index].bInTurn)
+        return; // a mark for no ring, or for one already in turn: nothing to do
+    Set.Rings[Index].bInTurn = true;
+    Set.Turns.push_back(Index);
+}
+
+// Every ring marked in one word of the marks.
+void jCollectWord(RingSet &Set, uint32_t Word)
+{
+    for (uint64_t Bits = linxd_ready_take(&Set.pReady->marks.bits[Word]); Bits != 0; Bits &= Bits - 1)
+        jPutInTurn(Set, Word * 64 + (uint32_t)__builtin_ctzll(Bits));
+}
+
+template <typename Region> Region *jMapRegion(int Fd)
+{
+    struct stat Stat;
+    if (Fd < 0 || fstat(Fd, &Stat) != 0 || (uint64_t)Stat.st_size != sizeof(Region))
+        return nullptr;
+    void *p = mmap(nullptr, sizeof(Region), PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    return p == MAP_FAILED ? nullptr : (Region *)p;
+}
+
+void jUnmapRing(RingSetEntry &E)
+{
+    linxd_ring_unmap(&E.Reader);
+    E.State = RingState::Dropped;
+}
+
+// Forgets the entry at Index and gives the index back to linxd.
+void jRelease(RingSet &Set, uint32_t Index)
+{
+    Set.Rings[Index] = RingSetEntry();
+    __atomic_fetch_and(&Set.pRetired->bits[Index / 64], ~(1ull << (Index % 64)), __ATOMIC_SEQ_CST);
+    while (!Set.Rings.empty() && Set.Rings.back().State == RingState::Unused)
+        Set.Rings.pop_back();
+}
+
+// The retired indexes of one word: live rings are drained and unmapped,
+// dropped ones forgotten; an index whose ring has not arrived yet stays
+// (returns true then: the word must be looked at again).
+bool jRetireWord(RingSet &Set, uint32_t Word, void (*pDrain)(void *, uint32_t), void *pContext)
+{
+    bool bPending = false;
+    for (uint64_t Bits = __atomic_load_n(&Set.pRetired->bits[Word], __ATOMIC_ACQUIRE); Bits != 0; Bits &= Bits - 1) {
+        const uint32_t Index = Word * 64 + (uint32_t)__builtin_ctzll(Bits);
+        if (Index >= Set.Rings.size() || Set.Rings[Index].State == RingState::Unused) {
+            bPending = true;
+            continue;
+        }
+        if (Set.Rings[Index].State == RingState::Live) {
+            pDrain(pContext, Index);
+            RingSetDrop(&Set, Index);
+        }
+        if (Index < Set.Rings.size() && Set.Rings[Index].State == RingState::Dropped)
+            jRelease(Set, Index);
+    }
+    return bPending;
+}
+
+} // namespace
+
+bool RingSetMap(RingSet *pSet, int ReadyFd, int RetiredFd)
+{
+    pSet->pReady = jMapRegion<linxd_ready_set>(ReadyFd);
+    pSet->pRetired = RetiredFd < 0 ? nullptr : jMapRegion<linxd_index_set>(RetiredFd);
+    const bool bMapped = pSet->pReady != nullptr && (RetiredFd < 0 || pSet->pRetired != nullptr);
+    if (!bMapped)
+        RingSetFree(pSet);
+    return bMapped;
+}
+
+void RingSetFree(RingSet *pSet)
+{
+    for (const RingSetEntry &E : pSet->Rings)
+        if (E.State == RingState::Live)
+            linxd_ring_unmap(&E.Reader);
+    pSet->Rings.clear();
+    pSet->Turns.clear();
+    if (pSet->pReady != nullptr)
+        munmap(pSet->pReady, sizeof *pSet->pReady);
+    if (pSet->pRetired != nullptr)
+        munmap(pSet->pRetired, sizeof *pSet->pRetired);
+    pSet->pReady = nullptr;
+    pSet->pRetired = nullptr;
+}
+
+bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, pid_t Writer, uint32_t QueueBytes,
+                  const char **ppWhy)
+{
+    if (Index >= LINXD_MAX_RINGS_PER_SOCKET || (Index < pSet->Rings.size() && pSet->Rings[Index].State != RingState::Unused)) {
+        *ppWhy = "a ring index that is taken or cannot be";
+        return false;
+    }
+    RingSetEntry Entry;
+    if (linxd_ring_map(RingFd, QueueBytes, &Entry.Reader, ppWhy) != 0)
+        return false;
+    Entry.Writer = Writer;
+    Entry.State = RingState::Live;
+    if (Index >= pSet->Rings.size())
+        pSet->Rings.resize(Index + 1);
+    pSet->Rings[Index] = Entry;
+    // A sender may have written before the ring reached its reader.
+    jPutInTurn(*pSet, Index);
+    return true;
+}
+
+RingSetEntry *RingSetFind(RingSet *pSet, uint32_t Index)
+{
+    return jIsLive(*pSet, Index) ? &pSet->Rings[Index] : nullptr;
+}
+
+void RingSetDrop(RingSet *pSet, uint32_t Index)
+{
+    if (!jIsLive(*pSet, Index))
+        return;
+    RingSetEntry &E = pSet->Rings[Index];
+    if (E.bInTurn)
+        pSet->Turns.erase(std::find(pSet->Turns.begin(), pSet->Turns.end(), Index));
+    E.bInTurn = false;
+    jUnmapRing(E);
+    if (pSet->pRetired == nullptr) // linxd reads this set: nobody waits for word of the index
+        pSet->Rings[Index] = RingSetEntry();
+}
+
+void RingSetTakeRetired(RingSet *pSet, void (*pDrain)(void *pContext, uint32_t Index), void *pContext)
+{
+    if (pSet->pRetired == nullptr)
+        return;
+    for (size_t w = 0; w < jSummaryWordsInUse(*pSet); w++) {
+        const uint64_t Words = linxd_ready_take(&pSet->pRetired->summary[w]);
+        for (uint64_t Bits = Words; Bits != 0; Bits &= Bits - 1) {
+            const uint32_t Word = (uint32_t)(w * 64 + __builtin_ctzll(Bits));
+            if (jRetireWord(*pSet, Word, pDrain, pContext))
+                __atomic_fetch_or(&pSet->pRetired->summary[w], Bits & -Bits, __ATOMIC_SEQ_CST);
+        }
+    }
+}
+
+size_t RingSetCollect(RingSet *pSet)
+{
+    for (size_t w = 0; w < jSummaryWordsInUse(*pSet); w++)
+        for (uint64_t Bits = linxd_ready_take(&pSet->pReady->marks.summary[w]); Bits != 0; Bits &= Bits - 1)
+            jCollectWord(*pSet, (uint32_t)(w * 64 + __builtin_ctzll(Bits)));
+    return pSet->Turns.size();
+}
+
+uint32_t RingSetFront(const RingSet *pSet)
+{
+    return pSet->Turns.front();
+}
+
+void RingSetRotate(RingSet *pSet)
+{
+    const uint32_t Index = pSet->Turns.front();
+    pSet->Turns.pop_front();
+    RingSetEntry &E = pSet->Rings[Index];
+    E.bInTurn = false;
+    if (linxd_ring_waiting(&E.Reader) || linxd_ready_unmark(&E.Reader))
+        jPutInTurn(*pSet, Index);
+}
+
+bool RingSetWaiting(RingSet *pSet)
+{
+    RingSetCollect(pSet);
+    // Rings that were read empty since they were marked leave the turn
+    // list, so that the answer is exact: the bell depends on it.
+    while (!pSet->Turns.empty() && !linxd_ring_waiting(&pSet->Rings[pSet->Turns.front()].Reader))
+        RingSetRotate(pSet);
+    return !pSet->Turns.empty();
+}
+
+bool RingSetArm(RingSet *pSet)
+{
+    __atomic_store_n(&pSet->pReady->armed, 1u, __ATOMIC_SEQ_CST);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    return RingSetWaiting(pSet) && __atomic_exchange_n(&pSet->pReady->armed, 0u, __ATOMIC_SEQ_CST) != 0;
+}
+
+bool RingSetArmed(const RingSet *pSet)
+{
+    return __atomic_load_n(&pSet->pReady->armed, __ATOMIC_ACQUIRE) != 0;
+}

@@ -1,0 +1,89 @@
+/*
+ * linxd_ring_set.h - the rings one socket reads, as its reader sees them:
+ * a receiving process for its own sockets, linxd for its phantoms.
+ *
+ * Rings sit at the index linxd gave them among the socket's rings.  The
+ * reader never walks all of them: senders mark a ring in the socket's
+ * ready set when they publish into it (linxd_protocol.h), the reader takes
+ * the marks into its turn list, serves the ring at the front one signal at
+ * a time and puts it back behind the others while it holds more, so no
+ * sender is starved and the cost of looking does not grow with the number
+ * of idle senders.  A ring leaves the set when linxd retires it (its
+ * sending process is gone, or gave it up: the retired set says so) or
+ * when it breaks the rules; the reader moves what a retired ring still
+ * holds before it goes.
+ *
+ * A set belongs to one thread at a time (the socket's receiving thread, or
+ * linxd's loop); nothing in it is locked.  Everything read from the ready
+ * set or from a ring is checked before use: a sender can make the reader
+ * look in vain, never look out of bounds.
+ */
+#ifndef LINXD_RING_SET_H
+#define LINXD_RING_SET_H
+
+#include <sys/types.h>
+
+#include <deque>
+#include <vector>
+
+#include "linxd_protocol.h"
+
+// An index is unused, holds a live ring, or held one that was dropped as
+// broken and waits for linxd to retire it.
+enum class RingState : uint8_t { Unused, Live, Dropped };
+
+struct RingSetEntry {
+    linxd_ring_reader Reader;
+    pid_t Writer = 0;       // the sending process, for log lines
+    RingState State = RingState::Unused;
+    bool bInTurn = false;   // in Turns
+};
+
+struct RingSet {
+    linxd_ready_set *pReady = nullptr;
+    linxd_index_set *pRetired = nullptr; // a process's own sockets; null for linxd's phantoms
+    std::vector<RingSetEntry> Rings;     // by index
+    std::deque<uint32_t> Turns;          // indexes of rings to read, in turn
+};
+
+// Maps the socket's ready set and, for a receiving process, its retired set
+// (descriptors linxd made; RetiredFd -1 for none).  false when one is not
+// what it should be.
+bool RingSetMap(RingSet *pSet, int ReadyFd, int RetiredFd);
+// Unmaps every ring and the sets.
+void RingSetFree(RingSet *pSet);
+
+// Maps the ring announced at Index.  false with *ppWhy when it is refused
+// (nothing stays mapped then).
+bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, pid_t Writer, uint32_t QueueBytes,
+                  const char **ppWhy);
+// The live ring at Index, or null.
+RingSetEntry *RingSetFind(RingSet *pSet, uint32_t Index);
+// Unmaps the ring at Index; what it still holds is lost.
+void RingSetDrop(RingSet *pSet, uint32_t Index);
+
+// Lets every ring linxd retired go: Drain(pContext, Index) first moves
+// what a live one still holds elsewhere.  Costs a load per 4096 rings
+// when nothing was retired.
+void RingSetTakeRetired(RingSet *pSet, void (*pDrain)(void *pContext, uint32_t Index), void *pContext);
+
+// Takes the senders' marks into the turn list; returns how many rings are
+// in turn.
+size_t RingSetCollect(RingSet *pSet);
+// The index of the ring at the front of the turn list (the list is not
+// empty).
+uint32_t RingSetFront(const RingSet *pSet);
+// The reader is done with the front ring for now: it goes behind the
+// others while it holds more, else it is unmarked.
+void RingSetRotate(RingSet *pSet);
+// Whether a ring holds something (the marks taken first).
+bool RingSetWaiting(RingSet *pSet);
+
+// Arms the bell when nothing is waiting.  Returns true when something came
+// meanwhile and the reader disarmed the bell itself (no sender will ring
+// it: the reader looks again); false when it stays armed or a sender took
+// the arm (that sender rings).
+bool RingSetArm(RingSet *pSet);
+bool RingSetArmed(const RingSet *pSet);
+
+#endif /* LINXD_RING_SET_H */

@@ -1,0 +1,321 @@
+// Rings and routes: where each ring a process makes sits among its
+// receiver's rings, how long it lives, and how linxd reads the rings of its
+// phantoms and sends what they hold over their links.
+//
+// A process has at most one ring into each socket, and a socket reads at
+// most --rings-per-socket of them.  linxd keeps both sides of that books:
+// each socket's ring table (index -> writing process) and each process's
+// rings by receiver.  A ring is retired when its process closes its last
+// socket (or dies), gives it up, or opens another into the same socket: a
+// receiving process finds it in its retired set and unmaps the ring once
+// it has read it (only then is the index handed out again); a phantom's
+// is read to the end and unmapped here.
+#include <errno.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "linxd_service.h"
+
+namespace {
+
+// Why RingFd cannot serve as a ring of this instance, or null.  Only a
+// memory file sealed against resizing is taken: the receiver maps it, and
+// a file that could shrink under the mapping would crash the receiver.
+const char *jRingRefusal(int RingFd, uint32_t QueueBytes)
+{
+    if (RingFd < 0)
+        return "no ring came with the request";
+    const int Seals = fcntl(RingFd, F_GET_SEALS);
+    constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+    if (Seals < 0 || (Seals & kNeeded) != kNeeded)
+        return "the ring is not a memory file sealed against resizing";
+    struct stat Stat;
+    if (fstat(RingFd, &Stat) != 0 || (uint64_t)Stat.st_size != linxd_ring_bytes(QueueBytes))
+        return "the ring's size is not this instance's";
+    return nullptr;
+}
+
+// A memory file of Bytes, sealed so that nobody who gets it can shrink it
+// under another's mapping; -1 with errno.
+int jSealedRegion(const char *pName, size_t Bytes)
+{
+    const int Fd = memfd_create(pName, MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (Fd >= 0 && (ftruncate(Fd, (off_t)Bytes) != 0 ||
+                    fcntl(Fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)) {
+        const int Error = errno;
+        close(Fd);
+        errno = Error;
+        return -1;
+    }
+    return Fd;
+}
+
+} // namespace
+
+// A socket's ready set, armed: nothing has been sent yet, so the first
+// sender rings.
+bool Service::jMakeReadySet(Socket &S)
+{
+    const uint32_t Armed = 1;
+    S.ReadyFd = jSealedRegion("linx-ready", sizeof(linxd_ready_set));
+    if (S.ReadyFd >= 0 &&
+        pwrite(S.ReadyFd, &Armed, sizeof Armed, offsetof(linxd_ready_set, armed)) != (ssize_t)sizeof Armed) {
+        close(S.ReadyFd);
+        S.ReadyFd = -1;
+    }
+    return S.ReadyFd >= 0;
+}
+
+// The retired set of a socket of a process: linxd keeps it mapped, the
+// owner gets it with its registration.
+bool Service::jMakeRetiredSet(Socket &S)
+{
+    S.RetiredFd = jSealedRegion("linx-retired", sizeof(linxd_index_set));
+    void *p = S.RetiredFd < 0 ? MAP_FAILED
+                              : mmap(nullptr, sizeof(linxd_index_set), PROT_READ | PROT_WRITE, MAP_SHARED,
+                                     S.RetiredFd, 0);
+    S.pRetired = p == MAP_FAILED ? nullptr : (linxd_index_set *)p;
+    return S.pRetired != nullptr;
+}
+
+void Service::jFreeRingSets(Socket &S)
+{
+    for (const int Fd : {S.ReadyFd, S.RetiredFd})
+        if (Fd >= 0)
+            close(Fd);
+    if (S.pRetired != nullptr)
+        munmap(S.pRetired, sizeof *S.pRetired);
+    S.ReadyFd = S.RetiredFd = -1;
+    S.pRetired = nullptr;
+    RingSetFree(&S.Reading);
+}
+
+// Takes a sender's ring for socket Target, in place of any ring the
+// sender's process had into it, and gives the sender the receiver's slot,
+// the ring's index, bell and ready set.
+Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
+{
+    Socket *pS = jFindSocket(Target);
+    if (pS == nullptr)
+        return jError(ECONNRESET);
+    if (const char *pRefusal = jRingRefusal(RingFd, mOptions.QueueBytes)) {
+        jRefuse(C.Pid, "a request", pRefusal);
+        return jError(EINVAL);
+    }
+    SenderProcess &P = mProcesses[C.Pid];
+    auto Old = P.RingInto.find(Target);
+    if (Old != P.RingInto.end())
+        jRetireRing(*pS, Old->second);
+    if (pS->Rings.Writers.size() >= mOptions.RingsPerSocket) {
+        char Why[160];
+        snprintf(Why, sizeof Why, "socket 0x%x reads %u rings already (--rings-per-socket)", Target,
+                 mOptions.RingsPerSocket);
+        jRefuse(C.Pid, "a ring", Why);
+        return jError(ENOBUFS);
+    }
+    const uint32_t Index = jTakeRingIndex(*pS);
+    const int Error = Index < LINXD_MAX_RINGS_PER_SOCKET ? jPlaceRing(*pS, C.Pid, Index, RingFd) : ENOBUFS;
+    if (Error != 0) {
+        pS->Rings.Free.insert(Index);
+        return jError(Error);
+    }
+    pS->Rings.Writers[Index] = C.Pid;
+    P.RingInto[Target] = Index;
+    Reply R;
+    R.Header.value[0] = pS->Slot;
+    R.Header.value[1] = Index;
+    R.Fds[0] = pS->BellFd;
+    R.Fds[1] = pS->ReadyFd;
+    return R;
+}
+
+Reply Service::jCloseRoute(Client &C, uint32_t Target, uint32_t Index)
+{
+    Socket *pS = jFindSocket(Target);
+    if (pS == nullptr)
+        return jValue(0); // the receiver closed: its rings went with it
+    auto P = mProcesses.find(C.Pid);
+    if (P == mProcesses.end() || P->second.RingInto.count(Target) == 0 || P->second.RingInto[Target] != Index)
+        return jError(EINVAL);
+    jRetireRing(*pS, Index);
+    return jValue(0);
+}
+
+// The lowest index that is free: never handed out, or retired and let go
+// by the receiving process.
+uint32_t Service::jTakeRingIndex(Socket &Receiver)
+{
+    RingTable &Table = Receiver.Rings;
+    for (auto It = Table.Retiring.begin(); It != Table.Retiring.end();) {
+        const bool bLetGo = !linxd_index_set_has(Receiver.pRetired, *It);
+        if (bLetGo)
+            Table.Free.insert(*It);
+        It = bLetGo ? Table.Retiring.erase(It) : std::next(It);
+    }
+    if (Table.Free.empty())
+        return Table.Next++;
+    const uint32_t Index = *Table.Free.begin();
+    Table.Free.erase(Table.Free.begin());
+    return Index;
+}
+
+// Puts the ring at Index among the receiver's rings: a phantom's is mapped
+// here, another socket's goes to its owner in the outlet, never ahead of
+// what waits for it there.  0, or the errno that refuses the route.
+int Service::jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd)
+{
+    if (Receiver.Link != 0) {
+        const char *pWhy = nullptr;
+        if (RingSetAdopt(&Receiver.Reading, Index, RingFd, Writer, mOptions.QueueBytes, &pWhy))
+            return 0;
+        jRefuse(Writer, "a request", pWhy);
+        return EINVAL;
+    }
+    jFlushBacklog(Receiver);
+    if (!Receiver.Backlog.empty())
+        return ENOBUFS; // its outlet is full of linxd's signals
+    const uint32_t Words[2] = {(uint32_t)Writer, Index};
+    const linxd_signal_header Header = {0, Receiver.Spid, sizeof Words, LINXD_ANNOUNCE_RING};
+    struct iovec Iov[2] = {{(void *)&Header, sizeof Header}, {(void *)Words, sizeof Words}};
+    char Control[CMSG_SPACE(sizeof(int))] = {};
+    struct msghdr Msg = {};
+    Msg.msg_iov = Iov;
+    Msg.msg_iovlen = 2;
+    linxd_pass_fds(&Msg, Control, &RingFd, 1);
+    if (sendmsg(Receiver.InletFd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+        return errno == EAGAIN ? ENOBUFS : ECONNRESET;
+    __atomic_add_fetch(&mpSlots[Receiver.Slot].outlet_signals, 1, __ATOMIC_RELEASE);
+    return 0;
+}
+
+void Service::jRetireRing(Socket &Receiver, uint32_t Index)
+{
+    auto It = Receiver.Rings.Writers.find(Index);
+    if (It == Receiver.Rings.Writers.end())
+        return;
+    auto P = mProcesses.find(It->second);
+    if (P != mProcesses.end())
+        P->second.RingInto.erase(Receiver.Spid);
+    Receiver.Rings.Writers.erase(It);
+    if (Receiver.Link != 0) {
+        jForwardRing(Receiver, Index, nullptr);
+        RingSetDrop(&Receiver.Reading, Index);
+        Receiver.Rings.Free.insert(Index);
+        return;
+    }
+    linxd_index_set_add(Receiver.pRetired, Index);
+    Receiver.Rings.Retiring.insert(Index);
+}
+
+void Service::jSocketOpened(const Socket &S)
+{
+    mProcesses[S.Pid].Sockets++;
+}
+
+// A socket closes.  What its process wrote to phantoms goes on first (a
+// process that sends and exits loses nothing), the rings that reached the
+// socket go with it, and when it was its process's last socket every ring
+// the process made is retired: its receivers learn of it before any
+// attach signal about the socket.
+void Service::jSocketClosing(Socket &S)
+{
+    for (const auto &Writer : S.Rings.Writers) {
+        auto P = mProcesses.find(Writer.second);
+        if (P != mProcesses.end())
+            P->second.RingInto.erase(S.Spid);
+    }
+    if (S.Link != 0) {
+        RingSetFree(&S.Reading);
+        return;
+    }
+    auto P = mProcesses.find(S.Pid);
+    if (P == mProcesses.end())
+        return;
+    for (const auto &Ring : P->second.RingInto) {
+        Socket *pReceiver = jFindSocket(Ring.first);
+        if (pReceiver != nullptr && pReceiver->Link != 0)
+            jForwardRing(*pReceiver, Ring.second, nullptr);
+    }
+    if (--P->second.Sockets != 0)
+        return;
+    const std::map<uint32_t, uint32_t> Rings = std::move(P->second.RingInto);
+    mProcesses.erase(P);
+    for (const auto &Ring : Rings)
+        if (Socket *pReceiver = jFindSocket(Ring.first))
+            jRetireRing(*pReceiver, Ring.second);
+}
+
+// Forwards what one of the phantom's rings holds: as far as the link takes
+// it when pThrottle is given, and at most a ring's worth.  false when the
+// link is full (the rest waits).  A ring that breaks the rules is refused.
+bool Service::jForwardRing(Socket &Phantom, uint32_t Index, const Link *pThrottle)
+{
+    RingSetEntry *pE = RingSetFind(&Phantom.Reading, Index);
+    if (pE == nullptr)
+        return true;
+    linxd_slot &Slot = mpSlots[Phantom.Slot];
+    const uint64_t Start = pE->Reader.head;
+    linxd_signal_header Header;
+    const char *pWhy = nullptr;
+    linxd_peeked State;
+    while ((State = linxd_ring_peek(&pE->Reader, Phantom.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL &&
+           pE->Reader.head - Start < pE->Reader.capacity) {
+        if (pThrottle != nullptr && LinkOutBytes(pThrottle->Conn) > kLinkOutHighBytes)
+            return false;
+        jForward(Phantom, Header.from, linxd_ring_payload(&pE->Reader), Header.size, Header.attributes);
+        linxd_ring_advance(&pE->Reader, Header.size);
+        __atomic_sub_fetch(&Slot.queued, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&Slot.received_signals, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&Slot.received_bytes, Header.size, __ATOMIC_RELAXED);
+    }
+    if (State == LINXD_PEEK_BROKEN) {
+        RefusalSay(&mRefusals, "process " + std::to_string(pE->Writer), pWhy,
+                   "linxd: refused the signal ring of process " + std::to_string(pE->Writer) + ": " + pWhy);
+        RingSetDrop(&Phantom.Reading, Index);
+    }
+    return true;
+}
+
+// Forwards what the phantom's rings in turn hold, one ring after the
+// other.  Returns whether everything was read (false: the link is full).
+bool Service::jDrainRings(Socket &Phantom, const Link *pLink)
+{
+    for (size_t Turns = RingSetCollect(&Phantom.Reading); Turns > 0 && !Phantom.Reading.Turns.empty(); Turns--) {
+        const uint32_t Index = RingSetFront(&Phantom.Reading);
+        if (!jForwardRing(Phantom, Index, pLink))
+            return false;
+        if (RingSetFind(&Phantom.Reading, Index) != nullptr) // not refused
+            RingSetRotate(&Phantom.Reading);
+    }
+    return true;
+}
+
+// Reads the phantom's rings until nothing is marked and its bell is
+// armed, as a receiving process does; a link that has too much to send
+// leaves them for later (its senders' rings fill up and refuse them).
+void Service::jDrainPhantom(Socket &Phantom)
+{
+    Link *pLink = jLinkOf(Phantom);
+    do {
+        if (!jDrainRings(Phantom, pLink)) {
+            pLink->bThrottled = true;
+            return;
+        }
+    } while (RingSetArm(&Phantom.Reading));
+}
+
+void Service::jRingBell(uint32_t Spid)
+{
+    Socket *pS = jFindSocket(Spid);
+    if (pS == nullptr)
+        return;
+    uint64_t Count;
+    (void)!read(pS->BellFd, &Count, sizeof Count);
+    jDrainPhantom(*pS);
+}

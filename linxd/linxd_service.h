@@ -1,0 +1,321 @@
+/*
+ * linxd_service.h - the state of the linxd service, shared by the files
+ * that implement it: the loop, clients and requests (linxd.cc), the rings
+ * and routes between processes with the phantoms' rings (linxd_routes.cc),
+ * and the links to other nodes.
+ *
+ * Everything here belongs to the service's one thread: nothing is locked.
+ * The counter region and the ready sets are shared with the clients, and
+ * every value read back from them is checked before use.
+ */
+#ifndef LINXD_SERVICE_H
+#define LINXD_SERVICE_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "linx.h"
+#include "linxd.h"
+#include "linxd_link.h"
+#include "linxd_protocol.h"
+#include "linxd_refusals.h"
+#include "linxd_ring_set.h"
+
+
+constexpr uint32_t kDefaultHuntSigNo = LINX_OS_HUNT_SIG;
+constexpr uint32_t kDefaultAttachSigNo = LINX_OS_ATTACH_SIG;
+constexpr uint32_t kDefaultTmoSigNo = LINX_OS_TMO_SIG;
+// Pending hunts, attaches, timeouts and new-link tokens one socket may
+// hold at a time: a runaway client cannot exhaust the service.
+constexpr uint32_t kMaxHeldPerSocket = 4096;
+// linxd's own signals (hunt answers, attach and timeout signals) wait in a
+// socket's backlog while its queue is full.  A request whose signal would
+// land on a backlog of 4096 signals or 4 MiB, or while all backlogs hold
+// 64 MiB, is refused: a client that never reads cannot grow the service.
+constexpr size_t kMaxBacklogBytesPerSocket = 4u << 20;
+constexpr size_t kMaxBacklogBytesTotal = 64u << 20;
+// Signals from links wait in those backlogs too; above this much in all,
+// linxd stops reading its links (the peers' senders then fill their rings
+// and are refused) until the receivers have caught up to half of it.
+constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
+// Frames waiting to go out on one link: above this, linxd stops reading
+// the rings of the link's phantoms, and their senders are refused when
+// their rings fill.
+constexpr size_t kLinkOutHighBytes = 4u << 20;
+// Frames a peer leaves unread beyond this (its node's own senders stop at
+// the high-water mark, but what other links bring for it does not): the
+// link is dropped as one whose peer is stuck, and its attaches fire.
+constexpr size_t kMaxLinkOutBytes = 64u << 20;
+// Names one peer may wait for here at a time, and endpoints of its node
+// that may stand here at a time: a broken peer cannot take every slot.
+constexpr size_t kMaxWantedPerLink = 65536;
+constexpr size_t kMaxPhantomsPerLink = 4096;
+// A declared link that failed is dialled again after 100 ms, doubling up
+// to 2 s.
+constexpr int64_t kFirstRedialMs = 100;
+constexpr int64_t kLastRedialMs = 2000;
+
+int64_t jNowMs();
+
+// What epoll reports: a client connection, an inlet waiting to drain, a
+// link listener, a link's connection, or the bell of a phantom's rings.
+enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6 };
+
+// The key epoll hands back: the kind, and the descriptor (listeners,
+// client), the link's id (link) or the socket's SPID (inlet, bell).
+inline uint64_t jWatchKey(Watch Kind, uint32_t Id)
+{
+    return ((uint64_t)Kind << 32) | Id;
+}
+
+// The rings processes write into one socket, as linxd hands them out: the
+// writer of each index, the indexes retired that the receiving process
+// has not let go yet, and those free again.  Indexes are reused lowest
+// first, so the reader's table stays as small as its senders.
+struct RingTable {
+    std::map<uint32_t, pid_t> Writers;
+    std::set<uint32_t> Retiring;
+    std::set<uint32_t> Free;           // below Next
+    uint32_t Next = 0;                 // never handed out from here on
+};
+
+// A process that has sockets here, and the ring it writes into each
+// receiving socket (by the receiver's SPID): every one of them is retired
+// when its last socket closes.
+struct SenderProcess {
+    uint32_t Sockets = 0;
+    std::map<uint32_t, uint32_t> RingInto;
+};
+
+struct Socket {
+    uint32_t Spid = 0;
+    std::string Name;
+    int ClientFd = -1;
+    pid_t Pid = 0;
+    int InletFd = -1;                // linxd's end of the outlet
+    int BellFd = -1;                 // eventfd senders ring when the owner armed it
+    int ReadyFd = -1;                // its ready set, for the owner and its senders
+    int RetiredFd = -1;              // its retired set, for the owner until it has it
+    linxd_index_set *pRetired = nullptr;
+    uint32_t Slot = 0;
+    RingTable Rings;                 // the rings that reach it
+    std::deque<std::string> Backlog; // linxd's signals waiting for queue room
+    size_t BacklogBytes = 0;
+    bool bWatchingInlet = false;     // epoll waits for room in the inlet
+    uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
+    // A phantom: an endpoint behind a link.  It has no client and no
+    // outlet; linxd reads the rings of its senders.
+    uint32_t Link = 0;               // the link's id; 0: a socket of this node
+    uint32_t RemoteSpid = 0;         // the endpoint's SPID on the node behind the link
+    RingSet Reading;                 // its rings, mapped here
+};
+
+// A link to another node.  Declared links are dialled (again and again
+// while they are down); links a peer dialled live as long as their
+// connection.
+struct Link {
+    uint32_t Id = 0;
+    std::string Name;                // empty until an accepted peer said hello
+    bool bDeclared = false;
+    LinkAddress Address;             // where a declared link is dialled
+    LinkConn Conn;                   // Fd -1: no connection
+    bool bUp = false;                // both hellos exchanged
+    bool bPaused = false;            // not read while the backlogs are full
+    bool bDialed = false;            // this node dialled the connection
+    bool bHelloSent = false;
+    bool bThrottled = false;         // its phantoms' rings wait for Out to drain
+    uint32_t Watched = 0;            // epoll events asked for
+    std::string Broken;              // why it failed while others were served
+    int64_t SinceMs = 0;             // when the connection started
+    int64_t LastHeardMs = 0;
+    int64_t LastSentMs = 0;
+    int64_t NextDialMs = 0;
+    int64_t RedialMs = kFirstRedialMs;
+    std::map<uint32_t, uint32_t> Phantoms; // the peer's SPID -> phantom here
+    std::set<uint32_t> Told;         // sockets of ours the peer knows
+    std::set<std::string> Asked;     // names asked of the peer, not yet answered
+    std::set<std::string> Wanted;    // names the peer waits for here
+};
+
+struct Client {
+    int Fd = -1;
+    pid_t Pid = 0;
+    uint32_t Spid = 0; // 0 until the name is registered
+};
+
+struct Hunt {
+    uint32_t Requester;
+    uint32_t OnBehalf;
+    std::string Signal;
+};
+
+struct Attach {
+    uint32_t Attacher;
+    uint32_t Target;
+    std::string Signal;
+};
+
+struct Timer {
+    uint32_t Owner;
+    int64_t DeadlineMs;
+    std::string Signal;
+};
+
+struct Reply {
+    linxd_reply Header = {};
+    std::string Data;
+    int Fds[5] = {-1, -1, -1, -1, -1};
+};
+
+inline Reply jError(int Error)
+{
+    Reply R;
+    R.Header.result = -1;
+    R.Header.error = Error;
+    return R;
+}
+
+inline Reply jValue(uint32_t Value)
+{
+    Reply R;
+    R.Header.value[0] = Value;
+    return R;
+}
+
+class Service {
+public:
+    explicit Service(const LinxdOptions &Options) : mOptions(Options) {}
+    ~Service();
+    int Run();
+    bool Start();
+    void Admit(int Fd);
+    void AdmitLink(LinkConn &&Conn);
+    int Step(int TimeoutMs);
+    bool HoldsNothing() const;
+
+private:
+    bool jListen();
+    bool jMapRegion();
+    void jAccept();
+    void jTurnAway();
+    void jServeClient(int Fd);
+    void jDropClient(int Fd);
+    void jCloseSocket(uint32_t Spid);
+    Reply jHandle(Client &C, const linxd_request &Req, const std::string &Name,
+                  const std::string &Signal, int PassedFd);
+    Reply jRegister(Client &C, const std::string &Name);
+    Reply jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std::string Signal);
+    Reply jAttach(Client &C, uint32_t Target, std::string Signal);
+    Reply jRequestTmo(Client &C, int32_t Ms, std::string Signal);
+    Reply jInfo(uint32_t Op, uint32_t Spid);
+    Reply jSummary() const;
+    Reply jSpidsAbove(uint32_t After, uint32_t Room) const;
+    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes = 0);
+    void jFlushBacklog(Socket &S);
+    void jDropBacklog(Socket &S);
+    bool jRoomFor(uint32_t Spid, const std::string &Signal) const;
+    void jFireTimers();
+    bool jIdle() const;
+    int jNextTimeoutMs();
+    uint32_t jNewSpid();
+    uint32_t jNewRef();
+    Socket *jFindSocket(uint32_t Spid);
+    bool jHold(uint32_t Spid);
+    void jUnhold(uint32_t Spid);
+    bool jSendReply(int Fd, const Reply &R);
+    void jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op);
+    Socket *jNewSocket(const std::string &Name, pid_t Pid, int *pError);
+    void jNameAppeared(const std::string &Name, uint32_t Spid, bool bAfterReply);
+    void jNewLinkSignal(uint32_t Owner, uint32_t Token, const std::string &LinkName, bool bAfterReply);
+    void jRefuse(pid_t Pid, const std::string &What, const std::string &Why, const std::string &Note = "");
+
+    // Links and phantoms
+    bool jStartLinks();
+    void jListenForLinks(const LinkAddress &Address);
+    void jAcceptLink(int ListenFd);
+    void jRefuseLink(const std::string &Peer, const std::string &Why);
+    void jDial(Link &L);
+    void jServeLink(uint32_t Id);
+    void jTakeFrames(Link &L);
+    bool jLinkFrame(Link &L, uint32_t Type, const std::string &Body, std::string *pWhy);
+    bool jHello(Link &L, const std::string &Body, std::string *pWhy);
+    void jSendHello(Link &L);
+    void jLinkUp(Link &L);
+    void jLinkDown(Link &L, const std::string &Why);
+    void jSendFrame(Link &L, LinkFrame Type, const std::string &Head, const void *pTail = nullptr,
+                    size_t TailBytes = 0);
+    void jAnnounce(Link &L, uint32_t Spid);
+    bool jTell(Link &L, uint32_t Spid);
+    void jSeekRemote(const std::string &Name, const Link *pOnly);
+    bool jPeerHunt(Link &L, const std::string &Name, std::string *pWhy);
+    bool jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy);
+    void jForward(const Socket &Phantom, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes);
+
+    // Rings and routes between processes, and the phantoms' rings
+    // (linxd_routes.cc)
+    bool jMakeReadySet(Socket &S);
+    bool jMakeRetiredSet(Socket &S);
+    void jFreeRingSets(Socket &S);
+    Reply jOpenRoute(Client &C, uint32_t Target, int RingFd);
+    Reply jCloseRoute(Client &C, uint32_t Target, uint32_t Index);
+    int jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd);
+    uint32_t jTakeRingIndex(Socket &Receiver);
+    void jRetireRing(Socket &Receiver, uint32_t Index);
+    void jSocketOpened(const Socket &S);
+    void jSocketClosing(Socket &S);
+    bool jForwardRing(Socket &Phantom, uint32_t Index, const Link *pThrottle);
+    bool jDrainRings(Socket &Phantom, const Link *pLink);
+    void jDrainPhantom(Socket &Phantom);
+    void jRingBell(uint32_t Spid);
+    void jTickLinks();
+    void jFlushLinks();
+    void jResumeLinks();
+    void jWatchLink(Link &L);
+    Link *jFindLink(const std::string &Name, const Link *pExcept = nullptr);
+    Link *jLinkOf(const Socket &S);
+    int64_t jHeartbeatMs() const;
+
+    LinxdOptions mOptions;
+    int mEpollFd = -1;
+    int mListenFd = -1;
+    int mRegionFd = -1;
+    int mReserveFd = -1; // given up to turn a client away when out of descriptors
+    linxd_slot *mpSlots = nullptr;
+    std::vector<uint32_t> mFreeSlots;  // slots given back, reused first
+    uint32_t mUnusedSlots = 0;         // slots from here on were never handed out
+    std::map<int, Client> mClients;
+    std::map<uint32_t, Socket> mSockets;
+    std::map<pid_t, SenderProcess> mProcesses; // processes with sockets here
+    std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
+    std::multimap<std::string, Hunt> mHunts;              // pending, by name
+    std::map<uint32_t, Attach> mAttaches;
+    std::map<uint32_t, Timer> mTimers;
+    std::set<std::pair<int64_t, uint32_t>> mTimerOrder;   // (deadline, reference)
+    std::map<uint32_t, uint32_t> mNewLinks;               // token -> owner
+    struct Delivery {
+        uint32_t To;
+        uint32_t From;
+        std::string Signal;
+    };
+    std::vector<Delivery> mAfterReply;                    // signals due once a reply is sent
+    uint32_t mNextSpid = 0x10000;
+    uint64_t mGeneration = 0; // tells this instance's SPIDs from those of earlier ones
+    size_t mBacklogBytes = 0; // of every socket
+    uint32_t mNextRef = 0;
+    int64_t mIdleSinceMs = 0; // when it last became idle
+    bool mWasIdle = true;
+    std::map<uint32_t, Link> mLinks;  // by id
+    uint32_t mNextLinkId = 0;
+    std::map<int, bool> mLinkListeners; // descriptor -> takes TCP (else Unix)
+    LinkSecret mSecret = {};
+    SSL_CTX *mpTls = nullptr;           // for TCP links
+    RefusalLog mRefusals;               // what clients and peers sent that was refused
+};
+
+#endif /* LINXD_SERVICE_H */
