@@ -69,8 +69,8 @@ bool Service::jListen()
 
 bool Service::jMapRegion()
 {
-    mRegionFd = memfd_create("linxd-counters", MFD_CLOEXEC);
-    if (mRegionFd < 0 || ftruncate(mRegionFd, (off_t)LINXD_REGION_BYTES) != 0)
+    mRegionFd = jSealedRegion("linxd-counters", LINXD_REGION_BYTES);
+    if (mRegionFd < 0)
         return false;
     void *p = mmap(nullptr, LINXD_REGION_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, mRegionFd, 0);
     if (p == MAP_FAILED)

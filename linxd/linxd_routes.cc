@@ -41,8 +41,8 @@ const char *jRingRefusal(int RingFd, uint32_t QueueBytes)
     return nullptr;
 }
 
-// A memory file of Bytes, sealed so that nobody who gets it can shrink it
-// under another's mapping; -1 with errno.
+} // namespace
+
 int jSealedRegion(const char *pName, size_t Bytes)
 {
     const int Fd = memfd_create(pName, MFD_CLOEXEC | MFD_ALLOW_SEALING);
@@ -55,8 +55,6 @@ int jSealedRegion(const char *pName, size_t Bytes)
     }
     return Fd;
 }
-
-} // namespace
 
 // A socket's ready set, armed: nothing has been sent yet, so the first
 // sender rings.

@@ -62,6 +62,9 @@ constexpr int64_t kFirstRedialMs = 100;
 constexpr int64_t kLastRedialMs = 2000;
 
 int64_t jNowMs();
+// A memory file of Bytes for clients to map, sealed so that none of them
+// can shrink it under another's mapping; -1 with errno.
+int jSealedRegion(const char *pName, size_t Bytes);
 
 // What epoll reports: a client connection, an inlet waiting to drain, a
 // link listener, a link's connection, or the bell of a phantom's rings.
