@@ -70,20 +70,6 @@ void Stop(pid_t Child)
     waitpid(Child, nullptr, 0);
 }
 
-double RoundTripMedianUs(LINX *pLinx, LINX_SPID Echo)
-{
-    std::vector<double> Samples;
-    for (int i = 0; i < 2000; i++) {
-        const double Start = NowUs();
-        SendWaiting(pLinx, Echo, 64, kPing);
-        union LINX_SIGNAL *pSig = nullptr;
-        if (linx_receive_w_tmo(pLinx, &pSig, 5000, nullptr) <= 0)
-            Fail("echo");
-        linx_free_buf(pLinx, &pSig);
-        Samples.push_back(NowUs() - Start);
-    }
-    return Median(Samples);
-}
 
 void SelectiveReceiverFlood(LINX *pLinx)
 {
@@ -97,7 +83,7 @@ void SelectiveReceiverFlood(LINX *pLinx)
             linx_send(p, &pSig, linx_sender(p, &pSig));
     });
     const LINX_SPID EchoSpid = Hunt(pLinx, "echo");
-    const double Quiet = RoundTripMedianUs(pLinx, EchoSpid);
+    const double Quiet = RoundTripMedianUs(pLinx, EchoSpid, 2000, 64, kPing);
     const long Before = RssKiB(Picky);
     int Pipe[2];
     if (pipe(Pipe) != 0)
@@ -112,7 +98,7 @@ void SelectiveReceiverFlood(LINX *pLinx)
         }
         (void)!write(Pipe[1], Counts, sizeof Counts);
     });
-    const double Flooded = RoundTripMedianUs(pLinx, EchoSpid);
+    const double Flooded = RoundTripMedianUs(pLinx, EchoSpid, 2000, 64, kPing);
     long Counts[2];
     (void)!read(Pipe[0], Counts, sizeof Counts);
     printf("Receiver waiting for one number, flooded %d s with 64 KiB signals of another:\n", kFloodSeconds);

@@ -1,5 +1,6 @@
 // Helpers the benchmark programs share: a clock, percentiles, giving up,
-// and the raw linx_ steps every comparison needs.
+// comparisons in alternating blocks, and the raw linx_ steps every
+// comparison needs.
 #pragma once
 
 #include <errno.h>
@@ -10,6 +11,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <functional>
 #include <vector>
 
 #include "linx.h"
@@ -38,6 +40,38 @@ inline double Median(const std::vector<double> &Samples)
     exit(1);
 }
 
+// Compares mechanisms by measuring them in turn, block after block (after
+// a warm-up round that is thrown away), so that a drift of the machine's
+// speed reaches all of them alike: Blocks[k][r] is what Measure(k) gave in
+// round r.
+inline std::vector<std::vector<double>> AlternatingBlocks(size_t Mechanisms, int Rounds,
+                                                          const std::function<double(size_t)> &Measure)
+{
+    std::vector<std::vector<double>> Blocks(Mechanisms);
+    for (int Round = -1; Round < Rounds; Round++)
+        for (size_t k = 0; k < Mechanisms; k++) {
+            const double Value = Measure(k);
+            if (Round >= 0)
+                Blocks[k].push_back(Value);
+        }
+    return Blocks;
+}
+
+// The ratio of B to A over rounds measured side by side: the median of
+// the per-round ratios, and the lowest and highest of them.
+struct PairRatio {
+    double Median, Min, Max;
+};
+
+inline PairRatio PairRatios(const std::vector<double> &A, const std::vector<double> &B)
+{
+    std::vector<double> Ratios;
+    for (size_t r = 0; r < A.size() && r < B.size(); r++)
+        Ratios.push_back(B[r] / A[r]);
+    return {Median(Ratios), *std::min_element(Ratios.begin(), Ratios.end()),
+            *std::max_element(Ratios.begin(), Ratios.end())};
+}
+
 // The SPID of the socket of that name, found by a raw hunt.
 inline LINX_SPID Hunt(LINX *pLinx, const char *pName)
 {
@@ -61,6 +95,22 @@ inline void SendWaiting(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t Sig
         sched_yield(); // let the receiver catch up
         pSig = linx_alloc(pLinx, Size, SigNo);
     }
+}
+
+// The median of Rounds round trips of a Size-byte signal to an echo.
+inline double RoundTripMedianUs(LINX *pLinx, LINX_SPID Echo, int Rounds, uint32_t Size, uint32_t SigNo)
+{
+    std::vector<double> Samples;
+    for (int i = 0; i < Rounds; i++) {
+        const double Start = NowUs();
+        SendWaiting(pLinx, Echo, Size, SigNo);
+        union LINX_SIGNAL *pSig = nullptr;
+        if (linx_receive_w_tmo(pLinx, &pSig, 5000, nullptr) <= 0)
+            Fail("echo");
+        linx_free_buf(pLinx, &pSig);
+        Samples.push_back(NowUs() - Start);
+    }
+    return Median(Samples);
 }
 
 // Echoes every signal back to its sender (bEcho) or just takes it until a

@@ -75,6 +75,7 @@ struct StandinSocket {
     // Owned by the handle's thread alone:
     RingSet Rings;                // the rings senders of other processes write
     uint32_t OutletHint = 0;      // linxd's count of outlet datagrams when last read
+    uint32_t RoutesGoneHint = 0;  // linxd's count of closed receivers when last looked
 
     std::mutex Mutex;             // guards everything below
     std::deque<Pending> Queue;     // in Seq order
@@ -738,11 +739,31 @@ RouteRef jFindRoute(InstanceSpid Key)
     return It == gRoutes.end() ? nullptr : It->second;
 }
 
-RouteRef jRouteTo(const StandinSocket &S, uint32_t To)
+// Lets the routes to sockets that closed go, once linxd says that one of
+// them did: a server that answered many clients that left keeps no ring
+// for any of them.
+void jForgetClosedRoutes(StandinSocket &S)
+{
+    const uint32_t Gone = __atomic_load_n(&S.pSlots[S.Slot].routes_gone, __ATOMIC_ACQUIRE);
+    if (Gone == S.RoutesGoneHint)
+        return;
+    S.RoutesGoneHint = Gone;
+    std::lock_guard<std::mutex> Lock(gRouteMutex);
+    for (auto It = gRoutes.begin(); It != gRoutes.end();) {
+        const bool bClosed = It->first.Generation == S.Generation &&
+                             __atomic_load_n(&S.pSlots[It->second->Slot].spid, __ATOMIC_ACQUIRE) != It->first.Spid;
+        if (bClosed)
+            It->second->bGone = true;
+        It = bClosed ? gRoutes.erase(It) : std::next(It);
+    }
+}
+
+RouteRef jRouteTo(StandinSocket &S, uint32_t To)
 {
     const InstanceSpid Key = {S.Generation, To};
     if (RouteRef pRoute = jFindRoute(Key))
         return pRoute;
+    jForgetClosedRoutes(S);
     std::lock_guard<std::mutex> Opening(gOpenRouteMutex);
     if (RouteRef pRoute = jFindRoute(Key)) // another thread opened it meanwhile
         return pRoute;
@@ -1243,6 +1264,7 @@ int jReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
         return -1;
     }
     RefusalFlush(&gRefusals);
+    jForgetClosedRoutes(S);
     const Selection Sel = {pSigselect, pRec->from};
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);

@@ -153,7 +153,10 @@ struct linxd_slot {
                                  they count against queue_limit */
     uint32_t outlet_signals;  /* datagrams linxd put in the outlet (a hint
                                  that saves the owner a system call) */
-    uint32_t reserved[15];
+    uint32_t routes_gone;     /* sockets closed that the owner's process had
+                                 rings into (linxd): a hint that its cached
+                                 routes to them can go */
+    uint32_t reserved[14];
 };
 
 /* Makes Count descriptors (none when Count is 0) travel with pMsg as one
@@ -264,12 +267,16 @@ static inline uint64_t linxd_entry_bytes(uint64_t Size)
 
 /* The receiving side of one ring.  Only the reader's own copies of the
  * capacity and the head are trusted: the header is the sender's to
- * scribble on, and every entry is checked against them before use. */
+ * scribble on, and every entry is checked against them before use.
+ * tail_seen is the tail as the reader last read it: while the head is
+ * behind it, the reader knows there is more without touching the line
+ * the sender keeps writing. */
 struct linxd_ring_reader {
     struct linxd_ring_header *header;
     char *data;
     uint64_t capacity;
     uint64_t head;
+    uint64_t tail_seen;
 };
 
 /* Maps a ring of an instance whose queues hold QueueBytes.  0, or -1 with
@@ -298,6 +305,7 @@ static inline int linxd_ring_map(int Fd, uint32_t QueueBytes, struct linxd_ring_
     pReader->data = (char *)(pHeader + 1);
     pReader->capacity = Capacity;
     pReader->head = 0;
+    pReader->tail_seen = 0;
     return 0;
 }
 
@@ -307,9 +315,12 @@ static inline void linxd_ring_unmap(const struct linxd_ring_reader *pReader)
 }
 
 /* Whether the sender published something the reader has not taken. */
-static inline int linxd_ring_waiting(const struct linxd_ring_reader *pReader)
+static inline int linxd_ring_waiting(struct linxd_ring_reader *pReader)
 {
-    return __atomic_load_n(&pReader->header->tail, __ATOMIC_ACQUIRE) != pReader->head;
+    if (pReader->tail_seen != pReader->head)
+        return 1;
+    pReader->tail_seen = __atomic_load_n(&pReader->header->tail, __ATOMIC_ACQUIRE);
+    return pReader->tail_seen != pReader->head;
 }
 
 enum linxd_peeked { LINXD_PEEK_EMPTY, LINXD_PEEK_SIGNAL, LINXD_PEEK_BROKEN };
@@ -321,9 +332,9 @@ static inline enum linxd_peeked linxd_ring_peek(struct linxd_ring_reader *pR, ui
                                                 struct linxd_signal_header *pHeader, const char **ppWhy)
 {
     for (;;) {
-        const uint64_t Tail = __atomic_load_n(&pR->header->tail, __ATOMIC_ACQUIRE);
-        if (Tail == pR->head)
+        if (!linxd_ring_waiting(pR))
             return LINXD_PEEK_EMPTY;
+        const uint64_t Tail = pR->tail_seen;
         const uint64_t Offset = pR->head % pR->capacity;
         if (Tail - pR->head > pR->capacity || (Tail - pR->head) % LINXD_RING_ENTRY_ALIGN != 0) {
             *ppWhy = "its positions are impossible";
@@ -409,14 +420,14 @@ static inline int linxd_ring_write(struct linxd_ring_writer *pW, const struct li
  * With a full fence between each pair at least one of them sees the
  * other's store: a ring that holds something is always in turn, marked,
  * or found again by its receiver.  Likewise for armed: the receiver arms
- * and then looks for marks, the sender marks and then looks at armed. */
+ * and then looks at the marks and at the tails of the rings it keeps in
+ * view, the sender writes and marks and then looks at armed. */
 static inline int linxd_ready_mark(struct linxd_ready_set *pSet, struct linxd_ring_header *pRing, uint32_t Index)
 {
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    if (__atomic_load_n(&pRing->marked, __ATOMIC_RELAXED) != 0 ||
-        __atomic_exchange_n(&pRing->marked, 1u, __ATOMIC_SEQ_CST) != 0)
-        return 0;
-    linxd_index_set_add(&pSet->marks, Index);
+    if (__atomic_load_n(&pRing->marked, __ATOMIC_RELAXED) == 0 &&
+        __atomic_exchange_n(&pRing->marked, 1u, __ATOMIC_SEQ_CST) == 0)
+        linxd_index_set_add(&pSet->marks, Index);
     return __atomic_load_n(&pSet->armed, __ATOMIC_SEQ_CST) != 0 &&
            __atomic_exchange_n(&pSet->armed, 0u, __ATOMIC_SEQ_CST) != 0;
 }
@@ -424,7 +435,7 @@ static inline int linxd_ready_mark(struct linxd_ready_set *pSet, struct linxd_ri
 /* The receiver found the ring empty: it is no longer marked, unless
  * something arrived meanwhile (then it returns 1 and the ring stays the
  * receiver's to read). */
-static inline int linxd_ready_unmark(const struct linxd_ring_reader *pR)
+static inline int linxd_ready_unmark(struct linxd_ring_reader *pR)
 {
     __atomic_store_n(&pR->header->marked, 0u, __ATOMIC_SEQ_CST);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);

@@ -6,6 +6,9 @@
 
 namespace {
 
+// Rings read empty that stay marked: a receive looks at no more of them.
+constexpr size_t kMostInView = 16;
+
 // Summary words that can hold indexes of the rings the set has room for.
 size_t jSummaryWordsInUse(const RingSet &Set)
 {
@@ -17,12 +20,31 @@ bool jIsLive(const RingSet &Set, uint32_t Index)
     return Index < Set.Rings.size() && Set.Rings[Index].State == RingState::Live;
 }
 
+void jLeaveView(RingSet &Set, uint32_t Index)
+{
+    Set.InView.erase(std::find(Set.InView.begin(), Set.InView.end(), Index));
+    Set.Rings[Index].Place = RingPlace::Marked;
+}
+
 void jPutInTurn(RingSet &Set, uint32_t Index)
 {
-    if (!jIsLive(Set, Index) || Set.Rings[Index].bInTurn)
+    if (!jIsLive(Set, Index) || Set.Rings[Index].Place == RingPlace::InTurn)
         return; // a mark for no ring, or for one already in turn: nothing to do
-    Set.Rings[Index].bInTurn = true;
+    if (Set.Rings[Index].Place == RingPlace::InView)
+        jLeaveView(Set, Index);
+    Set.Rings[Index].Place = RingPlace::InTurn;
     Set.Turns.push_back(Index);
+}
+
+// Unmarks the ring that has been in view longest: senders mark it again
+// when they write.
+void jUnmarkOldestInView(RingSet &Set)
+{
+    const uint32_t Index = Set.InView.front();
+    Set.InView.pop_front();
+    Set.Rings[Index].Place = RingPlace::Marked;
+    if (linxd_ready_unmark(&Set.Rings[Index].Reader))
+        jPutInTurn(Set, Index);
 }
 
 // Every ring marked in one word of the marks.
@@ -97,6 +119,7 @@ void RingSetFree(RingSet *pSet)
             linxd_ring_unmap(&E.Reader);
     pSet->Rings.clear();
     pSet->Turns.clear();
+    pSet->InView.clear();
     if (pSet->pReady != nullptr)
         munmap(pSet->pReady, sizeof *pSet->pReady);
     if (pSet->pRetired != nullptr)
@@ -135,9 +158,11 @@ void RingSetDrop(RingSet *pSet, uint32_t Index)
     if (!jIsLive(*pSet, Index))
         return;
     RingSetEntry &E = pSet->Rings[Index];
-    if (E.bInTurn)
+    if (E.Place == RingPlace::InTurn)
         pSet->Turns.erase(std::find(pSet->Turns.begin(), pSet->Turns.end(), Index));
-    E.bInTurn = false;
+    if (E.Place == RingPlace::InView)
+        jLeaveView(*pSet, Index);
+    E.Place = RingPlace::Marked;
     jUnmapRing(E);
     if (pSet->pRetired == nullptr) // linxd reads this set: nobody waits for word of the index
         pSet->Rings[Index] = RingSetEntry();
@@ -162,6 +187,13 @@ size_t RingSetCollect(RingSet *pSet)
     for (size_t w = 0; w < jSummaryWordsInUse(*pSet); w++)
         for (uint64_t Bits = linxd_ready_take(&pSet->pReady->marks.summary[w]); Bits != 0; Bits &= Bits - 1)
             jCollectWord(*pSet, (uint32_t)(w * 64 + __builtin_ctzll(Bits)));
+    for (size_t i = 0; i < pSet->InView.size();) {
+        const uint32_t Index = pSet->InView[i];
+        if (linxd_ring_waiting(&pSet->Rings[Index].Reader))
+            jPutInTurn(*pSet, Index); // leaves the view: the next one moved to i
+        else
+            i++;
+    }
     return pSet->Turns.size();
 }
 
@@ -173,15 +205,25 @@ uint32_t RingSetFront(const RingSet *pSet)
 void RingSetRotate(RingSet *pSet)
 {
     const uint32_t Index = pSet->Turns.front();
-    pSet->Turns.pop_front();
     RingSetEntry &E = pSet->Rings[Index];
-    E.bInTurn = false;
-    if (linxd_ring_waiting(&E.Reader) || linxd_ready_unmark(&E.Reader))
+    if (pSet->Turns.size() == 1 && linxd_ring_waiting(&E.Reader))
+        return; // its own turn again
+    pSet->Turns.pop_front();
+    E.Place = RingPlace::Marked;
+    if (linxd_ring_waiting(&E.Reader)) {
         jPutInTurn(*pSet, Index);
+        return;
+    }
+    E.Place = RingPlace::InView;
+    pSet->InView.push_back(Index);
+    if (pSet->InView.size() > kMostInView)
+        jUnmarkOldestInView(*pSet);
 }
 
 bool RingSetWaiting(RingSet *pSet)
 {
+    if (!pSet->Turns.empty() && linxd_ring_waiting(&pSet->Rings[pSet->Turns.front()].Reader))
+        return true;
     RingSetCollect(pSet);
     // Rings that were read empty since they were marked leave the turn
     // list, so that the answer is exact: the bell depends on it.

@@ -8,7 +8,10 @@
  * the marks into its turn list, serves the ring at the front one signal at
  * a time and puts it back behind the others while it holds more, so no
  * sender is starved and the cost of looking does not grow with the number
- * of idle senders.  A ring leaves the set when linxd retires it (its
+ * of idle senders.  A ring read empty stays marked for a while, among a
+ * few the reader keeps in view and looks at on every receive: a sender
+ * that keeps it busy then writes without touching the marks at all.  The
+ * oldest is unmarked when more would be kept in view.  A ring leaves the set when linxd retires it (its
  * sending process is gone, or gave it up: the retired set says so) or
  * when it breaks the rules; the reader moves what a retired ring still
  * holds before it goes.
@@ -31,12 +34,15 @@
 // An index is unused, holds a live ring, or held one that was dropped as
 // broken and waits for linxd to retire it.
 enum class RingState : uint8_t { Unused, Live, Dropped };
+// Where a live ring is: only marked (or not even that), in turn, or read
+// empty and kept in view, still marked.
+enum class RingPlace : uint8_t { Marked, InTurn, InView };
 
 struct RingSetEntry {
     linxd_ring_reader Reader;
     pid_t Writer = 0;       // the sending process, for log lines
     RingState State = RingState::Unused;
-    bool bInTurn = false;   // in Turns
+    RingPlace Place = RingPlace::Marked;
 };
 
 struct RingSet {
@@ -44,6 +50,7 @@ struct RingSet {
     linxd_index_set *pRetired = nullptr; // a process's own sockets; null for linxd's phantoms
     std::vector<RingSetEntry> Rings;     // by index
     std::deque<uint32_t> Turns;          // indexes of rings to read, in turn
+    std::deque<uint32_t> InView;         // rings read empty, still marked, oldest first
 };
 
 // Maps the socket's ready set and, for a receiving process, its retired set
@@ -67,22 +74,22 @@ void RingSetDrop(RingSet *pSet, uint32_t Index);
 // when nothing was retired.
 void RingSetTakeRetired(RingSet *pSet, void (*pDrain)(void *pContext, uint32_t Index), void *pContext);
 
-// Takes the senders' marks into the turn list; returns how many rings are
-// in turn.
+// Takes the senders' marks, and the rings in view that hold something,
+// into the turn list; returns how many rings are in turn.
 size_t RingSetCollect(RingSet *pSet);
 // The index of the ring at the front of the turn list (the list is not
 // empty).
 uint32_t RingSetFront(const RingSet *pSet);
 // The reader is done with the front ring for now: it goes behind the
-// others while it holds more, else it is unmarked.
+// others while it holds more, else into view.
 void RingSetRotate(RingSet *pSet);
 // Whether a ring holds something (the marks taken first).
 bool RingSetWaiting(RingSet *pSet);
 
-// Arms the bell when nothing is waiting.  Returns true when something came
-// meanwhile and the reader disarmed the bell itself (no sender will ring
-// it: the reader looks again); false when it stays armed or a sender took
-// the arm (that sender rings).
+// Arms the bell (the reader found nothing waiting).  Returns true when
+// something came meanwhile and the reader disarmed the bell itself (no
+// sender will ring it: the reader looks again); false when it stays armed
+// or a sender took the arm (that sender rings).
 bool RingSetArm(RingSet *pSet);
 bool RingSetArmed(const RingSet *pSet);
 

@@ -213,20 +213,25 @@ void Service::jRetireRing(Socket &Receiver, uint32_t Index)
 
 void Service::jSocketOpened(const Socket &S)
 {
-    mProcesses[S.Pid].Sockets++;
+    mProcesses[S.Pid].Sockets.insert(S.Spid);
 }
 
 // A socket closes.  What its process wrote to phantoms goes on first (a
 // process that sends and exits loses nothing), the rings that reached the
-// socket go with it, and when it was its process's last socket every ring
-// the process made is retired: its receivers learn of it before any
-// attach signal about the socket.
+// socket go with it (their writers are told to let their routes go), and
+// when it was its process's last socket every ring the process made is
+// retired: its receivers learn of it before any attach signal about the
+// socket.
 void Service::jSocketClosing(Socket &S)
 {
     for (const auto &Writer : S.Rings.Writers) {
         auto P = mProcesses.find(Writer.second);
-        if (P != mProcesses.end())
-            P->second.RingInto.erase(S.Spid);
+        if (P == mProcesses.end())
+            continue;
+        P->second.RingInto.erase(S.Spid);
+        for (const uint32_t Spid : P->second.Sockets)
+            if (const Socket *pWriter = jFindSocket(Spid))
+                __atomic_add_fetch(&mpSlots[pWriter->Slot].routes_gone, 1, __ATOMIC_RELEASE);
     }
     if (S.Link != 0) {
         RingSetFree(&S.Reading);
@@ -240,7 +245,8 @@ void Service::jSocketClosing(Socket &S)
         if (pReceiver != nullptr && pReceiver->Link != 0)
             jForwardRing(*pReceiver, Ring.second, nullptr);
     }
-    if (--P->second.Sockets != 0)
+    P->second.Sockets.erase(S.Spid);
+    if (!P->second.Sockets.empty())
         return;
     const std::map<uint32_t, uint32_t> Rings = std::move(P->second.RingInto);
     mProcesses.erase(P);

@@ -92,7 +92,7 @@ struct RingTable {
 // receiving socket (by the receiver's SPID): every one of them is retired
 // when its last socket closes.
 struct SenderProcess {
-    uint32_t Sockets = 0;
+    std::set<uint32_t> Sockets;
     std::map<uint32_t, uint32_t> RingInto;
 };
 
