@@ -270,7 +270,7 @@ TEST_F(LinxRings, LargeAndSmallSignalsKeepTheirOrder)
 // each sent arrives in order (before the attach signal that tells of its
 // end, for those the receiver watches), and the rings they made leave the
 // receiver once it has read them, also when nothing but their signals
-// ever reached it.
+// ever reached it; so do the rings the receiver made to answer them.
 TEST_F(LinxRings, RingsLeaveWithTheirSenders)
 {
     constexpr int kEach = 20; // senders per way of leaving
@@ -300,6 +300,8 @@ TEST_F(LinxRings, RingsLeaveWithTheirSenders)
             ASSERT_NE(0u, linx_attach(pParent, &pGone, SpidAndWay[0]));
         else
             linx_free_buf(pParent, &pGone);
+        union LINX_SIGNAL *pAnswer = NewSignal(pParent, kDrained, 0);
+        linx_send(pParent, &pAnswer, SpidAndWay[0]); // to one that closed already: refused
     }
     for (int i = 0; i < kEach; i++)
         EXPECT_EQ(0, WaitChild(Children[i]));
@@ -308,7 +310,7 @@ TEST_F(LinxRings, RingsLeaveWithTheirSenders)
     const LINX_SIGSELECT kNothing[] = {1, 0x7FFF};
     EXPECT_TRUE(WaitFor([&] {
         union LINX_SIGNAL *pNone = nullptr;
-        return linx_receive_w_tmo(pParent, &pNone, 0, kNothing) == 0 && RingMappings(getpid()) == Before + 2 * kEach;
+        return linx_receive_w_tmo(pParent, &pNone, 0, kNothing) == 0 && RingMappings(getpid()) == Before + 4 * kEach;
     }, 5000)) << RingMappings(getpid()) - Before << " rings mapped";
     for (int i = 2 * kEach; i < 3 * kEach; i++) { // the killed, dead before the others may go
         kill(Children[i], SIGKILL);
