@@ -36,15 +36,32 @@ void jPutInTurn(RingSet &Set, uint32_t Index)
     Set.Turns.push_back(Index);
 }
 
-// Unmarks the ring that has been in view longest: senders mark it again
-// when they write.
-void jUnmarkOldestInView(RingSet &Set)
+// Unmarks the ring at the front of the view: its sender marks it again
+// when it writes.
+void jUnmarkFirstInView(RingSet &Set)
 {
     const uint32_t Index = Set.InView.front();
-    Set.InView.pop_front();
-    Set.Rings[Index].Place = RingPlace::Marked;
+    jLeaveView(Set, Index);
     if (linxd_ready_unmark(&Set.Rings[Index].Reader))
         jPutInTurn(Set, Index);
+}
+
+// Keeps in view the rings that brought something since the bell was last
+// armed, and unmarks the others.
+void jUnmarkStaleInView(RingSet &Set)
+{
+    for (size_t i = 0; i < Set.InView.size();) {
+        const uint32_t Index = Set.InView[i];
+        RingSetEntry &E = Set.Rings[Index];
+        if (E.bFresh) {
+            E.bFresh = false;
+            i++;
+            continue;
+        }
+        jLeaveView(Set, Index); // the next one moved to i
+        if (linxd_ready_unmark(&E.Reader))
+            jPutInTurn(Set, Index);
+    }
 }
 
 // Every ring marked in one word of the marks.
@@ -215,9 +232,10 @@ void RingSetRotate(RingSet *pSet)
         return;
     }
     E.Place = RingPlace::InView;
+    E.bFresh = true;
     pSet->InView.push_back(Index);
     if (pSet->InView.size() > kMostInView)
-        jUnmarkOldestInView(*pSet);
+        jUnmarkFirstInView(*pSet);
 }
 
 bool RingSetWaiting(RingSet *pSet)
@@ -234,6 +252,7 @@ bool RingSetWaiting(RingSet *pSet)
 
 bool RingSetArm(RingSet *pSet)
 {
+    jUnmarkStaleInView(*pSet);
     __atomic_store_n(&pSet->pReady->armed, 1u, __ATOMIC_SEQ_CST);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
     return RingSetWaiting(pSet) && __atomic_exchange_n(&pSet->pReady->armed, 0u, __ATOMIC_SEQ_CST) != 0;

@@ -10,8 +10,9 @@
  * sender is starved and the cost of looking does not grow with the number
  * of idle senders.  A ring read empty stays marked for a while, among a
  * few the reader keeps in view and looks at on every receive: a sender
- * that keeps it busy then writes without touching the marks at all.  The
- * oldest is unmarked when more would be kept in view.  A ring leaves the set when linxd retires it (its
+ * that keeps it busy then writes without touching the marks at all.  A
+ * ring leaves the view, unmarked, when it brought nothing between two
+ * armings of the bell, or when more would be kept in view.  A ring leaves the set when linxd retires it (its
  * sending process is gone, or gave it up: the retired set says so) or
  * when it breaks the rules; the reader moves what a retired ring still
  * holds before it goes.
@@ -43,6 +44,7 @@ struct RingSetEntry {
     pid_t Writer = 0;       // the sending process, for log lines
     RingState State = RingState::Unused;
     RingPlace Place = RingPlace::Marked;
+    bool bFresh = false;    // in view, and brought something since the bell was last armed
 };
 
 struct RingSet {
@@ -50,7 +52,7 @@ struct RingSet {
     linxd_index_set *pRetired = nullptr; // a process's own sockets; null for linxd's phantoms
     std::vector<RingSetEntry> Rings;     // by index
     std::deque<uint32_t> Turns;          // indexes of rings to read, in turn
-    std::deque<uint32_t> InView;         // rings read empty, still marked, oldest first
+    std::vector<uint32_t> InView;        // rings read empty, still marked, oldest first (a few)
 };
 
 // Maps the socket's ready set and, for a receiving process, its retired set
@@ -86,7 +88,8 @@ void RingSetRotate(RingSet *pSet);
 // Whether a ring holds something (the marks taken first).
 bool RingSetWaiting(RingSet *pSet);
 
-// Arms the bell (the reader found nothing waiting).  Returns true when
+// Arms the bell (the reader found nothing waiting), after unmarking the
+// rings in view that brought nothing since it was last armed.  Returns true when
 // something came meanwhile and the reader disarmed the bell itself (no
 // sender will ring it: the reader looks again); false when it stays armed
 // or a sender took the arm (that sender rings).
