@@ -1260,7 +1260,7 @@ int Service::jNextTimeoutMs()
 
 namespace {
 
-// Two descriptors per socket: the starting client's soft limit is raised
+// Four descriptors per socket: the starting client's soft limit is raised
 // to the hard one.
 void jRaiseDescriptorLimit()
 {
