@@ -650,16 +650,6 @@ int jMakeRing(uint64_t Capacity, linxd_ring_header **ppHeader)
     return Fd;
 }
 
-// Maps the receiver's ready set that linxd handed over with a route.
-linxd_ready_set *jMapReadySet(int Fd)
-{
-    struct stat Stat;
-    if (fstat(Fd, &Stat) != 0 || (uint64_t)Stat.st_size != sizeof(linxd_ready_set))
-        return nullptr;
-    void *p = mmap(nullptr, sizeof(linxd_ready_set), PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
-    return p == MAP_FAILED ? nullptr : (linxd_ready_set *)p;
-}
-
 // Makes a ring for To and has linxd announce it to To's owner.
 RouteRef jOpenRoute(const StandinSocket &S, uint32_t To)
 {
@@ -674,7 +664,7 @@ RouteRef jOpenRoute(const StandinSocket &S, uint32_t To)
     const int Result = jNumbersCall(S.ConnFd, &C, LINXD_OP_OPEN_ROUTE, To);
     const int Error = errno;
     close(RingFd);
-    linxd_ready_set *pReady = Result == 0 && C.Fds[1] >= 0 ? jMapReadySet(C.Fds[1]) : nullptr;
+    auto *pReady = Result == 0 ? (linxd_ready_set *)linxd_map_region(C.Fds[1], sizeof(linxd_ready_set)) : nullptr;
     jCloseIf(C.Fds[1]);
     if (Result == 0 && (C.Fds[0] < 0 || pReady == nullptr || C.Reply.value[0] >= LINXD_MAX_SOCKETS ||
                         C.Reply.value[1] >= LINXD_MAX_RINGS_PER_SOCKET)) {

@@ -4,22 +4,26 @@
  *
  * Each emulated socket is a control connection to linxd (names, hunts,
  * attaches, timeouts, queries), an outlet for linxd's own signals and ring
- * announcements, and a bell.  Signals to another process go into a
- * shared-memory ring this process writes alone (one per destination, made
- * on the first send and cached); the receiver maps the rings announced to
- * it and reads them without system calls while they hold signals.  Sends
- * to a socket of the same process skip the rings and hand the buffer
- * itself over.
+ * announcements, a bell, a ready set its senders mark and a retired set
+ * linxd fills.  Signals to another process go into a shared-memory ring
+ * this process writes alone (one per destination, made on the first send
+ * and cached until the process closes its last socket, the receiver
+ * closes, or the cache is full); the receiver maps the rings announced to
+ * it, reads those its senders marked without system calls, and unmaps
+ * those linxd retired once read.  Sends to a socket of the same process
+ * skip the rings and hand the buffer itself over.
  *
  * The descriptor the seam returns is an epoll set of the outlet, the bell
  * and the process-local queue's counter: readable exactly while a signal
  * waits, so callers can poll it like the module's socket.
  *
  * Locks: one process-wide mutex guards the descriptor and SPID tables,
- * another the route cache, and each route's mutex its ring's tail (threads
- * of the process that send to one socket take turns); each socket's mutex
- * guards its local queue.  The rings a socket reads and everything else of
- * a socket belong to its handle's thread.
+ * another the route cache, a third is held while a route is opened (so
+ * that linxd never sees two rings of the process for one socket), and
+ * each route's mutex its ring's tail (threads of the process that send to
+ * one socket take turns); each socket's mutex guards its local queue, and
+ * the refusal log has its own.  The rings a socket reads and everything
+ * else of a socket belong to its handle's thread.
  *
  * The instance of linxd is named by the environment variable
  * LINXD_INSTANCE ("default" when unset).  When no linxd serves it, the

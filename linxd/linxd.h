@@ -5,10 +5,11 @@
  * One thread runs an epoll loop over the listening socket, the control
  * connections (one per emulated LINX socket) and the outlets that were
  * full when linxd had a signal of its own to deliver.  linxd owns names,
- * SPIDs, hunts, attaches, timeouts and new-link tokens, and passes the
- * senders' rings on to their receivers; signals between processes flow
- * through those shared-memory rings and never through it (see
- * linxd_protocol.h).  Nothing a client sends can stop the loop: every
+ * SPIDs, hunts, attaches, timeouts and new-link tokens, passes the
+ * senders' rings on to their receivers and retires them when their
+ * senders go; signals between processes flow through those shared-memory
+ * rings and never through it (see linxd_protocol.h).  Its state is
+ * declared in linxd_service.h.  Nothing a client sends can stop the loop: every
  * request is checked and answered, and a client that misbehaves or
  * vanishes is dropped with everything it held, firing its attaches.
  *

@@ -248,6 +248,17 @@ struct linxd_ready_set {
     struct linxd_index_set marks;
 };
 
+/* Maps a shared region of exactly Bytes that linxd handed over (a ready
+ * or retired set); null when the descriptor is not one of that size. */
+static inline void *linxd_map_region(int Fd, uint64_t Bytes)
+{
+    struct stat Stat;
+    if (Fd < 0 || fstat(Fd, &Stat) != 0 || (uint64_t)Stat.st_size != Bytes)
+        return NULL;
+    void *p = mmap(NULL, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    return p == MAP_FAILED ? NULL : p;
+}
+
 /* The ring of a socket whose queue holds QueueBytes, in bytes with header. */
 static inline uint64_t linxd_ring_capacity(uint32_t QueueBytes)
 {

@@ -71,15 +71,6 @@ void jCollectWord(RingSet &Set, uint32_t Word)
         jPutInTurn(Set, Word * 64 + (uint32_t)__builtin_ctzll(Bits));
 }
 
-template <typename Region> Region *jMapRegion(int Fd)
-{
-    struct stat Stat;
-    if (Fd < 0 || fstat(Fd, &Stat) != 0 || (uint64_t)Stat.st_size != sizeof(Region))
-        return nullptr;
-    void *p = mmap(nullptr, sizeof(Region), PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
-    return p == MAP_FAILED ? nullptr : (Region *)p;
-}
-
 void jUnmapRing(RingSetEntry &E)
 {
     linxd_ring_unmap(&E.Reader);
@@ -121,8 +112,8 @@ bool jRetireWord(RingSet &Set, uint32_t Word, void (*pDrain)(void *, uint32_t), 
 
 bool RingSetMap(RingSet *pSet, int ReadyFd, int RetiredFd)
 {
-    pSet->pReady = jMapRegion<linxd_ready_set>(ReadyFd);
-    pSet->pRetired = RetiredFd < 0 ? nullptr : jMapRegion<linxd_index_set>(RetiredFd);
+    pSet->pReady = (linxd_ready_set *)linxd_map_region(ReadyFd, sizeof(linxd_ready_set));
+    pSet->pRetired = RetiredFd < 0 ? nullptr : (linxd_index_set *)linxd_map_region(RetiredFd, sizeof(linxd_index_set));
     const bool bMapped = pSet->pReady != nullptr && (RetiredFd < 0 || pSet->pRetired != nullptr);
     if (!bMapped)
         RingSetFree(pSet);
