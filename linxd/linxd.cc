@@ -67,16 +67,14 @@ bool Service::jListen()
     return true;
 }
 
+// The slots, mapped here before they are sealed against every writing
+// mapping but this one: clients can only read them.
 bool Service::jMapRegion()
 {
-    mRegionFd = jSealedRegion("linxd-counters", LINXD_REGION_BYTES);
-    if (mRegionFd < 0)
-        return false;
-    void *p = mmap(nullptr, LINXD_REGION_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, mRegionFd, 0);
-    if (p == MAP_FAILED)
-        return false;
-    mpSlots = (linxd_slot *)p;
-    return true;
+    mRegionFd = jSizedRegion("linxd-slots", LINXD_REGION_BYTES);
+    mpSlots = (linxd_slot *)jMapShared(mRegionFd, LINXD_REGION_BYTES);
+    return mpSlots != nullptr &&
+           fcntl(mRegionFd, F_ADD_SEALS, F_SEAL_FUTURE_WRITE | F_SEAL_SEAL) == 0;
 }
 
 // Out of descriptors, a pending connection would keep the listener
@@ -463,10 +461,15 @@ Reply Service::jRegister(Client &C, const std::string &Name)
     return R;
 }
 
+// A hunt answered to socket OnBehalf, which must be of the caller's
+// process: nobody makes linxd fill another process's queue.
 Reply Service::jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std::string Signal)
 {
-    if (jFindSocket(OnBehalf) == nullptr)
+    const Socket *pOnBehalf = jFindSocket(OnBehalf);
+    if (pOnBehalf == nullptr)
         return jError(EINVAL);
+    if (pOnBehalf->Pid != C.Pid)
+        return jError(EPERM);
     if (!jRoomFor(OnBehalf, Signal))
         return jError(ENOBUFS);
     auto Named = mNames.find(Name);
@@ -488,7 +491,7 @@ Reply Service::jAttach(Client &C, uint32_t Target, std::string Signal)
         return jError(ENOBUFS);
     const uint32_t Ref = jNewRef();
     if (jFindSocket(Target) == nullptr) {
-        jDeliver(C.Spid, Target, Signal); // not open: it is already gone
+        jDeliver(C.Spid, Target, Signal, 0, true); // not open: it is already gone
         return jValue(Ref);
     }
     if (!jHold(C.Spid))
@@ -515,8 +518,8 @@ Reply Service::jInfo(uint32_t Op, uint32_t Spid)
     const Socket *pS = jFindSocket(Spid);
     if (pS == nullptr)
         return jError(ECONNRESET);
-    const linxd_slot &Slot = mpSlots[pS->Slot];
-    const int64_t Queued = __atomic_load_n(&Slot.queued, __ATOMIC_RELAXED);
+    const linxd_counters &Counters = pS->pReady->counters;
+    const int64_t Queued = __atomic_load_n(&Counters.queued, __ATOMIC_RELAXED);
     Reply R;
     switch (Op) {
     case LINXD_OP_INFO_NAME:
@@ -532,12 +535,12 @@ Reply Service::jInfo(uint32_t Op, uint32_t Spid)
         struct linx_info_stat Stat = {};
         Stat.spid = Spid;
         Stat.state = 1;
-        Stat.sent_signals = __atomic_load_n(&Slot.sent_signals, __ATOMIC_RELAXED);
-        Stat.sent_bytes = __atomic_load_n(&Slot.sent_bytes, __ATOMIC_RELAXED);
-        Stat.received_signals = __atomic_load_n(&Slot.received_signals, __ATOMIC_RELAXED);
-        Stat.received_bytes = __atomic_load_n(&Slot.received_bytes, __ATOMIC_RELAXED);
+        Stat.sent_signals = __atomic_load_n(&Counters.sent_signals, __ATOMIC_RELAXED);
+        Stat.sent_bytes = __atomic_load_n(&Counters.sent_bytes, __ATOMIC_RELAXED);
+        Stat.received_signals = __atomic_load_n(&Counters.received_signals, __ATOMIC_RELAXED);
+        Stat.received_bytes = __atomic_load_n(&Counters.received_bytes, __ATOMIC_RELAXED);
         Stat.queued_signals = Queued > 0 ? (uint64_t)Queued : 0;
-        Stat.send_failures = __atomic_load_n(&Slot.refused_sends, __ATOMIC_RELAXED);
+        Stat.send_failures = __atomic_load_n(&Counters.refused_sends, __ATOMIC_RELAXED);
         for (const auto &A : mAttaches)
             Stat.attaches += A.second.Target == Spid;
         for (const auto &H : mHunts)
@@ -557,7 +560,7 @@ Reply Service::jSummary() const
     struct linx_info_summary Summary = {};
     Summary.sockets = (uint32_t)mSockets.size();
     for (const auto &S : mSockets) {
-        const int64_t Queued = __atomic_load_n(&mpSlots[S.second.Slot].queued, __ATOMIC_RELAXED);
+        const int64_t Queued = __atomic_load_n(&S.second.pReady->counters.queued, __ATOMIC_RELAXED);
         Summary.queued_signals += Queued > 0 ? (uint32_t)Queued : 0;
     }
     Summary.hunts = (uint32_t)mHunts.size();
@@ -581,8 +584,10 @@ Reply Service::jSpidsAbove(uint32_t After, uint32_t Room) const
 // Queues a signal for socket To, as sent by From: one of linxd's own, or
 // one that came over a link.  A phantom's goes on over its link.  Only the
 // attributes a signal may have pass: no peer can make a signal look like
-// linxd's word about a ring.
-void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes)
+// linxd's word about a ring.  An attach signal (bAfterRings) is marked so
+// that its receiver delivers it after what the rings held when it came.
+void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes,
+                       bool bAfterRings)
 {
     Socket *pS = jFindSocket(To);
     if (pS == nullptr)
@@ -592,11 +597,13 @@ void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, ui
         jForward(*pS, From, Signal.data(), (uint32_t)Signal.size(), Attributes);
         return;
     }
+    if (bAfterRings)
+        Attributes |= LINXD_AFTER_RINGS;
     const linxd_signal_header Header = {From, To, (uint32_t)Signal.size(), Attributes};
     pS->Backlog.push_back(std::string((const char *)&Header, sizeof Header) + Signal);
     pS->BacklogBytes += pS->Backlog.back().size();
     mBacklogBytes += pS->Backlog.back().size();
-    __atomic_add_fetch(&mpSlots[pS->Slot].queued, 1, __ATOMIC_RELAXED);
+    __atomic_add_fetch(&pS->pReady->counters.queued, 1, __ATOMIC_RELAXED);
     jFlushBacklog(*pS);
 }
 
@@ -637,7 +644,7 @@ void Service::jFlushBacklog(Socket &S)
                 RefusalSay(&mRefusals, S.Name, "too large",
                            "linxd: dropped a signal of " + std::to_string(Datagram.size() - sizeof(linxd_signal_header)) +
                                " bytes for " + S.Name + ": larger than its queue");
-            __atomic_sub_fetch(&mpSlots[S.Slot].queued, 1, __ATOMIC_RELAXED);
+            __atomic_sub_fetch(&S.pReady->counters.queued, 1, __ATOMIC_RELAXED);
         } else {
             __atomic_add_fetch(&mpSlots[S.Slot].outlet_signals, 1, __ATOMIC_RELEASE);
         }
@@ -707,7 +714,7 @@ void Service::jCloseSocket(uint32_t Spid)
     for (auto L = mNewLinks.begin(); L != mNewLinks.end();)
         L = L->second == Spid ? mNewLinks.erase(L) : ++L;
     for (const Attach &A : Fired)
-        jDeliver(A.Attacher, Spid, A.Signal);
+        jDeliver(A.Attacher, Spid, A.Signal, 0, true);
 }
 
 void Service::jDropClient(int Fd)
@@ -1136,11 +1143,7 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name,
     pS->Link = L.Id;
     pS->RemoteSpid = RemoteSpid;
     L.Phantoms[RemoteSpid] = pS->Spid;
-    if (!RingSetMap(&pS->Reading, pS->ReadyFd, -1)) {
-        jCloseSocket(pS->Spid);
-        *pWhy = "no room here for the endpoint " + Full;
-        return false;
-    }
+    RingSetUse(&pS->Reading, pS->pReady);
     jWatch(Watch::Bell, pS->BellFd, pS->Spid, EPOLLIN, EPOLL_CTL_ADD);
     jNameAppeared(Full, pS->Spid, false);
     return true;

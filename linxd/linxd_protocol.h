@@ -41,11 +41,14 @@
  * end only linxd holds.  A socket that stands for an endpoint behind a link
  * (a phantom) has no outlet: linxd reads the rings of its senders itself.
  *
- * Counters: linxd shares one memory region of slots with every client; a
- * socket's slot counts its queued, sent and received signals, so any
- * process can ask how many signals wait for any socket.  Every value a
- * process reads from shared memory written by others is checked before it
- * is used: a sender can break only its own ring.
+ * Slots: linxd shares one memory region of slots with every client, read
+ * only (sealed against writes but linxd's own): a socket's SPID, queue
+ * limit and hints only linxd writes.  A socket's statistics live in its
+ * ready set, where only the socket's owner and senders reach them.  Every
+ * value a process reads from shared memory written by others is checked
+ * before it is used: a sender can break only its own ring, and what it
+ * scribbles in its receiver's ready set costs that receiver at most a
+ * wasted look or a wrong count.
  */
 #ifndef LINXD_PROTOCOL_H
 #define LINXD_PROTOCOL_H
@@ -135,28 +138,32 @@ struct linxd_signal_header {
     uint32_t attributes;
 };
 
-/* One socket's counters in the shared region.  Written with atomic
- * operations by every process that sends to or receives from the socket;
- * linxd stamps spid when it hands the slot out.  The same layout on 32-bit
- * and 64-bit processes: every 64-bit field is 8-byte aligned by position. */
+/* One socket's slot in the shared region, written by linxd alone: spid
+ * when it hands the slot out (0 once the socket closed). */
 struct linxd_slot {
     uint32_t spid;
-    uint32_t queue_limit;     /* bytes the socket's queue holds (linxd) */
+    uint32_t queue_limit;     /* bytes the socket's queue holds */
+    uint32_t outlet_signals;  /* datagrams linxd put in the outlet (a hint
+                                 that saves the owner a system call) */
+    uint32_t routes_gone;     /* sockets closed that the owner's process had
+                                 rings into: a hint that its cached routes
+                                 to them can go */
+    uint32_t reserved[12];
+};
+
+/* One socket's statistics, in its ready set: written with atomic
+ * operations by its senders (queued, refused_sends), its owner (the
+ * others) and linxd (queued, for its own signals).  The same layout on
+ * 32-bit and 64-bit processes: every 64-bit field is 8-byte aligned by
+ * position. */
+struct linxd_counters {
     int64_t queued;
     uint64_t sent_signals;
     uint64_t sent_bytes;
     uint64_t received_signals;
     uint64_t received_bytes;
     uint64_t refused_sends;   /* sends to this socket refused: queue full */
-    uint64_t parked_bytes;    /* signals its owner took out of the queue
-                                 unselected and keeps aside (the owner);
-                                 they count against queue_limit */
-    uint32_t outlet_signals;  /* datagrams linxd put in the outlet (a hint
-                                 that saves the owner a system call) */
-    uint32_t routes_gone;     /* sockets closed that the owner's process had
-                                 rings into (linxd): a hint that its cached
-                                 routes to them can go */
-    uint32_t reserved[14];
+    uint64_t reserved[2];
 };
 
 /* Makes Count descriptors (none when Count is 0) travel with pMsg as one
@@ -204,9 +211,13 @@ struct linxd_ring_header {
 /* attributes of an outlet datagram that announces a ring (size 8,
  * payload: the sender's pid and the ring's index as uint32_t, one
  * descriptor: the ring).  A signal's attributes never have any bit but
- * bit 0. */
+ * bit 0 (its own) and LINXD_AFTER_RINGS, which linxd sets on attach
+ * signals: the receiver delivers one only after what the rings held when
+ * it came, so that it never overtakes the last signals of the socket
+ * whose end it tells of. */
 #define LINXD_ANNOUNCE_RING 0x52494E47u /* "RING" */
 #define LINXD_SIGNAL_ATTRIBUTES 1u
+#define LINXD_AFTER_RINGS 2u
 
 /* A set of ring indexes of one socket: bit i of bits for index i, and bit
  * w of summary when word w of bits may hold one, so that whoever takes
@@ -245,6 +256,7 @@ struct linxd_ready_set {
                                  waits for the bell; the first sender to
                                  swap it to 0 rings (linxd starts it at 1) */
     uint8_t pad0[60];
+    struct linxd_counters counters;
     struct linxd_index_set marks;
 };
 
@@ -460,7 +472,8 @@ static inline uint64_t linxd_ready_take(uint64_t *pWord)
 }
 
 #ifdef __cplusplus
-static_assert(sizeof(struct linxd_slot) == 128, "slots are two cache lines on every ABI");
+static_assert(sizeof(struct linxd_slot) == 64, "a slot is a cache line on every ABI");
+static_assert(sizeof(struct linxd_counters) == 64, "counters are a cache line on every ABI");
 static_assert(sizeof(struct linxd_ring_header) == 192, "ring header is three cache lines on every ABI");
 static_assert(sizeof(struct linxd_ready_set) % 8 == 0, "the ready set is the same on every ABI");
 #endif

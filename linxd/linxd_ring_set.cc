@@ -26,13 +26,29 @@ void jLeaveView(RingSet &Set, uint32_t Index)
     Set.Rings[Index].Place = RingPlace::Marked;
 }
 
+// Takes the ring out of wherever it is: it is only marked then.
+void jTakeOut(RingSet &Set, uint32_t Index)
+{
+    RingSetEntry &E = Set.Rings[Index];
+    if (E.Place == RingPlace::InTurn)
+        Set.Turns.erase(std::find(Set.Turns.begin(), Set.Turns.end(), Index));
+    if (E.Place == RingPlace::InView)
+        jLeaveView(Set, Index);
+    if (E.Place == RingPlace::Held)
+        Set.Held.erase(std::find(Set.Held.begin(), Set.Held.end(), Index));
+    E.Place = RingPlace::Marked;
+}
+
 void jPutInTurn(RingSet &Set, uint32_t Index)
 {
-    if (!jIsLive(Set, Index) || Set.Rings[Index].Place == RingPlace::InTurn)
-        return; // a mark for no ring, or for one already in turn: nothing to do
-    if (Set.Rings[Index].Place == RingPlace::InView)
+    if (!jIsLive(Set, Index))
+        return; // a mark for no ring
+    RingSetEntry &E = Set.Rings[Index];
+    if (E.Place == RingPlace::InTurn || E.Place == RingPlace::Held)
+        return; // in turn already, or held until let go
+    if (E.Place == RingPlace::InView)
         jLeaveView(Set, Index);
-    Set.Rings[Index].Place = RingPlace::InTurn;
+    E.Place = RingPlace::InTurn;
     Set.Turns.push_back(Index);
 }
 
@@ -87,9 +103,10 @@ void jRelease(RingSet &Set, uint32_t Index)
 }
 
 // The retired indexes of one word: live rings are drained and unmapped,
-// dropped ones forgotten; an index whose ring has not arrived yet stays
-// (returns true then: the word must be looked at again).
-bool jRetireWord(RingSet &Set, uint32_t Word, void (*pDrain)(void *, uint32_t), void *pContext)
+// dropped ones forgotten; an index whose ring has not arrived yet, or
+// could not be drained yet, stays (returns true then: the word must be
+// looked at again).
+bool jRetireWord(RingSet &Set, uint32_t Word, bool (*pDrain)(void *, uint32_t), void *pContext)
 {
     bool bPending = false;
     for (uint64_t Bits = __atomic_load_n(&Set.pRetired->bits[Word], __ATOMIC_ACQUIRE); Bits != 0; Bits &= Bits - 1) {
@@ -98,10 +115,11 @@ bool jRetireWord(RingSet &Set, uint32_t Word, void (*pDrain)(void *, uint32_t), 
             bPending = true;
             continue;
         }
-        if (Set.Rings[Index].State == RingState::Live) {
-            pDrain(pContext, Index);
-            RingSetDrop(&Set, Index);
+        if (Set.Rings[Index].State == RingState::Live && !pDrain(pContext, Index)) {
+            bPending = true;
+            continue;
         }
+        RingSetDrop(&Set, Index);
         if (Index < Set.Rings.size() && Set.Rings[Index].State == RingState::Dropped)
             jRelease(Set, Index);
     }
@@ -113,11 +131,17 @@ bool jRetireWord(RingSet &Set, uint32_t Word, void (*pDrain)(void *, uint32_t), 
 bool RingSetMap(RingSet *pSet, int ReadyFd, int RetiredFd)
 {
     pSet->pReady = (linxd_ready_set *)linxd_map_region(ReadyFd, sizeof(linxd_ready_set));
-    pSet->pRetired = RetiredFd < 0 ? nullptr : (linxd_index_set *)linxd_map_region(RetiredFd, sizeof(linxd_index_set));
-    const bool bMapped = pSet->pReady != nullptr && (RetiredFd < 0 || pSet->pRetired != nullptr);
+    pSet->pRetired = (linxd_index_set *)linxd_map_region(RetiredFd, sizeof(linxd_index_set));
+    pSet->bMapped = true;
+    const bool bMapped = pSet->pReady != nullptr && pSet->pRetired != nullptr;
     if (!bMapped)
         RingSetFree(pSet);
     return bMapped;
+}
+
+void RingSetUse(RingSet *pSet, linxd_ready_set *pReady)
+{
+    pSet->pReady = pReady;
 }
 
 void RingSetFree(RingSet *pSet)
@@ -128,9 +152,10 @@ void RingSetFree(RingSet *pSet)
     pSet->Rings.clear();
     pSet->Turns.clear();
     pSet->InView.clear();
-    if (pSet->pReady != nullptr)
+    pSet->Held.clear();
+    if (pSet->bMapped && pSet->pReady != nullptr)
         munmap(pSet->pReady, sizeof *pSet->pReady);
-    if (pSet->pRetired != nullptr)
+    if (pSet->bMapped && pSet->pRetired != nullptr)
         munmap(pSet->pRetired, sizeof *pSet->pRetired);
     pSet->pReady = nullptr;
     pSet->pRetired = nullptr;
@@ -147,6 +172,7 @@ bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, pid_t Writer, uint3
     if (linxd_ring_map(RingFd, QueueBytes, &Entry.Reader, ppWhy) != 0)
         return false;
     Entry.Writer = Writer;
+    Entry.Serial = ++pSet->Adopted;
     Entry.State = RingState::Live;
     if (Index >= pSet->Rings.size())
         pSet->Rings.resize(Index + 1);
@@ -166,17 +192,13 @@ void RingSetDrop(RingSet *pSet, uint32_t Index)
     if (!jIsLive(*pSet, Index))
         return;
     RingSetEntry &E = pSet->Rings[Index];
-    if (E.Place == RingPlace::InTurn)
-        pSet->Turns.erase(std::find(pSet->Turns.begin(), pSet->Turns.end(), Index));
-    if (E.Place == RingPlace::InView)
-        jLeaveView(*pSet, Index);
-    E.Place = RingPlace::Marked;
+    jTakeOut(*pSet, Index);
     jUnmapRing(E);
     if (pSet->pRetired == nullptr) // linxd reads this set: nobody waits for word of the index
         pSet->Rings[Index] = RingSetEntry();
 }
 
-void RingSetTakeRetired(RingSet *pSet, void (*pDrain)(void *pContext, uint32_t Index), void *pContext)
+void RingSetTakeRetired(RingSet *pSet, bool (*pDrain)(void *pContext, uint32_t Index), void *pContext)
 {
     if (pSet->pRetired == nullptr)
         return;
@@ -187,6 +209,25 @@ void RingSetTakeRetired(RingSet *pSet, void (*pDrain)(void *pContext, uint32_t I
             if (jRetireWord(*pSet, Word, pDrain, pContext))
                 __atomic_fetch_or(&pSet->pRetired->summary[w], Bits & -Bits, __ATOMIC_SEQ_CST);
         }
+    }
+}
+
+void RingSetHold(RingSet *pSet, uint32_t Index)
+{
+    if (!jIsLive(*pSet, Index) || pSet->Rings[Index].Place == RingPlace::Held)
+        return;
+    jTakeOut(*pSet, Index);
+    pSet->Rings[Index].Place = RingPlace::Held;
+    pSet->Held.push_back(Index);
+}
+
+void RingSetLetGo(RingSet *pSet)
+{
+    const std::vector<uint32_t> Held = std::move(pSet->Held);
+    pSet->Held.clear();
+    for (const uint32_t Index : Held) {
+        pSet->Rings[Index].Place = RingPlace::Marked;
+        jPutInTurn(*pSet, Index);
     }
 }
 

@@ -15,7 +15,10 @@
  * armings of the bell, or when more would be kept in view.  A ring leaves the set when linxd retires it (its
  * sending process is gone, or gave it up: the retired set says so) or
  * when it breaks the rules; the reader moves what a retired ring still
- * holds before it goes.
+ * holds before it goes.  A reader that cannot take what a ring holds yet
+ * (its queue of signals set aside is full) holds the ring: it leaves the
+ * turn list, its sender's signals wait in it, and it comes back when the
+ * reader lets the held rings go.
  *
  * A set belongs to one thread at a time (the socket's receiving thread, or
  * linxd's loop); nothing in it is locked.  Everything read from the ready
@@ -35,13 +38,14 @@
 // An index is unused, holds a live ring, or held one that was dropped as
 // broken and waits for linxd to retire it.
 enum class RingState : uint8_t { Unused, Live, Dropped };
-// Where a live ring is: only marked (or not even that), in turn, or read
-// empty and kept in view, still marked.
-enum class RingPlace : uint8_t { Marked, InTurn, InView };
+// Where a live ring is: only marked (or not even that), in turn, read
+// empty and kept in view (still marked), or held (still marked).
+enum class RingPlace : uint8_t { Marked, InTurn, InView, Held };
 
 struct RingSetEntry {
     linxd_ring_reader Reader;
     pid_t Writer = 0;       // the sending process, for log lines
+    uint64_t Serial = 0;    // which ring of the index this is
     RingState State = RingState::Unused;
     RingPlace Place = RingPlace::Marked;
     bool bFresh = false;    // in view, and brought something since the bell was last armed
@@ -50,15 +54,19 @@ struct RingSetEntry {
 struct RingSet {
     linxd_ready_set *pReady = nullptr;
     linxd_index_set *pRetired = nullptr; // a process's own sockets; null for linxd's phantoms
+    bool bMapped = false;                // the sets are this set's own mappings
     std::vector<RingSetEntry> Rings;     // by index
     std::deque<uint32_t> Turns;          // indexes of rings to read, in turn
     std::vector<uint32_t> InView;        // rings read empty, still marked, oldest first (a few)
+    std::vector<uint32_t> Held;
+    uint64_t Adopted = 0;                // rings ever adopted: the next one's serial
 };
 
-// Maps the socket's ready set and, for a receiving process, its retired set
-// (descriptors linxd made; RetiredFd -1 for none).  false when one is not
-// what it should be.
+// Maps the socket's ready and retired sets (descriptors linxd made), for a
+// receiving process.  false when one is not what it should be.
 bool RingSetMap(RingSet *pSet, int ReadyFd, int RetiredFd);
+// Reads through a ready set its caller keeps mapped (linxd's phantoms).
+void RingSetUse(RingSet *pSet, linxd_ready_set *pReady);
 // Unmaps every ring and the sets.
 void RingSetFree(RingSet *pSet);
 
@@ -72,9 +80,15 @@ RingSetEntry *RingSetFind(RingSet *pSet, uint32_t Index);
 void RingSetDrop(RingSet *pSet, uint32_t Index);
 
 // Lets every ring linxd retired go: Drain(pContext, Index) first moves
-// what a live one still holds elsewhere.  Costs a load per 4096 rings
-// when nothing was retired.
-void RingSetTakeRetired(RingSet *pSet, void (*pDrain)(void *pContext, uint32_t Index), void *pContext);
+// what a live one still holds elsewhere, and returns false when it could
+// not move it all (the ring stays, retired, until it can).  Costs a load
+// per 4096 rings when nothing was retired.
+void RingSetTakeRetired(RingSet *pSet, bool (*pDrain)(void *pContext, uint32_t Index), void *pContext);
+
+// Takes the ring at Index out of turn until RingSetLetGo.
+void RingSetHold(RingSet *pSet, uint32_t Index);
+// Puts the held rings back in turn.
+void RingSetLetGo(RingSet *pSet);
 
 // Takes the senders' marks, and the rings in view that hold something,
 // into the turn list; returns how many rings are in turn.

@@ -43,11 +43,11 @@ const char *jRingRefusal(int RingFd, uint32_t QueueBytes)
 
 } // namespace
 
-int jSealedRegion(const char *pName, size_t Bytes)
+int jSizedRegion(const char *pName, size_t Bytes)
 {
     const int Fd = memfd_create(pName, MFD_CLOEXEC | MFD_ALLOW_SEALING);
     if (Fd >= 0 && (ftruncate(Fd, (off_t)Bytes) != 0 ||
-                    fcntl(Fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)) {
+                    fcntl(Fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0)) {
         const int Error = errno;
         close(Fd);
         errno = Error;
@@ -56,18 +56,34 @@ int jSealedRegion(const char *pName, size_t Bytes)
     return Fd;
 }
 
-// A socket's ready set, armed: nothing has been sent yet, so the first
-// sender rings.
+int jSealedRegion(const char *pName, size_t Bytes)
+{
+    const int Fd = jSizedRegion(pName, Bytes);
+    if (Fd >= 0 && fcntl(Fd, F_ADD_SEALS, F_SEAL_SEAL) != 0) {
+        const int Error = errno;
+        close(Fd);
+        errno = Error;
+        return -1;
+    }
+    return Fd;
+}
+
+void *jMapShared(int Fd, size_t Bytes)
+{
+    void *p = Fd < 0 ? MAP_FAILED : mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_SHARED, Fd, 0);
+    return p == MAP_FAILED ? nullptr : p;
+}
+
+// A socket's ready set, mapped here too (its statistics are linxd's to
+// read, and count linxd's own signals), and armed: nothing has been sent
+// yet, so the first sender rings.
 bool Service::jMakeReadySet(Socket &S)
 {
-    const uint32_t Armed = 1;
     S.ReadyFd = jSealedRegion("linx-ready", sizeof(linxd_ready_set));
-    if (S.ReadyFd >= 0 &&
-        pwrite(S.ReadyFd, &Armed, sizeof Armed, offsetof(linxd_ready_set, armed)) != (ssize_t)sizeof Armed) {
-        close(S.ReadyFd);
-        S.ReadyFd = -1;
-    }
-    return S.ReadyFd >= 0;
+    S.pReady = (linxd_ready_set *)jMapShared(S.ReadyFd, sizeof(linxd_ready_set));
+    if (S.pReady != nullptr)
+        S.pReady->armed = 1;
+    return S.pReady != nullptr;
 }
 
 // The retired set of a socket of a process: linxd keeps it mapped, the
@@ -75,10 +91,7 @@ bool Service::jMakeReadySet(Socket &S)
 bool Service::jMakeRetiredSet(Socket &S)
 {
     S.RetiredFd = jSealedRegion("linx-retired", sizeof(linxd_index_set));
-    void *p = S.RetiredFd < 0 ? MAP_FAILED
-                              : mmap(nullptr, sizeof(linxd_index_set), PROT_READ | PROT_WRITE, MAP_SHARED,
-                                     S.RetiredFd, 0);
-    S.pRetired = p == MAP_FAILED ? nullptr : (linxd_index_set *)p;
+    S.pRetired = (linxd_index_set *)jMapShared(S.RetiredFd, sizeof(linxd_index_set));
     return S.pRetired != nullptr;
 }
 
@@ -87,11 +100,14 @@ void Service::jFreeRingSets(Socket &S)
     for (const int Fd : {S.ReadyFd, S.RetiredFd})
         if (Fd >= 0)
             close(Fd);
+    RingSetFree(&S.Reading);
     if (S.pRetired != nullptr)
         munmap(S.pRetired, sizeof *S.pRetired);
+    if (S.pReady != nullptr)
+        munmap(S.pReady, sizeof *S.pReady);
     S.ReadyFd = S.RetiredFd = -1;
     S.pRetired = nullptr;
-    RingSetFree(&S.Reading);
+    S.pReady = nullptr;
 }
 
 // Takes a sender's ring for socket Target, in place of any ring the
@@ -263,7 +279,7 @@ bool Service::jForwardRing(Socket &Phantom, uint32_t Index, const Link *pThrottl
     RingSetEntry *pE = RingSetFind(&Phantom.Reading, Index);
     if (pE == nullptr)
         return true;
-    linxd_slot &Slot = mpSlots[Phantom.Slot];
+    linxd_counters &Counters = Phantom.pReady->counters;
     const uint64_t Start = pE->Reader.head;
     linxd_signal_header Header;
     const char *pWhy = nullptr;
@@ -274,9 +290,9 @@ bool Service::jForwardRing(Socket &Phantom, uint32_t Index, const Link *pThrottl
             return false;
         jForward(Phantom, Header.from, linxd_ring_payload(&pE->Reader), Header.size, Header.attributes);
         linxd_ring_advance(&pE->Reader, Header.size);
-        __atomic_sub_fetch(&Slot.queued, 1, __ATOMIC_RELAXED);
-        __atomic_add_fetch(&Slot.received_signals, 1, __ATOMIC_RELAXED);
-        __atomic_add_fetch(&Slot.received_bytes, Header.size, __ATOMIC_RELAXED);
+        __atomic_sub_fetch(&Counters.queued, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&Counters.received_signals, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&Counters.received_bytes, Header.size, __ATOMIC_RELAXED);
     }
     if (State == LINXD_PEEK_BROKEN) {
         RefusalSay(&mRefusals, "process " + std::to_string(pE->Writer), pWhy,

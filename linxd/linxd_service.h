@@ -65,6 +65,11 @@ int64_t jNowMs();
 // A memory file of Bytes for clients to map, sealed so that none of them
 // can shrink it under another's mapping; -1 with errno.
 int jSealedRegion(const char *pName, size_t Bytes);
+// The same with its seals still open to more (the slots are sealed against
+// writing once linxd has mapped them).
+int jSizedRegion(const char *pName, size_t Bytes);
+// Maps such a region here; null on failure.
+void *jMapShared(int Fd, size_t Bytes);
 
 // What epoll reports: a client connection, an inlet waiting to drain, a
 // link listener, a link's connection, or the bell of a phantom's rings.
@@ -104,6 +109,7 @@ struct Socket {
     int InletFd = -1;                // linxd's end of the outlet
     int BellFd = -1;                 // eventfd senders ring when the owner armed it
     int ReadyFd = -1;                // its ready set, for the owner and its senders
+    linxd_ready_set *pReady = nullptr; // linxd's mapping of it (statistics, the arm word)
     int RetiredFd = -1;              // its retired set, for the owner until it has it
     linxd_index_set *pRetired = nullptr;
     uint32_t Slot = 0;
@@ -219,7 +225,8 @@ private:
     Reply jInfo(uint32_t Op, uint32_t Spid);
     Reply jSummary() const;
     Reply jSpidsAbove(uint32_t After, uint32_t Room) const;
-    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes = 0);
+    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes = 0,
+                  bool bAfterRings = false);
     void jFlushBacklog(Socket &S);
     void jDropBacklog(Socket &S);
     bool jRoomFor(uint32_t Spid, const std::string &Signal) const;

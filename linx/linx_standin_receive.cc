@@ -1,0 +1,596 @@
+// Receiving: the process-local queue (what linxd delivered, what senders
+// of this process handed over, and what a receive set aside unselected),
+// the rings the socket reads, the outlet, and waiting for the bell.
+#include <errno.h>
+#include <poll.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <new>
+
+#include "linx_standin_socket.h"
+#include "linxd_refusals.h"
+
+namespace {
+
+constexpr uint32_t kForever = 0xFFFFFFFFu;
+// A receive with nothing to take keeps looking this long before it sleeps:
+// a peer that answers within it is served without a wake-up on either side.
+constexpr int64_t kSpinNs = 50000;
+
+// Rings this process refused, said once a second per sender and reason.
+RefusalLog gRefusals;
+
+// ReadyFd counts the queued signals (a semaphore eventfd), so the caller's
+// descriptor is readable exactly while one waits.  A signal is counted
+// before it becomes visible and uncounted after it is taken, so the count
+// never lags behind the queue, and no system call is made under the mutex.
+void jCountReady(StandinSocket &S, bool bAdd)
+{
+    uint64_t One = 1;
+    if (bAdd)
+        (void)!write(S.ReadyFd, &One, sizeof One);
+    else
+        (void)!read(S.ReadyFd, &One, sizeof One);
+}
+
+
+// ---- Receiving -----------------------------------------------------------------
+
+struct Selection {
+    const int32_t *pSigselect; // count, then signal numbers; null takes anything
+    uint32_t From;             // 0: any sender
+};
+
+uint32_t jSigNo(const void *pPayload)
+{
+    uint32_t SigNo;
+    memcpy(&SigNo, pPayload, sizeof SigNo);
+    return SigNo;
+}
+
+bool jSelected(const Selection &Sel, const linxd_signal_header &Header, uint32_t SigNo)
+{
+    if (Sel.From != 0 && Header.from != Sel.From)
+        return false;
+    if (Sel.pSigselect == nullptr || Sel.pSigselect[0] == 0)
+        return true;
+    const int32_t Count = Sel.pSigselect[0];
+    const int32_t Listed = Count < 0 ? -Count : Count;
+    bool bListed = false;
+    for (int32_t i = 1; i <= Listed && !bListed; i++)
+        bListed = (uint32_t)Sel.pSigselect[i] == SigNo;
+    return Count > 0 ? bListed : !bListed;
+}
+
+const void *jPayloadOf(const Pending &Entry)
+{
+    return Entry.pTaken != nullptr ? Entry.pTaken : Entry.Data.data();
+}
+
+void jCountTaken(StandinSocket &S, uint32_t Size)
+{
+    linxd_counters &Counters = StandinCounters(S);
+    StandinCountQueued(&Counters, -1);
+    StandinCount(&Counters.received_signals, 1);
+    StandinCount(&Counters.received_bytes, Size);
+}
+
+void jFillRecord(struct linx_transfer_rec *pRec, const linxd_signal_header &Header, uint64_t RealBuffer)
+{
+    pRec->from = Header.from;
+    pRec->to = Header.to;
+    pRec->size = Header.size;
+    pRec->attributes = Header.attributes;
+    pRec->real_buffer = RealBuffer;
+}
+
+// Tells the caller that the selected signal needs a larger buffer: the
+// signal's size goes into the buffer's first word.
+int jTooLarge(struct linx_transfer_rec *pRec, uint32_t Size)
+{
+    memcpy((void *)(uintptr_t)pRec->buffer, &Size, sizeof Size);
+    return 0;
+}
+
+// The words of a sigselect: its count and its numbers.
+size_t jSelectionWords(const int32_t *pSigselect)
+{
+    return 1 + (size_t)std::abs((int64_t)pSigselect[0]);
+}
+
+// The first entry of the queue a receive with this selection has not yet
+// looked at (S.Mutex held).
+std::deque<Pending>::iterator jFirstUnscanned(StandinSocket &S, const Selection &Sel)
+{
+    const bool bSame = !S.ScannedSel.empty() && Sel.pSigselect != nullptr && S.ScannedFrom == Sel.From &&
+                       S.ScannedSel.size() == jSelectionWords(Sel.pSigselect) &&
+                       std::equal(S.ScannedSel.begin(), S.ScannedSel.end(), Sel.pSigselect);
+    if (!bSame)
+        return S.Queue.begin();
+    return std::partition_point(S.Queue.begin(), S.Queue.end(),
+                                [&S](const Pending &Entry) { return Entry.Seq <= S.ScannedSeq; });
+}
+
+// Takes the first selected signal of the local queue.  Returns the size,
+// 0 when it does not fit, or -1 (errno EAGAIN) when none is selected; then
+// *pSeen tells how many signals had been queued when it looked.
+int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec,
+                uint64_t *pSeen)
+{
+    int Result = -1;
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        *pSeen = S.Pushes.load(std::memory_order_relaxed);
+        auto It = jFirstUnscanned(S, Sel);
+        while (It != S.Queue.end() && !jSelected(Sel, It->Header, jSigNo(jPayloadOf(*It))))
+            ++It;
+        if (It == S.Queue.end()) {
+            if (Sel.pSigselect != nullptr) {
+                S.ScannedSel.assign(Sel.pSigselect, Sel.pSigselect + jSelectionWords(Sel.pSigselect));
+                S.ScannedFrom = Sel.From;
+                S.ScannedSeq = *pSeen;
+            }
+            errno = EAGAIN;
+            return -1;
+        }
+        const uint32_t Size = It->Header.size;
+        if (It->pTaken != nullptr) {
+            jFillRecord(pRec, It->Header, (uint64_t)(uintptr_t)It->pTaken);
+        } else if (Size <= pRec->size) {
+            memcpy((void *)(uintptr_t)pRec->buffer, It->Data.data(), Size);
+            jFillRecord(pRec, It->Header, pRec->buffer);
+        } else {
+            return jTooLarge(pRec, Size);
+        }
+        S.QueuedBytes -= Size;
+        S.Queue.erase(It);
+        Result = (int)Size;
+    }
+    jCountReady(S, false);
+    jCountTaken(S, (uint32_t)Result);
+    return Result;
+}
+
+// ---- Rings -------------------------------------------------------------------
+
+void jRefuseRing(StandinSocket &S, uint32_t Index, pid_t Writer, const char *pWhy)
+{
+    const std::string Source = "process " + std::to_string(Writer);
+    RefusalSay(&gRefusals, Source, pWhy, "linx: refused the signal ring of " + Source + ": " + pWhy);
+    RingSetDrop(&S.Rings, Index);
+}
+
+// The queue of what this socket set aside is full: the ring keeps what it
+// holds (its sender's sends are refused once it is full too) until the
+// queue has room again.
+void jHoldRing(StandinSocket &S, uint32_t Index)
+{
+    const std::string Source = "process " + std::to_string(S.Rings.Rings[Index].Writer);
+    RefusalSay(&gRefusals, Source, "held",
+               "linx: left the signals of " + Source + " in its ring: what this socket set aside fills its queue");
+    RingSetHold(&S.Rings, Index);
+}
+
+// Lets the held rings go once the queue is down to half of what it holds.
+void jLetGoHeld(StandinSocket &S)
+{
+    if (S.Rings.Held.empty())
+        return;
+    std::unique_lock<std::mutex> Lock(S.Mutex);
+    const bool bRoom = S.QueuedBytes <= S.QueueBytes / 2;
+    Lock.unlock();
+    if (bRoom)
+        RingSetLetGo(&S.Rings);
+}
+
+// How moving a ring's signals to the local queue ended: at a signal the
+// selection takes, where it was to stop (or nothing more), with the queue
+// full, or at an entry that breaks the rules.
+enum class Parked { Selected, Reached, Full, Broken };
+
+// Moves the signals at the ring's head to the local queue up to the first
+// one pSel selects (pSel null: none is), until the head reaches Until, and
+// as long as the queue has room: a sender that keeps writing cannot keep
+// the receiver here or grow it.  *pHeader is the signal at the head when
+// Selected; *ppWhy says what broke when Broken.
+Parked jParkUnselected(StandinSocket &S, RingSetEntry &E, const Selection *pSel, uint64_t Until,
+                       linxd_signal_header *pHeader, const char **ppWhy)
+{
+    while ((int64_t)(Until - E.Reader.head) > 0) {
+        const linxd_peeked State = linxd_ring_peek(&E.Reader, S.Spid, pHeader, ppWhy);
+        if (State != LINXD_PEEK_SIGNAL)
+            return State == LINXD_PEEK_BROKEN ? Parked::Broken : Parked::Reached;
+        const char *pPayload = linxd_ring_payload(&E.Reader);
+        if (pSel != nullptr && jSelected(*pSel, *pHeader, jSigNo(pPayload)))
+            return Parked::Selected;
+        Pending Entry;
+        Entry.Header = *pHeader;
+        Entry.Data.assign(pPayload, pHeader->size);
+        if (!StandinEnqueue(S, std::move(Entry), true))
+            return Parked::Full;
+        linxd_ring_advance(&E.Reader, pHeader->size);
+    }
+    return Parked::Reached;
+}
+
+// A ring's worth from its head: how far a look at it may go.
+uint64_t jOneRing(const RingSetEntry &E)
+{
+    return E.Reader.head + E.Reader.capacity;
+}
+
+// Moves what the ring holds, up to Until, to the local queue.  false when
+// the queue is full (the ring is held then); a ring that breaks the rules
+// is refused and dropped.
+bool jParkRing(StandinSocket &S, uint32_t Index, uint64_t Until)
+{
+    RingSetEntry &E = S.Rings.Rings[Index];
+    linxd_signal_header Header;
+    const char *pWhy = nullptr;
+    const Parked Result = jParkUnselected(S, E, nullptr, Until, &Header, &pWhy);
+    if (Result == Parked::Broken)
+        jRefuseRing(S, Index, E.Writer, pWhy);
+    if (Result == Parked::Full)
+        jHoldRing(S, Index);
+    return Result != Parked::Full;
+}
+
+// Takes the first selected signal of the rings in turn, one ring after the
+// other; signals not selected move to the local queue.  Returns as
+// jTakeQueued.
+int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec)
+{
+    for (size_t Turns = RingSetCollect(&S.Rings); Turns > 0 && !S.Rings.Turns.empty(); Turns--) {
+        const uint32_t Index = RingSetFront(&S.Rings);
+        RingSetEntry &E = S.Rings.Rings[Index];
+        linxd_signal_header Header;
+        const char *pWhy = nullptr;
+        const Parked Result = jParkUnselected(S, E, &Sel, jOneRing(E), &Header, &pWhy);
+        if (Result == Parked::Broken)
+            jRefuseRing(S, Index, E.Writer, pWhy);
+        if (Result == Parked::Full)
+            jHoldRing(S, Index);
+        if (Result == Parked::Reached)
+            RingSetRotate(&S.Rings);
+        if (Result != Parked::Selected)
+            continue;
+        if (Header.size > pRec->size)
+            return jTooLarge(pRec, Header.size);
+        memcpy((void *)(uintptr_t)pRec->buffer, linxd_ring_payload(&E.Reader), Header.size);
+        jFillRecord(pRec, Header, pRec->buffer);
+        linxd_ring_advance(&E.Reader, Header.size);
+        jCountTaken(S, Header.size);
+        RingSetRotate(&S.Rings);
+        return (int)Header.size;
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+// Rings linxd retired (their senders closed their last socket, died, or
+// gave them up): what they still hold moves to the local queue, then they
+// go; one that does not fit in the queue stays, held, until it does.
+void jTakeRetired(StandinSocket &S)
+{
+    RingSetTakeRetired(&S.Rings, [](void *pSocket, uint32_t Index) {
+        StandinSocket &Owner = *(StandinSocket *)pSocket;
+        return jParkRing(Owner, Index, jOneRing(Owner.Rings.Rings[Index]));
+    }, &S);
+}
+
+// Whether the ring has been read to the mark (or is gone); moves what is
+// before the mark to the local queue if the queue has room.
+bool jPassMark(StandinSocket &S, const RingMark &Mark)
+{
+    auto Reached = [&Mark](const RingSetEntry *pE) {
+        return pE == nullptr || pE->Serial != Mark.Serial || (int64_t)(Mark.Position - pE->Reader.head) <= 0;
+    };
+    RingSetEntry *pE = RingSetFind(&S.Rings, Mark.Index);
+    if (Reached(pE))
+        return true;
+    if (pE->Place == RingPlace::Held || !jParkRing(S, Mark.Index, Mark.Position))
+        return false;
+    pE = RingSetFind(&S.Rings, Mark.Index);
+    return Reached(pE) || !linxd_ring_waiting(&pE->Reader); // read to its end: a mark beyond it is passed
+}
+
+// Queues the attach signals whose rings have been read to their marks, in
+// the order they came.
+void jPassBarriers(StandinSocket &S)
+{
+    while (!S.AfterRings.empty()) {
+        std::vector<RingMark> &Marks = S.AfterRings.front().Marks;
+        Marks.erase(std::remove_if(Marks.begin(), Marks.end(), [&S](const RingMark &M) { return jPassMark(S, M); }),
+                    Marks.end());
+        if (!Marks.empty())
+            return;
+        StandinEnqueue(S, std::move(S.AfterRings.front().Signal), false);
+        S.AfterRings.pop_front();
+    }
+}
+
+// An attach signal: it is queued once every ring has been read as far as
+// it held when the signal came (at most a ring's worth more), so that it
+// never overtakes the last signals of the socket whose end it tells of.
+void jAfterRings(StandinSocket &S, Pending &&Signal)
+{
+    jTakeRetired(S);
+    RingSetCollect(&S.Rings);
+    RingBarrier Barrier;
+    Barrier.Signal = std::move(Signal);
+    auto MarkRing = [&](uint32_t Index) {
+        RingSetEntry &E = S.Rings.Rings[Index];
+        const uint64_t Tail = __atomic_load_n(&E.Reader.header->tail, __ATOMIC_ACQUIRE);
+        const uint64_t Position = Tail - E.Reader.head > E.Reader.capacity ? jOneRing(E) : Tail;
+        if (Position != E.Reader.head)
+            Barrier.Marks.push_back({Index, E.Serial, Position});
+    };
+    std::for_each(S.Rings.Turns.begin(), S.Rings.Turns.end(), MarkRing);
+    std::for_each(S.Rings.Held.begin(), S.Rings.Held.end(), MarkRing);
+    S.AfterRings.push_back(std::move(Barrier));
+    jPassBarriers(S);
+}
+
+// Keeps the bell exact: readable while a ring holds a signal.  When nothing
+// is waiting the bell is silenced and armed, so that the next sender rings
+// it; what arrived meanwhile rings it again.  Costs no system call while
+// the rings are busy or the bell is already armed and silent.
+void jSettleBell(StandinSocket &S, bool bRang)
+{
+    if (RingSetWaiting(&S.Rings) || (!bRang && RingSetArmed(&S.Rings)))
+        return;
+    uint64_t Count;
+    (void)!read(S.BellFd, &Count, sizeof Count);
+    if (RingSetArm(&S.Rings)) {
+        const uint64_t One = 1;
+        (void)!write(S.BellFd, &One, sizeof One);
+    }
+}
+
+// ---- The outlet ------------------------------------------------------------------
+
+// A ring linxd announced for this socket, at an index of its rings.
+void jAdoptRing(StandinSocket &S, const linxd_signal_header &Header, const char *pPayload, int Fd)
+{
+    uint32_t Words[2] = {0, 0};
+    memcpy(Words, pPayload, std::min<size_t>(Header.size, sizeof Words));
+    const char *pWhy = "an announcement without its ring";
+    if (Header.size != sizeof Words || Fd < 0 ||
+        !RingSetAdopt(&S.Rings, Words[1], Fd, (pid_t)Words[0], S.QueueBytes, &pWhy)) {
+        const std::string Source = "process " + std::to_string(Words[0]);
+        RefusalSay(&gRefusals, Source, pWhy, "linx: refused the signal ring of " + Source + ": " + pWhy);
+    }
+}
+
+// Reads what linxd put in the outlet: announced rings are adopted, signals
+// queued locally.  Skipped while linxd's count says
+// nothing came (unless bForce: the outlet was seen readable).  Returns 0,
+// or -1 with ENOTCONN when linxd is gone.
+int jPullOutlet(StandinSocket &S, bool bForce)
+{
+    const uint32_t Hint = __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_ACQUIRE);
+    if (!bForce && Hint == S.OutletHint)
+        return 0;
+    S.OutletHint = Hint;
+    // linxd's own signals, and signals that came over links (any size).
+    thread_local std::vector<char> Buffer(sizeof(linxd_signal_header) + LINXD_MAX_SIGNAL_BYTES);
+    for (;;) {
+        linxd_signal_header Header;
+        struct iovec Iov[2] = {{&Header, sizeof Header}, {Buffer.data(), Buffer.size()}};
+        char Control[CMSG_SPACE(sizeof(int))];
+        struct msghdr Msg = {};
+        Msg.msg_iov = Iov;
+        Msg.msg_iovlen = 2;
+        Msg.msg_control = Control;
+        Msg.msg_controllen = sizeof Control;
+        const ssize_t Got = recvmsg(S.OutletFd, &Msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        if (Got < 0)
+            return errno == EAGAIN ? 0 : -1;
+        int Fd = -1;
+        StandinTakeFds(&Msg, &Fd, 1);
+        if (Got == 0) {
+            errno = ENOTCONN; // linxd closed its end: it is gone
+            return -1;
+        }
+        const uint64_t PayloadBytes = (uint64_t)Got - sizeof Header;
+        if ((size_t)Got < sizeof Header + sizeof(uint32_t) || (Msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) ||
+            Header.size != PayloadBytes || Header.to != S.Spid) {
+            fprintf(stderr, "linx: dropped a malformed datagram of %zd bytes from linxd\n", Got);
+            StandinCloseIf(Fd);
+            continue;
+        }
+        if (Header.attributes == LINXD_ANNOUNCE_RING) {
+            jAdoptRing(S, Header, Buffer.data(), Fd);
+            StandinCloseIf(Fd);
+            continue;
+        }
+        StandinCloseIf(Fd);
+        Pending Entry;
+        Entry.Header = Header;
+        Entry.Header.attributes &= ~LINXD_AFTER_RINGS;
+        Entry.Data.assign(Buffer.data(), Header.size);
+        if (Header.attributes & LINXD_AFTER_RINGS)
+            jAfterRings(S, std::move(Entry));
+        else
+            StandinEnqueue(S, std::move(Entry), false);
+    }
+}
+
+int jRemainingMs(uint32_t Tmo, const struct timespec &Start)
+{
+    if (Tmo == kForever)
+        return -1;
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    const int64_t Elapsed = (Now.tv_sec - Start.tv_sec) * 1000LL + (Now.tv_nsec - Start.tv_nsec) / 1000000;
+    return Elapsed >= Tmo ? 0 : (int)(Tmo - Elapsed);
+}
+
+int jTimedOut(struct linx_transfer_rec *pRec)
+{
+    const uint32_t Zero = 0;
+    memcpy((void *)(uintptr_t)pRec->buffer, &Zero, sizeof Zero);
+    pRec->tmo = 0;
+    return 0;
+}
+
+// Waits for the outlet, the bell, a local arrival or linxd's end.  Returns
+// 1 to look again, 0 on timeout, -1 with errno (EINTR, or ENOTCONN when
+// linxd is gone).  A signal queued locally since the caller looked (Seen)
+// ends the wait at once: its sender saw no waiter and rang no bell.
+int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen, bool *pOutletReady, bool *pRang)
+{
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        if (S.Pushes.load(std::memory_order_relaxed) != Seen)
+            return 1;
+        S.bWaiting = true;
+    }
+    struct pollfd Fds[4] = {
+        {S.OutletFd, POLLIN, 0}, {S.ArrivalFd, POLLIN, 0}, {S.BellFd, POLLIN, 0}, {S.ConnFd, POLLIN, 0}};
+    const int Ready = poll(Fds, 4, TimeoutMs);
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        S.bWaiting = false;
+    }
+    if (Ready < 0)
+        return -1;
+    if (Fds[1].revents != 0) {
+        uint64_t Count;
+        (void)!read(S.ArrivalFd, &Count, sizeof Count);
+    }
+    *pOutletReady = Fds[0].revents != 0;
+    *pRang = Fds[2].revents != 0;
+    // What reached the queues before linxd went is still taken.
+    if (Fds[0].revents != 0 || Fds[1].revents != 0 || Fds[2].revents != 0)
+        return 1;
+    if (Fds[3].revents != 0) {
+        errno = ENOTCONN; // linxd never writes unasked: it is gone
+        return -1;
+    }
+    return Ready > 0 ? 1 : 0;
+}
+
+// A peer that answers within microseconds is best waited for awake: it
+// spares both sides a sleep and a wake-up.  Yields the processor while it
+// looks, so a peer on the same core gets to run.  Returns true when
+// something came.
+bool jSpin(StandinSocket &S, uint64_t Seen)
+{
+    struct timespec Start, Now;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    do {
+        if (S.Pushes.load(std::memory_order_relaxed) != Seen || RingSetWaiting(&S.Rings) ||
+            __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_RELAXED) != S.OutletHint)
+            return true;
+        sched_yield();
+        clock_gettime(CLOCK_MONOTONIC, &Now);
+    } while ((Now.tv_sec - Start.tv_sec) * 1000000000LL + (Now.tv_nsec - Start.tv_nsec) < kSpinNs);
+    return false;
+}
+
+// ---- The process-local queue ----------------------------------------------
+
+
+} // namespace
+
+int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
+{
+    if (S.Spid == 0) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    const int32_t *pSigselect = (const int32_t *)(uintptr_t)pRec->sigselect;
+    if (pSigselect != nullptr &&
+        (pRec->sigselect_size < sizeof(int32_t) ||
+         pRec->sigselect_size < (std::abs((int64_t)pSigselect[0]) + 1) * sizeof(int32_t))) {
+        errno = EINVAL;
+        return -1;
+    }
+    RefusalFlush(&gRefusals);
+    StandinForgetClosedRoutes(S);
+    const Selection Sel = {pSigselect, pRec->from};
+    struct timespec Start;
+    clock_gettime(CLOCK_MONOTONIC, &Start);
+    bool bOutletReady = false, bRang = false;
+    for (;;) {
+        jLetGoHeld(S);
+        jTakeRetired(S);
+        jPassBarriers(S);
+        const bool bLinxdGone = jPullOutlet(S, bOutletReady) != 0;
+        uint64_t Seen = 0;
+        int Result = jTakeQueued(S, Sel, pRec, &Seen);
+        if (Result < 0)
+            Result = jTakeFromRings(S, Sel, pRec);
+        jSettleBell(S, bRang); // also when retired rings were moved to the queue
+        if (Result >= 0)
+            return Result;
+        if (bLinxdGone) {
+            errno = ENOTCONN;
+            return -1;
+        }
+        if (pRec->tmo != 0 && jSpin(S, Seen))
+            continue;
+        const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start), Seen, &bOutletReady, &bRang);
+        if (Waited <= 0)
+            return Waited == 0 ? jTimedOut(pRec) : -1;
+    }
+}
+
+// Queues a signal for S unless S is closed or, when bLimit is set, its
+// queue is full (errno ECONNRESET or ENOBUFS then).  Wakes a waiting
+// receiver.  Any thread of the process may queue.
+bool StandinEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
+{
+    jCountReady(S, true);
+    bool bQueued = false;
+    bool bWake = false;
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        if (S.bClosed) {
+            errno = ECONNRESET;
+        } else if (bLimit && S.QueuedBytes + Entry.Header.size > S.QueueBytes) {
+            errno = ENOBUFS;
+        } else {
+            S.QueuedBytes += Entry.Header.size;
+            Entry.Seq = S.Pushes.fetch_add(1, std::memory_order_relaxed) + 1;
+            S.Queue.push_back(std::move(Entry));
+            bWake = S.bWaiting;
+            S.bWaiting = false;
+            bQueued = true;
+        }
+    }
+    if (!bQueued) {
+        const int Error = errno;
+        jCountReady(S, false);
+        errno = Error;
+        return false;
+    }
+    if (bWake) {
+        uint64_t One = 1;
+        (void)!write(S.ArrivalFd, &One, sizeof One);
+    }
+    return true;
+}
+
+void StandinFreePending(Pending &Entry)
+{
+    if (Entry.pTaken != nullptr)
+        linx_release_taken_buffer(Entry.pTaken);
+    Entry.pTaken = nullptr;
+}
+
+void StandinRefusalsAtFork(ForkStage Stage)
+{
+    if (Stage == ForkStage::Prepare)
+        gRefusals.Mutex.lock();
+    else if (Stage == ForkStage::Parent)
+        gRefusals.Mutex.unlock();
+    else
+        new (&gRefusals.Mutex) std::mutex();
+}
