@@ -201,6 +201,11 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
     ASSERT_EQ(0, Registered.Header.result);
     const uint64_t Bytes = linxd_ring_bytes(Registered.Header.value[2]);
     const LINX_SPID Target = linx_get_spid(pLinx);
+    // The counter region other sockets' senders rely on cannot be written.
+    const int Region = Registered.Fds[1];
+    ASSERT_GE(Region, 0);
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, Region, 0));
+    EXPECT_EQ(-1, pwrite(Region, "x", 1, 0));
 
     const int Loose = memfd_create("loose", MFD_CLOEXEC);
     ASSERT_EQ(0, ftruncate(Loose, (off_t)Bytes));
@@ -235,6 +240,9 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
     close(RingFd);
     for (int Fd : Route.Fds)
         close(Fd);
+    for (int Fd : Registered.Fds)
+        if (Fd >= 0)
+            close(Fd);
     close(Fd);
     ExpectServing();
 }
