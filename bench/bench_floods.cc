@@ -1,58 +1,43 @@
 // What floods from a hostile or careless peer cost the others, measured
-// with real processes on an instance of linxd of its own:
+// with real processes on linxd instances of their own:
 //  - a receiver blocked on one signal number while a peer floods it with
 //    64 KiB signals of another: the receiver's growth, the sends accepted
-//    and refused, and an unrelated pair's round trip before and during;
+//    and refused, an unrelated pair's round trip before and during, and
+//    whether an honest signal of the awaited number still gets through;
 //  - a client that never reads its queue while it asks for hunts and
-//    timeouts linxd answers at once: linxd's growth until it refuses.
-#include <dirent.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+//    timeouts linxd answers at once: linxd's growth until it refuses;
+//  - a process that keeps its ring to an endpoint behind a link full of
+//    64 KiB signals: its node's linxd's memory during and after, and an
+//    honest pair's pings across the same link;
+//  - a receiver behind a link that never reads, flooded across it: the
+//    pings of an honest pair across the same link;
+//  - 70000 hunts for absent names behind a link from one process: how many
+//    were taken, whether the link stayed up, and another process's hunt;
+//  - 3000 TCP connections to a node that never finish the TLS hello:
+//    linxd's memory during and after, and the lines it wrote.
+#include <sys/resource.h>
 
-#include <fstream>
+#include <algorithm>
 #include <string>
+#include <vector>
 
-#include "bench_util.h"
+#include "bench_nodes.h"
 
 namespace {
 
 constexpr int kFloodSeconds = 3;
-constexpr uint32_t kPing = 0x70, kWanted = 0xA, kFlood = 0xB;
+constexpr uint32_t kPing = 0x70, kWanted = 0xA, kFlood = 0xB, kStop = 0x71;
 
-long RssKiB(pid_t Pid)
-{
-    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
-    for (std::string Line; std::getline(Status, Line);)
-        if (Line.rfind("VmRSS:", 0) == 0)
-            return std::stol(Line.substr(6));
-    return -1;
-}
-
-pid_t LinxdOf(const std::string &Instance)
-{
-    DIR *pProc = opendir("/proc");
-    pid_t Found = -1;
-    while (struct dirent *pEntry = pProc ? readdir(pProc) : nullptr) {
-        std::ifstream File(std::string("/proc/") + pEntry->d_name + "/cmdline");
-        const std::string Cmdline((std::istreambuf_iterator<char>(File)), std::istreambuf_iterator<char>());
-        if (Cmdline.find("linxd") != std::string::npos && Cmdline.find(Instance) != std::string::npos)
-            Found = atoi(pEntry->d_name);
-    }
-    if (pProc)
-        closedir(pProc);
-    return Found;
-}
-
-// A child that opens Name and runs Body on it; returns once it is open.
-template <typename Body> pid_t Start(const char *pName, Body Run)
+// A child that opens Name on Instance and runs Body on it; returns once it
+// is open.
+template <typename Body> pid_t Start(const std::string &Instance, const char *pName, Body Run)
 {
     int Ready[2];
     if (pipe(Ready) != 0)
         Fail("pipe");
     const pid_t Child = fork();
     if (Child == 0) {
-        LINX *pLinx = linx_open(pName, 0, nullptr);
+        LINX *pLinx = OpenOn(Instance, pName);
         (void)!write(Ready[1], "", 1);
         Run(pLinx);
         _exit(0);
@@ -70,51 +55,115 @@ void Stop(pid_t Child)
     waitpid(Child, nullptr, 0);
 }
 
-
-void SelectiveReceiverFlood(LINX *pLinx)
+pid_t StartEcho(const std::string &Instance, const char *pName)
 {
-    const pid_t Picky = Start("picky", [](LINX *p) {
-        static const LINX_SIGSELECT kOnlyWanted[] = {1, kWanted};
-        union LINX_SIGNAL *pSig = nullptr;
-        linx_receive(p, &pSig, kOnlyWanted); // never sent
-    });
-    const pid_t Echo = Start("echo", [](LINX *p) {
-        for (union LINX_SIGNAL *pSig = nullptr; linx_receive(p, &pSig, nullptr) > 0;)
-            linx_send(p, &pSig, linx_sender(p, &pSig));
-    });
-    const LINX_SPID EchoSpid = Hunt(pLinx, "echo");
-    const double Quiet = RoundTripMedianUs(pLinx, EchoSpid, 2000, 64, kPing);
-    const long Before = RssKiB(Picky);
-    int Pipe[2];
-    if (pipe(Pipe) != 0)
-        Fail("pipe");
-    const pid_t Flooder = Start("flooder", [&](LINX *p) {
-        const LINX_SPID Target = Hunt(p, "picky");
+    return Start(Instance, pName, [](LINX *p) { LinxEchoLoop(p, true, kStop); });
+}
+
+// Sends 64 KiB signals of kFlood to the socket Name for kFloodSeconds as
+// fast as they are taken; writes how many were accepted and refused to Fd.
+pid_t StartFlooder(const std::string &Instance, const char *pName, int Fd)
+{
+    return Start(Instance, "flooder", [pName, Fd](LINX *p) {
+        const LINX_SPID Target = Hunt(p, pName);
         long Counts[2] = {0, 0}; // accepted, refused
         for (const double End = NowUs() + kFloodSeconds * 1e6; NowUs() < End;) {
             union LINX_SIGNAL *pSig = linx_alloc(p, 65536, kFlood);
             memset((char *)pSig + 4, 0, 65536 - 4);
             Counts[linx_send(p, &pSig, Target) == 0 ? 0 : 1]++;
         }
-        (void)!write(Pipe[1], Counts, sizeof Counts);
+        (void)!write(Fd, Counts, sizeof Counts);
     });
-    const double Flooded = RoundTripMedianUs(pLinx, EchoSpid, 2000, 64, kPing);
-    long Counts[2];
-    (void)!read(Pipe[0], Counts, sizeof Counts);
-    printf("Receiver waiting for one number, flooded %d s with 64 KiB signals of another:\n", kFloodSeconds);
-    printf("  sends accepted %ld, refused with ENOBUFS %ld; receiver grew by %ld KiB\n", Counts[0], Counts[1],
-           RssKiB(Picky) - Before);
-    printf("  round trip of an unrelated pair: %.1f us quiet, %.1f us during the flood (%.2fx)\n", Quiet, Flooded,
-           Flooded / Quiet);
-    for (pid_t Child : {Flooder, Picky, Echo})
-        Stop(Child);
-    close(Pipe[0]);
-    close(Pipe[1]);
 }
 
-void NeverReadingClient(LINX *pLinx, const std::string &Instance)
+// Pings an echo with 64 B signals, 10 ms apart and each given 1 s, for as
+// long as a flood lasts, sampling the resident memory of Watched as it
+// goes.
+struct Pings {
+    int Sent = 0, Answered = 0;
+    double MedianUs = 0;
+    long MostRssKiB = 0;
+};
+
+Pings PingAWhile(LINX *pLinx, LINX_SPID Echo, pid_t Watched)
 {
-    const pid_t Linxd = LinxdOf(Instance);
+    Pings P;
+    std::vector<double> Samples;
+    for (const double End = NowUs() + kFloodSeconds * 1e6; NowUs() < End; P.Sent++) {
+        const double Start = NowUs();
+        union LINX_SIGNAL *pSig = linx_alloc(pLinx, 64, kPing);
+        linx_send(pLinx, &pSig, Echo);
+        if (linx_receive_w_tmo(pLinx, &pSig, 1000, nullptr) > 0) {
+            P.Answered++;
+            Samples.push_back(NowUs() - Start);
+        }
+        linx_free_buf(pLinx, &pSig);
+        P.MostRssKiB = std::max(P.MostRssKiB, RssKiB(Watched));
+        usleep(10000);
+    }
+    P.MedianUs = Samples.empty() ? 0 : Median(Samples);
+    return P;
+}
+
+long ReadCounts(int Fd, long Counts[2])
+{
+    return read(Fd, Counts, 2 * sizeof(long));
+}
+
+int CountLines(const std::string &Log, const std::string &Text)
+{
+    int Lines = 0;
+    for (size_t At = Log.find(Text); At != std::string::npos; At = Log.find(Text, At + 1))
+        Lines++;
+    return Lines;
+}
+
+void SelectiveReceiverFlood(const std::string &Instance)
+{
+    int Got[2];
+    if (pipe(Got) != 0)
+        Fail("pipe");
+    const pid_t Picky = Start(Instance, "picky", [&](LINX *p) {
+        static const LINX_SIGSELECT kOnlyWanted[] = {1, kWanted};
+        union LINX_SIGNAL *pSig = nullptr;
+        linx_receive(p, &pSig, kOnlyWanted); // the honest sender's, after the flood
+        const double At = NowUs();
+        (void)!write(Got[1], &At, sizeof At);
+    });
+    const pid_t Echo = StartEcho(Instance, "echo");
+    LINX *pLinx = OpenOn(Instance, "honest");
+    const LINX_SPID EchoSpid = Hunt(pLinx, "echo");
+    const double Quiet = PingAWhile(pLinx, EchoSpid, Picky).MedianUs;
+    const long Before = RssKiB(Picky);
+    int Pipe[2];
+    if (pipe(Pipe) != 0)
+        Fail("pipe");
+    const pid_t Flooder = StartFlooder(Instance, "picky", Pipe[1]);
+    const Pings During = PingAWhile(pLinx, EchoSpid, Picky);
+    long Counts[2];
+    ReadCounts(Pipe[0], Counts);
+    const double Sent = NowUs();
+    SendWaiting(pLinx, Hunt(pLinx, "picky"), 64, kWanted);
+    double At = 0;
+    (void)!read(Got[0], &At, sizeof At);
+    printf("Receiver waiting for one number, flooded %d s with 64 KiB signals of another:\n", kFloodSeconds);
+    printf("  sends accepted %ld, refused with ENOBUFS %ld; receiver grew by %ld KiB at most\n", Counts[0],
+           Counts[1], During.MostRssKiB - Before);
+    printf("  pings of an unrelated pair, 10 ms apart: %d of %d answered within 1 s, median %.1f us (quiet %.1f "
+           "us, %.2fx)\n",
+           During.Answered, During.Sent, During.MedianUs, Quiet, During.MedianUs / Quiet);
+    printf("  an honest signal of the awaited number, sent after the flood, arrived in %.0f us\n", At - Sent);
+    linx_close(pLinx);
+    for (pid_t Child : {Flooder, Picky, Echo})
+        Stop(Child);
+    for (int Fd : {Pipe[0], Pipe[1], Got[0], Got[1]})
+        close(Fd);
+}
+
+void NeverReadingClient(const BenchNode &Node)
+{
+    LINX *pLinx = OpenOn(Node.Instance, "never-reads");
+    const pid_t Linxd = Node.Pid;
     const long Before = RssKiB(Linxd);
     long Granted = 0;
     const double Start = NowUs();
@@ -125,19 +174,168 @@ void NeverReadingClient(LINX *pLinx, const std::string &Instance)
     printf("A client that never reads asks for hunts and timeouts answered at once:\n");
     printf("  %ld granted, then %s; linxd grew by %ld KiB\n", Granted,
            Error == ENOBUFS ? "refused with ENOBUFS" : strerror(Error), RssKiB(Linxd) - Before);
+    linx_close(pLinx);
+}
+
+// Two nodes of this host: a dials b.
+struct LinkedNodes {
+    BenchNode A, B;
+};
+
+LinkedNodes StartLinked(const std::string &Tag, const std::vector<std::string> &BArgs = {})
+{
+    LinkedNodes N;
+    N.B = StartNode(Tag + "-b", BArgs);
+    N.A = StartNode(Tag + "-a", {"--link", "b=unix:" + Tag + "-b"});
+    if (!AwaitLine(N.A, "link b is up"))
+        Fail("link");
+    return N;
+}
+
+// Floods Target behind the link from node a while an honest pair pings
+// b/echo across the same link.
+void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTarget,
+                     const std::function<void(LINX *)> &Target)
+{
+    LinkedNodes N = StartLinked(Tag);
+    const pid_t Sink = Start(N.B.Instance, pTarget + 2, Target);
+    const pid_t Echo = StartEcho(N.B.Instance, "echo");
+    LINX *pLinx = OpenOn(N.A.Instance, "honest");
+    const LINX_SPID EchoSpid = Hunt(pLinx, "b/echo");
+    const double Quiet = PingAWhile(pLinx, EchoSpid, N.A.Pid).MedianUs;
+    const long BeforeA = RssKiB(N.A.Pid), BeforeB = RssKiB(N.B.Pid);
+    int Pipe[2];
+    if (pipe(Pipe) != 0)
+        Fail("pipe");
+    const pid_t Flooder = StartFlooder(N.A.Instance, pTarget, Pipe[1]);
+    const Pings During = PingAWhile(pLinx, EchoSpid, N.A.Pid);
+    long Counts[2];
+    ReadCounts(Pipe[0], Counts);
+    const long DuringB = RssKiB(N.B.Pid);
+    Stop(Flooder);
+    usleep(1500000);
+    printf("%s:\n", pTitle);
+    printf("  sends accepted %ld, refused with ENOBUFS %ld\n", Counts[0], Counts[1]);
+    printf("  linxd of a: %ld KiB before, %ld KiB at most during, %ld KiB 1.5 s after; linxd of b: %ld KiB "
+           "before, %ld KiB at the end\n",
+           BeforeA, During.MostRssKiB, RssKiB(N.A.Pid), BeforeB, DuringB);
+    printf("  honest pings across the link, 10 ms apart: %d of %d answered within 1 s, median %.0f us (quiet "
+           "%.0f us)\n",
+           During.Answered, During.Sent, During.MedianUs, Quiet);
+    printf("  lines \"link b is down\" on a: %d\n", CountLines(ReadWhole(N.A.Log), "link b is down"));
+    linx_close(pLinx);
+    for (pid_t Child : {Sink, Echo})
+        Stop(Child);
+    close(Pipe[0]);
+    close(Pipe[1]);
+    StopNode(N.A);
+    StopNode(N.B);
+}
+
+void HuntsBeyondTheBound(const std::string &Tag)
+{
+    LinkedNodes N = StartLinked(Tag);
+    const pid_t Echo = StartEcho(N.B.Instance, "echo");
+    int Pipe[2];
+    if (pipe(Pipe) != 0)
+        Fail("pipe");
+    const pid_t Hunter = Start(N.A.Instance, "hunter", [&](LINX *pFirst) {
+        std::vector<LINX *> Sockets = {pFirst};
+        while (Sockets.size() < 18)
+            Sockets.push_back(linx_open(("hunter" + std::to_string(Sockets.size())).c_str(), 0, nullptr));
+        long Counts[2] = {0, 0};
+        for (int i = 0; i < 70000; i++)
+            Counts[linx_hunt(Sockets[i % 18], ("b/absent-" + std::to_string(i)).c_str(), nullptr) == 0 ? 0 : 1]++;
+        (void)!write(Pipe[1], Counts, sizeof Counts);
+        pause();
+    });
+    long Counts[2];
+    ReadCounts(Pipe[0], Counts);
+    usleep(500000);
+    LINX *pLinx = OpenOn(N.A.Instance, "other");
+    const double Start = NowUs();
+    linx_hunt(pLinx, "b/echo", nullptr);
+    union LINX_SIGNAL *pSig = nullptr;
+    const bool bAnswered = linx_receive_w_tmo(pLinx, &pSig, 5000, nullptr) > 0;
+    const double Took = NowUs() - Start;
+    linx_free_buf(pLinx, &pSig);
+    usleep(2000000);
+    printf("70000 hunts for absent names behind a link, from one process over 18 sockets:\n");
+    printf("  %ld taken, %ld refused; lines \"link b is down\" on a within 2.5 s: %d; linxd of a %ld KiB, of b "
+           "%ld KiB\n",
+           Counts[0], Counts[1], CountLines(ReadWhole(N.A.Log), "link b is down"), RssKiB(N.A.Pid),
+           RssKiB(N.B.Pid));
+    if (bAnswered)
+        printf("  another process's hunt across the link answered in %.0f us\n", Took);
+    else
+        printf("  another process's hunt across the link: no answer within 5 s\n");
+    linx_close(pLinx);
+    for (pid_t Child : {Hunter, Echo})
+        Stop(Child);
+    close(Pipe[0]);
+    close(Pipe[1]);
+    StopNode(N.A);
+    StopNode(N.B);
+}
+
+void HalfOpenConnections(const std::string &Tag)
+{
+    const std::string Secret = "/tmp/" + Tag + ".secret";
+    unlink(Secret.c_str());
+    waitpid(Spawn({LinxdPath(), "--make-secret", Secret}), nullptr, 0);
+    const uint16_t Port = FreePort();
+    BenchNode Node =
+        StartNode(Tag, {"--secret", Secret, "--listen", "tcp:127.0.0.1:" + std::to_string(Port), "--link-timeout",
+                        "3000"});
+    const long Before = RssKiB(Node.Pid);
+    struct sockaddr_in Addr = {};
+    Addr.sin_family = AF_INET;
+    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    Addr.sin_port = htons(Port);
+    std::vector<int> Fds;
+    long Most = Before;
+    for (int i = 0; i < 3000; i++) {
+        const int Fd = socket(AF_INET, SOCK_STREAM, 0);
+        if (connect(Fd, (struct sockaddr *)&Addr, sizeof Addr) == 0)
+            Fds.push_back(Fd);
+        else
+            close(Fd);
+        if (i % 100 == 0)
+            Most = std::max(Most, RssKiB(Node.Pid));
+    }
+    for (int i = 0; i < 20; i++, usleep(50000))
+        Most = std::max(Most, RssKiB(Node.Pid));
+    for (const int Fd : Fds)
+        close(Fd);
+    usleep(4000000);
+    printf("3000 TCP connections that never finish the TLS hello, closed after 1 s:\n");
+    printf("  %zu connected; linxd %ld KiB before, %ld KiB at most, %ld KiB 4 s after they went; %d lines "
+           "about them\n",
+           Fds.size(), Before, Most, RssKiB(Node.Pid), CountLines(ReadWhole(Node.Log), "link connection"));
+    StopNode(Node);
+    unlink(Secret.c_str());
 }
 
 } // namespace
 
 int main()
 {
-    const std::string Instance = "bench-floods-" + std::to_string(getpid());
-    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
-    LINX *pLinx = linx_open("never-reads", 0, nullptr);
-    if (pLinx == nullptr)
-        Fail("linx_open");
-    SelectiveReceiverFlood(pLinx);
-    NeverReadingClient(pLinx, Instance);
-    linx_close(pLinx);
+    signal(SIGPIPE, SIG_IGN);
+    struct rlimit Limit;
+    if (getrlimit(RLIMIT_NOFILE, &Limit) == 0) {
+        Limit.rlim_cur = Limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &Limit);
+    }
+    const std::string Tag = "bench-floods-" + std::to_string(getpid());
+    BenchNode One = StartNode(Tag, {});
+    SelectiveReceiverFlood(One.Instance);
+    NeverReadingClient(One);
+    StopNode(One);
+    FloodAcrossLink("A process keeps its ring to an endpoint behind a link full of 64 KiB signals", Tag + "-ph",
+                    "b/sink", [](LINX *p) { LinxEchoLoop(p, false, kStop); });
+    FloodAcrossLink("A receiver behind a link that never reads, flooded across it", Tag + "-deaf", "b/deaf",
+                    [](LINX *) { pause(); });
+    HuntsBeyondTheBound(Tag + "-hunts");
+    HalfOpenConnections(Tag + "-tls");
     return 0;
 }

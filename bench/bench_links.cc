@@ -19,8 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "bench_util.h"
-#include "linx.h"
+#include "bench_nodes.h"
 
 namespace {
 
@@ -29,43 +28,6 @@ constexpr uint32_t kStop = 0x31;
 constexpr int kRounds = 5000;
 constexpr int kOneWay = 200000;
 constexpr size_t kBytes = 64;
-
-std::string LinxdPath()
-{
-    Dl_info Info;
-    dladdr((void *)&linx_open, &Info);
-    const std::string Path = Info.dli_fname;
-    return Path.substr(0, Path.rfind('/') + 1) + "linxd";
-}
-
-pid_t Spawn(const std::vector<std::string> &Args)
-{
-    const pid_t Child = fork();
-    if (Child == 0) {
-        std::vector<char *> Raw;
-        for (const std::string &Arg : Args)
-            Raw.push_back((char *)Arg.c_str());
-        Raw.push_back(nullptr);
-        const int Null = open("/dev/null", O_WRONLY);
-        dup2(Null, 2);
-        execv(Raw[0], Raw.data());
-        _exit(127);
-    }
-    return Child;
-}
-
-uint16_t FreePort()
-{
-    const int Fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in Addr = {};
-    Addr.sin_family = AF_INET;
-    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t Len = sizeof Addr;
-    if (bind(Fd, (struct sockaddr *)&Addr, sizeof Addr) != 0 || getsockname(Fd, (struct sockaddr *)&Addr, &Len) != 0)
-        Fail("port");
-    close(Fd);
-    return ntohs(Addr.sin_port);
-}
 
 void Exactly(int Fd, char *p, size_t Bytes, bool bWrite)
 {
@@ -117,12 +79,6 @@ double RawTcpRoundTripUs()
     close(Listener);
     waitpid(Echo, nullptr, 0);
     return Median(Samples);
-}
-
-LINX *OpenOn(const std::string &Instance, const char *pName)
-{
-    setenv("LINXD_INSTANCE", Instance.c_str(), 1);
-    return linx_open(pName, 0, nullptr);
 }
 
 // A process on instance Peer that echoes (or only takes) signals.

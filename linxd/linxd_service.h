@@ -1,8 +1,8 @@
 /*
  * linxd_service.h - the state of the linxd service, shared by the files
  * that implement it: the loop, clients and requests (linxd.cc), the rings
- * and routes between processes with the phantoms' rings (linxd_routes.cc),
- * and the links to other nodes.
+ * and routes between processes (linxd_routes.cc), the links to other nodes
+ * (linxd_nodes.cc) and the phantoms of their endpoints (linxd_phantoms.cc).
  *
  * Everything here belongs to the service's one thread: nothing is locked.
  * The counter region and the ready sets are shared with the clients, and
@@ -267,8 +267,8 @@ private:
     bool jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy);
     void jForward(const Socket &Phantom, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes);
 
-    // Rings and routes between processes, and the phantoms' rings
-    // (linxd_routes.cc)
+    // Rings and routes between processes (linxd_routes.cc), and the
+    // phantoms' rings (linxd_phantoms.cc)
     bool jMakeReadySet(Socket &S);
     bool jMakeRetiredSet(Socket &S);
     void jFreeRingSets(Socket &S);
