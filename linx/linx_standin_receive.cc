@@ -287,16 +287,13 @@ void jTakeRetired(StandinSocket &S)
 // before the mark to the local queue if the queue has room.
 bool jPassMark(StandinSocket &S, const RingMark &Mark)
 {
-    auto Reached = [&Mark](const RingSetEntry *pE) {
-        return pE == nullptr || pE->Serial != Mark.Serial || (int64_t)(Mark.Position - pE->Reader.head) <= 0;
-    };
-    RingSetEntry *pE = RingSetFind(&S.Rings, Mark.Index);
-    if (Reached(pE))
+    if (RingSetReached(&S.Rings, Mark))
         return true;
+    RingSetEntry *pE = RingSetFind(&S.Rings, Mark.Index);
     if (pE->Place == RingPlace::Held || !jParkRing(S, Mark.Index, Mark.Position))
         return false;
     pE = RingSetFind(&S.Rings, Mark.Index);
-    return Reached(pE) || !linxd_ring_waiting(&pE->Reader); // read to its end: a mark beyond it is passed
+    return RingSetReached(&S.Rings, Mark) || !linxd_ring_waiting(&pE->Reader); // read to its end: a mark beyond it is passed
 }
 
 // Queues the attach signals whose rings have been read to their marks, in
@@ -324,11 +321,9 @@ void jAfterRings(StandinSocket &S, Pending &&Signal)
     RingBarrier Barrier;
     Barrier.Signal = std::move(Signal);
     auto MarkRing = [&](uint32_t Index) {
-        RingSetEntry &E = S.Rings.Rings[Index];
-        const uint64_t Tail = __atomic_load_n(&E.Reader.header->tail, __ATOMIC_ACQUIRE);
-        const uint64_t Position = Tail - E.Reader.head > E.Reader.capacity ? jOneRing(E) : Tail;
-        if (Position != E.Reader.head)
-            Barrier.Marks.push_back({Index, E.Serial, Position});
+        RingMark Mark;
+        if (RingSetMarkNow(&S.Rings, Index, &Mark))
+            Barrier.Marks.push_back(Mark);
     };
     std::for_each(S.Rings.Turns.begin(), S.Rings.Turns.end(), MarkRing);
     std::for_each(S.Rings.Held.begin(), S.Rings.Held.end(), MarkRing);

@@ -43,13 +43,7 @@ struct Pending {
 };
 
 // An attach signal that waits until the rings have been read as far as
-// they held when it came: to Position in the ring at Index (of that Serial).
-struct RingMark {
-    uint32_t Index;
-    uint64_t Serial;
-    uint64_t Position;
-};
-
+// they held when it came.
 struct RingBarrier {
     Pending Signal;
     std::vector<RingMark> Marks;

@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -399,13 +400,13 @@ Socket *Service::jNewSocket(const std::string &Name, pid_t Pid, int *pError)
 // before its owner does.
 void Service::jNameAppeared(const std::string &Name, uint32_t Spid, bool bAfterReply)
 {
-    auto Range = mHunts.equal_range(Name);
     std::vector<Hunt> Answered;
-    for (auto It = Range.first; It != Range.second; ++It) {
-        jUnhold(It->second.Requester);
+    for (auto It = mHunts.find(Name); It != mHunts.end(); It = mHunts.find(Name)) {
         Answered.push_back(std::move(It->second));
+        mHunts.erase(It);
+        jUnhold(Answered.back().Requester);
+        jHuntGone(Name, Answered.back());
     }
-    mHunts.erase(Range.first, Range.second);
     for (Hunt &H : Answered) {
         if (bAfterReply)
             mAfterReply.push_back({H.OnBehalf, Spid, std::move(H.Signal)});
@@ -414,9 +415,12 @@ void Service::jNameAppeared(const std::string &Name, uint32_t Spid, bool bAfterR
     }
     for (auto &Entry : mLinks) {
         Link &L = Entry.second;
-        if (L.bUp && L.Wanted.erase(Name) != 0)
-            jAnnounce(L, Spid);
+        std::string Why;
+        if (L.bUp && L.Wanted.erase(Name) != 0 && !jAnnounce(L, Spid, &Why))
+            RefusalSay(&mRefusals, "link " + L.Name, Why,
+                       "linxd: did not answer link " + L.Name + "'s hunt for " + Name + ": " + Why);
     }
+    jUnseek(Name);
 }
 
 Reply Service::jRegister(Client &C, const std::string &Name)
@@ -478,11 +482,69 @@ Reply Service::jHunt(Client &C, uint32_t OnBehalf, const std::string &Name, std:
         jDeliver(OnBehalf, Named->second.front(), Signal);
         return jValue(0);
     }
-    if (!jHold(C.Spid))
+    if (!jMayHuntAcross(C, Name) || !jHold(C.Spid))
         return jError(ENOBUFS);
-    mHunts.insert({Name, Hunt{C.Spid, OnBehalf, std::move(Signal)}});
+    const Hunt &H = mHunts.insert({Name, Hunt{C.Spid, OnBehalf, C.Pid, std::move(Signal)}})->second;
+    jHuntTaken(Name, H);
     jSeekRemote(Name, nullptr);
     return jValue(0);
+}
+
+namespace {
+
+// A hunt for a name with a slash goes across the link its first part
+// names (or waits for one of that name).
+bool jAcross(const std::string &Name, std::string *pLink)
+{
+    std::string Rest;
+    return jPathBehindLink(Name, pLink, &Rest);
+}
+
+} // namespace
+
+// Whether the caller may have one more hunt pending for Name: across links
+// a process holds at most kMaxHuntsAcrossPerProcess, and the processes here
+// ask for at most kMaxHuntedPerLink names behind one link, so no peer is
+// asked for more than it takes, after a reconnect too.
+bool Service::jMayHuntAcross(const Client &C, const std::string &Name)
+{
+    std::string Link;
+    if (!jAcross(Name, &Link))
+        return true;
+    auto Mine = mHuntsAcross.find(C.Pid);
+    auto Behind = mNamesBehind.find(Link);
+    std::string Why;
+    if (Mine != mHuntsAcross.end() && Mine->second >= kMaxHuntsAcrossPerProcess)
+        Why = std::to_string(kMaxHuntsAcrossPerProcess) + " of its hunts across links wait already";
+    else if (mHunts.count(Name) == 0 && Behind != mNamesBehind.end() && Behind->second >= kMaxHuntedPerLink)
+        Why = std::to_string(kMaxHuntedPerLink) + " names behind link " + Link + " are hunted for already";
+    if (Why.empty())
+        return true;
+    jRefuse(C.Pid, "a hunt", Why);
+    return false;
+}
+
+// Counts a hunt just entered in mHunts (the first for its name counts the
+// name too), and uncounts one just erased.
+void Service::jHuntTaken(const std::string &Name, const Hunt &H)
+{
+    std::string Link;
+    if (!jAcross(Name, &Link))
+        return;
+    mHuntsAcross[H.Pid]++;
+    if (mHunts.count(Name) == 1)
+        mNamesBehind[Link]++;
+}
+
+void Service::jHuntGone(const std::string &Name, const Hunt &H)
+{
+    std::string Link;
+    if (!jAcross(Name, &Link))
+        return;
+    if (--mHuntsAcross[H.Pid] == 0)
+        mHuntsAcross.erase(H.Pid);
+    if (mHunts.count(Name) == 0 && --mNamesBehind[Link] == 0)
+        mNamesBehind.erase(Link);
 }
 
 Reply Service::jAttach(Client &C, uint32_t Target, std::string Signal)
@@ -491,7 +553,7 @@ Reply Service::jAttach(Client &C, uint32_t Target, std::string Signal)
         return jError(ENOBUFS);
     const uint32_t Ref = jNewRef();
     if (jFindSocket(Target) == nullptr) {
-        jDeliver(C.Spid, Target, Signal, 0, true); // not open: it is already gone
+        jDeliver(C.Spid, Target, Signal, true); // not open: it is already gone
         return jValue(Ref);
     }
     if (!jHold(C.Spid))
@@ -581,30 +643,61 @@ Reply Service::jSpidsAbove(uint32_t After, uint32_t Room) const
     return R;
 }
 
-// Queues a signal for socket To, as sent by From: one of linxd's own, or
-// one that came over a link.  A phantom's goes on over its link.  Only the
-// attributes a signal may have pass: no peer can make a signal look like
-// linxd's word about a ring.  An attach signal (bAfterRings) is marked so
-// that its receiver delivers it after what the rings held when it came.
-void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes,
-                       bool bAfterRings)
+namespace {
+
+std::string jDatagram(uint32_t To, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes)
+{
+    const linxd_signal_header Header = {From, To, Size, Attributes};
+    std::string Datagram((const char *)&Header, sizeof Header);
+    Datagram.append(pPayload, Size);
+    return Datagram;
+}
+
+uint32_t jPayloadBytes(const Waiting &W)
+{
+    return (uint32_t)(W.Datagram.size() - sizeof(linxd_signal_header));
+}
+
+} // namespace
+
+// Queues one of linxd's own signals for socket To, as sent by From.  An
+// attach signal (bAfterRings) is marked so that its receiver delivers it
+// after what the rings held when it came.
+void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, bool bAfterRings)
 {
     Socket *pS = jFindSocket(To);
     if (pS == nullptr)
         return;
-    Attributes &= LINXD_SIGNAL_ATTRIBUTES;
-    if (pS->Link != 0) {
-        jForward(*pS, From, Signal.data(), (uint32_t)Signal.size(), Attributes);
-        return;
-    }
-    if (bAfterRings)
-        Attributes |= LINXD_AFTER_RINGS;
-    const linxd_signal_header Header = {From, To, (uint32_t)Signal.size(), Attributes};
-    pS->Backlog.push_back(std::string((const char *)&Header, sizeof Header) + Signal);
-    pS->BacklogBytes += pS->Backlog.back().size();
-    mBacklogBytes += pS->Backlog.back().size();
-    __atomic_add_fetch(&pS->pReady->counters.queued, 1, __ATOMIC_RELAXED);
-    jFlushBacklog(*pS);
+    Waiting W;
+    W.Datagram = jDatagram(To, From, Signal.data(), (uint32_t)Signal.size(), bAfterRings ? LINXD_AFTER_RINGS : 0);
+    jQueue(*pS, std::move(W));
+}
+
+// Queues a signal that came over link L for socket To (for a phantom: to
+// go on over its own link), as sent by From.  Only the attributes a signal
+// may have pass: no peer can make a signal look like linxd's word about a
+// ring.  The link is told when it has left here.
+void Service::jDeliverFromLink(const Link &L, uint32_t To, uint32_t From, const char *pPayload, uint32_t Size,
+                               uint32_t Attributes)
+{
+    Socket *pS = jFindSocket(To);
+    if (pS == nullptr)
+        return; // it closed on the way: the peer hears of it
+    Waiting W;
+    W.Datagram = jDatagram(To, From, pPayload, Size, Attributes & LINXD_SIGNAL_ATTRIBUTES);
+    W.Link = L.Id;
+    W.ConnSerial = L.ConnSerial;
+    jQueue(*pS, std::move(W));
+}
+
+void Service::jQueue(Socket &S, Waiting &&W)
+{
+    S.BacklogBytes += W.Datagram.size();
+    mBacklogBytes += W.Datagram.size();
+    if (S.Link == 0)
+        __atomic_add_fetch(&S.pReady->counters.queued, 1, __ATOMIC_RELAXED);
+    S.Backlog.push_back(std::move(W));
+    jFlushBacklog(S);
 }
 
 // Whether a signal of linxd's may still be promised to socket Spid.
@@ -625,10 +718,29 @@ void Service::jDropBacklog(Socket &S)
     S.Backlog.clear();
 }
 
+// The signal at the front of the backlog has left (to its receiver, or
+// dropped): the link it came from may send more.
+void Service::jPopBacklog(Socket &S)
+{
+    const Waiting &W = S.Backlog.front();
+    jCredit(W, S.Spid);
+    S.BacklogBytes -= W.Datagram.size();
+    mBacklogBytes -= W.Datagram.size();
+    S.Backlog.pop_front();
+}
+
+// Hands what waits to the owner's outlet as far as it takes it (a
+// phantom's goes on over its link); the rest waits for epoll to say that
+// there is room.
 void Service::jFlushBacklog(Socket &S)
 {
+    if (S.Link != 0) {
+        if (Link *pL = jLinkOf(S))
+            jFlushRelays(S, *pL);
+        return;
+    }
     while (!S.Backlog.empty()) {
-        const std::string &Datagram = S.Backlog.front();
+        const std::string &Datagram = S.Backlog.front().Datagram;
         if (send(S.InletFd, Datagram.data(), Datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
             if (errno == EAGAIN) {
                 // Queue full: try again when the owner has read some.
@@ -642,15 +754,13 @@ void Service::jFlushBacklog(Socket &S)
             // else the owner is gone and its end is being seen to.
             if (errno == EMSGSIZE)
                 RefusalSay(&mRefusals, S.Name, "too large",
-                           "linxd: dropped a signal of " + std::to_string(Datagram.size() - sizeof(linxd_signal_header)) +
+                           "linxd: dropped a signal of " + std::to_string(jPayloadBytes(S.Backlog.front())) +
                                " bytes for " + S.Name + ": larger than its queue");
             __atomic_sub_fetch(&S.pReady->counters.queued, 1, __ATOMIC_RELAXED);
         } else {
             __atomic_add_fetch(&mpSlots[S.Slot].outlet_signals, 1, __ATOMIC_RELEASE);
         }
-        S.BacklogBytes -= Datagram.size();
-        mBacklogBytes -= Datagram.size();
-        S.Backlog.pop_front();
+        jPopBacklog(S);
     }
     if (S.bWatchingInlet)
         epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.InletFd, nullptr);
@@ -663,7 +773,7 @@ void Service::jCloseSocket(uint32_t Spid)
     if (It == mSockets.end())
         return;
     Socket &S = It->second;
-    jSocketClosing(S);
+    std::map<uint32_t, std::vector<PhantomMark>> Behind = jSocketClosing(S);
     std::vector<uint32_t> &Named = mNames[S.Name];
     Named.erase(std::find(Named.begin(), Named.end(), Spid));
     if (Named.empty())
@@ -679,21 +789,34 @@ void Service::jCloseSocket(uint32_t Spid)
         pL->Phantoms.erase(S.RemoteSpid);
     for (auto &Entry : mLinks) {
         Link &L = Entry.second;
-        if (L.Told.erase(Spid) != 0 && L.bUp)
-            jSendFrame(L, LinkFrame::Gone, LinkWords({Spid}));
+        L.Credits.erase(Spid);
+        auto Marks = Behind.find(L.Id);
+        if (Marks != Behind.end())
+            jGoneBehindRings(L, S, std::move(Marks->second));
+        else if (L.Told.count(Spid) != 0)
+            jSayGone(L, Spid);
     }
     memset(&mpSlots[S.Slot], 0, sizeof(linxd_slot));
     mFreeSlots.push_back(S.Slot);
     jDropBacklog(S);
     mSockets.erase(It);
+    mFreedSome = true;
 
     // What others requested about the closed socket no longer counts for them.
+    std::set<std::string> Unhunted;
     for (auto H = mHunts.begin(); H != mHunts.end();) {
-        const bool bDropped = H->second.OnBehalf == Spid || H->second.Requester == Spid;
-        if (bDropped)
-            jUnhold(H->second.Requester);
-        H = bDropped ? mHunts.erase(H) : ++H;
+        if (H->second.OnBehalf != Spid && H->second.Requester != Spid) {
+            ++H;
+            continue;
+        }
+        jUnhold(H->second.Requester);
+        const std::pair<const std::string, Hunt> Dropped = *H;
+        H = mHunts.erase(H);
+        jHuntGone(Dropped.first, Dropped.second);
+        Unhunted.insert(Dropped.first);
     }
+    for (const std::string &Name : Unhunted)
+        jUnseek(Name);
     std::vector<Attach> Fired;
     for (auto A = mAttaches.begin(); A != mAttaches.end();) {
         const bool bDropped = A->second.Target == Spid || A->second.Attacher == Spid;
@@ -714,7 +837,7 @@ void Service::jCloseSocket(uint32_t Spid)
     for (auto L = mNewLinks.begin(); L != mNewLinks.end();)
         L = L->second == Spid ? mNewLinks.erase(L) : ++L;
     for (const Attach &A : Fired)
-        jDeliver(A.Attacher, Spid, A.Signal, 0, true);
+        jDeliver(A.Attacher, Spid, A.Signal, true);
 }
 
 void Service::jDropClient(int Fd)
@@ -766,6 +889,10 @@ int Service::jNextTimeoutMs()
     const int SummaryDue = RefusalNextMs(&mRefusals);
     if (SummaryDue >= 0)
         Wait = Wait < 0 ? SummaryDue : std::min<int64_t>(Wait, SummaryDue);
+    if (mFreedSome) {
+        const int64_t GiveBackDue = std::max<int64_t>(0, mLastGivenBackMs + 1000 - Now);
+        Wait = Wait < 0 ? GiveBackDue : std::min(Wait, GiveBackDue);
+    }
     return (int)std::min<int64_t>(Wait, 60000);
 }
 
@@ -826,11 +953,26 @@ int Service::Step(int TimeoutMs)
         jFlushLinks();
     }
     RefusalFlush(&mRefusals);
+    jGiveBackMemory();
     const bool bIdle = jIdle();
     if (bIdle && !mWasIdle)
         mIdleSinceMs = jNowMs();
     mWasIdle = bIdle;
     return std::max(Count, 0);
+}
+
+// What sockets and connections that went away held goes back to the
+// system, at most once a second: the allocator keeps freed memory for
+// reuse, and a flood of connections that came and went would otherwise
+// stay in linxd's resident size.
+void Service::jGiveBackMemory()
+{
+    const int64_t Now = jNowMs();
+    if (!mFreedSome || Now - mLastGivenBackMs < 1000)
+        return;
+    malloc_trim(0);
+    mFreedSome = false;
+    mLastGivenBackMs = Now;
 }
 
 // Whether the service is back to where it started: no client, socket,
@@ -839,6 +981,7 @@ bool Service::HoldsNothing() const
 {
     return mClients.empty() && mSockets.empty() && mNames.empty() && mHunts.empty() && mAttaches.empty() &&
            mTimers.empty() && mTimerOrder.empty() && mNewLinks.empty() && mAfterReply.empty() && mLinks.empty() &&
+           mHuntsAcross.empty() && mNamesBehind.empty() &&
            mBacklogBytes == 0 && mFreeSlots.size() == mUnusedSlots && mProcesses.empty();
 }
 

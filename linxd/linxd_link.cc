@@ -29,6 +29,21 @@ namespace {
 
 // The largest frame: a signal of the largest size and its three words.
 constexpr uint32_t kMaxFrameBody = 12 + LINXD_MAX_SIGNAL_BYTES;
+// What a connection's buffers keep of their room once they are empty: more
+// than a busy link fills them with each turn (the service stops reading
+// for a link at 1 MiB), so that they are not grown again every turn; only
+// what a burst beyond that took goes back.  The sent part of Out is cut
+// off once it is a frame's worth and half of Out, so a link that is never
+// quite drained does not grow.
+constexpr size_t kBufferKeepBytes = 2u << 20;
+constexpr size_t kCutBytes = kMaxFrameBody;
+
+// Gives back the room of an emptied buffer that grew large.
+void jShrinkIfEmpty(std::string *pBuffer)
+{
+    if (pBuffer->empty() && pBuffer->capacity() > kBufferKeepBytes)
+        std::string().swap(*pBuffer);
+}
 // The identity both ends name in the handshake; the key is what counts.
 constexpr const char *kPskIdentity = "linxd-link";
 
@@ -163,6 +178,16 @@ bool jHandshake(LinkConn *pConn, std::string *pWhy)
     return false;
 }
 
+// Cuts the sent part off a partly sent Out once it is large.  SSL_write
+// may be given a moved buffer (SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER).
+void jCutSent(LinkConn *pConn)
+{
+    if (pConn->OutSent >= kCutBytes && 2 * pConn->OutSent >= pConn->Out.size()) {
+        pConn->Out.erase(0, pConn->OutSent);
+        pConn->OutSent = 0;
+    }
+}
+
 // Reads everything the connection holds into In.
 bool jReadAll(LinkConn *pConn, std::string *pWhy)
 {
@@ -190,6 +215,7 @@ bool jReadAll(LinkConn *pConn, std::string *pWhy)
         }
         pConn->In.erase(0, pConn->InTaken); // at most a part of one frame stays
         pConn->InTaken = 0;
+        jShrinkIfEmpty(&pConn->In);
         pConn->In.append(Buffer, (size_t)Got);
         if (pConn->pSsl == nullptr && (size_t)Got < sizeof Buffer)
             return true; // the socket is empty; epoll says when more comes
@@ -302,6 +328,7 @@ SSL_CTX *LinkTlsContext(const LinkSecret *pSecret)
     // The key is used with a SHA-256 suite and, on top of it, an ephemeral
     // key exchange (psk_dhe_ke): a stolen secret does not open old traffic.
     SSL_CTX_set_ciphersuites(pTls, "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256");
+    // Partial writes, from an Out that moves when its sent part is cut.
     SSL_CTX_set_mode(pTls, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_app_data(pTls, (void *)pSecret);
     SSL_CTX_set_psk_client_callback(pTls, jClientKey);
@@ -320,7 +347,7 @@ int LinkListen(const LinkAddress &Address, std::string *pWhy)
         const int Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         struct sockaddr_un Addr;
         const socklen_t Len = jUnixLinkAddress(Address.Instance, &Addr);
-        if (Fd >= 0 && bind(Fd, (struct sockaddr *)&Addr, Len) == 0 && listen(Fd, 64) == 0)
+        if (Fd >= 0 && bind(Fd, (struct sockaddr *)&Addr, Len) == 0 && listen(Fd, SOMAXCONN) == 0)
             return Fd;
         *pWhy = "cannot listen on " + LinkAddressText(Address) + ": " + strerror(errno);
         if (Fd >= 0)
@@ -336,7 +363,7 @@ int LinkListen(const LinkAddress &Address, std::string *pWhy)
         const int One = 1;
         if (Fd >= 0)
             setsockopt(Fd, SOL_SOCKET, SO_REUSEADDR, &One, sizeof One);
-        if (Fd >= 0 && (bind(Fd, p->ai_addr, p->ai_addrlen) != 0 || listen(Fd, 64) != 0)) {
+        if (Fd >= 0 && (bind(Fd, p->ai_addr, p->ai_addrlen) != 0 || listen(Fd, SOMAXCONN) != 0)) {
             *pWhy = "cannot listen on " + LinkAddressText(Address) + ": " + strerror(errno);
             close(Fd);
             Fd = -1;
@@ -437,8 +464,10 @@ bool LinkFlush(LinkConn *pConn, std::string *pWhy)
         if (pConn->pSsl != nullptr) {
             Sent = SSL_write(pConn->pSsl, p, (int)std::min<size_t>(Left, 1 << 20));
             if (Sent <= 0) {
-                if (jTlsWaits(pConn, (int)Sent))
+                if (jTlsWaits(pConn, (int)Sent)) {
+                    jCutSent(pConn);
                     return true;
+                }
                 *pWhy = "TLS: " + jTlsError();
                 return false;
             }
@@ -446,6 +475,7 @@ bool LinkFlush(LinkConn *pConn, std::string *pWhy)
             Sent = send(pConn->Fd, p, Left, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (Sent < 0 && (errno == EAGAIN || errno == EINTR)) {
                 pConn->bWantWrite = true;
+                jCutSent(pConn);
                 return true;
             }
             if (Sent < 0) {
@@ -457,6 +487,7 @@ bool LinkFlush(LinkConn *pConn, std::string *pWhy)
     }
     pConn->Out.clear();
     pConn->OutSent = 0;
+    jShrinkIfEmpty(&pConn->Out);
     return true;
 }
 

@@ -33,12 +33,15 @@ enum class LinkFrame : uint32_t {
     Hunt,      // a name the sender waits for
     Endpoint,  // spid, name: an endpoint of the sender's node, by its SPID there
     Gone,      // spid: that endpoint closed
-    Signal,    // from, to, attributes, payload
+    Signal,    // from, to, attributes, payload: to is an endpoint announced to the sender
     Heartbeat, // nothing: the sender is alive
+    Credit,    // spid, bytes: that many bytes of signals for the sender's endpoint left it
+    GoneSeen,  // spid: the sender knows that the receiver's endpoint closed
+    Unhunt,    // a name the sender no longer waits for
 };
 
 constexpr uint32_t kLinkMagic = 0x4B4E4C31u; // "1LNK"
-constexpr uint32_t kLinkVersion = 1;
+constexpr uint32_t kLinkVersion = 2;
 constexpr uint32_t kLinkFrameHeaderBytes = 8;
 
 // "unix:INSTANCE" (an instance of this host, this user) or "tcp:HOST:PORT".

@@ -120,8 +120,29 @@ void Service::jAcceptLink(int ListenFd)
             jRefuseLink(L.Conn.Peer, Why);
             continue;
         }
+        jMakeRoomForHalfOpen();
         AdmitLink(std::move(L.Conn));
     }
+}
+
+// At most kMaxHalfOpenLinks connections taken wait for their hello: the
+// oldest goes to make room for a new one (a peer of this user's finishes
+// its handshake in milliseconds, so it is rarely the oldest).
+void Service::jMakeRoomForHalfOpen()
+{
+    Link *pOldest = nullptr;
+    size_t HalfOpen = 0;
+    for (auto &Entry : mLinks) {
+        Link &L = Entry.second;
+        if (L.bUp || L.bDialed || L.Conn.Fd < 0)
+            continue;
+        HalfOpen++;
+        if (pOldest == nullptr || L.SinceMs < pOldest->SinceMs)
+            pOldest = &L;
+    }
+    if (HalfOpen >= kMaxHalfOpenLinks)
+        jLinkDown(*pOldest, "dropped for a newer connection: " + std::to_string(kMaxHalfOpenLinks) +
+                                " waited for their hello");
 }
 
 // A connection a peer dialled; it becomes a link when its hello comes.
@@ -130,6 +151,7 @@ void Service::AdmitLink(LinkConn &&Conn)
     Link L;
     L.Conn = std::move(Conn);
     L.Id = ++mNextLinkId;
+    L.ConnSerial = ++mConnSerials;
     L.SinceMs = jNowMs();
     L.Watched = EPOLLIN;
     jWatch(Watch::Link, L.Conn.Fd, L.Id, EPOLLIN, EPOLL_CTL_ADD);
@@ -145,6 +167,7 @@ void Service::jDial(Link &L)
         return;
     }
     L.bDialed = true;
+    L.ConnSerial = ++mConnSerials;
     L.SinceMs = jNowMs();
     L.Watched = EPOLLIN | EPOLLOUT;
     jWatch(Watch::Link, L.Conn.Fd, L.Id, L.Watched, EPOLL_CTL_ADD);
@@ -233,32 +256,39 @@ bool Service::jLinkFrame(Link &L, uint32_t Type, const std::string &Body, std::s
     }
     switch ((LinkFrame)Type) {
     case LinkFrame::Hunt:
-        if (jValidName(Body))
+    case LinkFrame::Unhunt:
+        if (!jValidName(Body)) {
+            *pWhy = "a hunt for a name that cannot be";
+            return false;
+        }
+        if ((LinkFrame)Type == LinkFrame::Hunt)
             return jPeerHunt(L, Body, pWhy);
-        *pWhy = "a hunt for a name that cannot be";
-        return false;
+        if (L.Wanted.erase(Body) != 0)
+            jUnseek(Body);
+        return true;
     case LinkFrame::Endpoint:
         if (Body.size() > 4 && LinkWord(Body, 0) != 0 && jValidName(Body.substr(4)))
             return jAddPhantom(L, LinkWord(Body, 0), Body.substr(4), pWhy);
         *pWhy = "an endpoint frame that does not hold together";
         return false;
     case LinkFrame::Gone:
+        if (Body.size() == 4)
+            return jGoneFrame(L, Body);
+        break;
+    case LinkFrame::GoneSeen:
         if (Body.size() != 4)
             break;
-        if (L.Phantoms.count(LinkWord(Body, 0)) != 0)
-            jCloseSocket(L.Phantoms[LinkWord(Body, 0)]);
+        L.Departed.erase(LinkWord(Body, 0));
         return true;
-    case LinkFrame::Signal: {
-        if (Body.size() < 12 + sizeof(uint32_t))
+    case LinkFrame::Credit:
+        if (Body.size() != 8)
             break;
-        auto From = L.Phantoms.find(LinkWord(Body, 0));
-        if (From == L.Phantoms.end()) {
-            *pWhy = "a signal from an endpoint it never announced";
-            return false;
-        }
-        jDeliver(LinkWord(Body, 1), From->second, Body.substr(12), LinkWord(Body, 2));
+        jTakeCredit(L, LinkWord(Body, 0), LinkWord(Body, 1));
         return true;
-    }
+    case LinkFrame::Signal:
+        if (Body.size() >= 12 + sizeof(uint32_t))
+            return jSignalFrame(L, Body, pWhy);
+        break;
     case LinkFrame::Heartbeat:
         if (Body.empty())
             return true;
@@ -269,6 +299,40 @@ bool Service::jLinkFrame(Link &L, uint32_t Type, const std::string &Body, std::s
     }
     *pWhy = "a frame of type " + std::to_string(Type) + " and " + std::to_string(Body.size()) + " bytes";
     return false;
+}
+
+// A signal from an endpoint the peer announced, for one of ours it was
+// told of.  One for an endpoint of ours that closed since (the peer has
+// not confirmed the close yet) is dropped, as a signal sent to a socket
+// that closed is; one for an endpoint the peer was never told of breaks
+// the rules.
+bool Service::jSignalFrame(Link &L, const std::string &Body, std::string *pWhy)
+{
+    auto From = L.Phantoms.find(LinkWord(Body, 0));
+    if (From == L.Phantoms.end()) {
+        *pWhy = "a signal from an endpoint it never announced";
+        return false;
+    }
+    const uint32_t To = LinkWord(Body, 1);
+    if (L.Told.count(To) == 0) {
+        *pWhy = "a signal for an endpoint never announced to it";
+        return L.Departed.count(To) != 0;
+    }
+    jDeliverFromLink(L, To, From->second, Body.data() + 12, (uint32_t)(Body.size() - 12), LinkWord(Body, 2));
+    return true;
+}
+
+// The peer's endpoint closed: its phantom closes (its attaches fire), and
+// the peer hears that this node knows, so that it forgets the endpoint.
+bool Service::jGoneFrame(Link &L, const std::string &Body)
+{
+    const uint32_t RemoteSpid = LinkWord(Body, 0);
+    auto It = L.Phantoms.find(RemoteSpid);
+    if (It == L.Phantoms.end())
+        return true;
+    jCloseSocket(It->second);
+    jSendFrame(L, LinkFrame::GoneSeen, LinkWords({RemoteSpid}));
+    return true;
 }
 
 // The peer's hello.  A peer that dialled names the link with its node name;
@@ -339,6 +403,7 @@ void Service::jLinkDown(Link &L, const std::string &Why)
         epoll_ctl(mEpollFd, EPOLL_CTL_DEL, L.Conn.Fd, nullptr);
     LinkClose(&L.Conn);
     L.Conn = LinkConn();
+    mFreedSome = true;
     L.bUp = L.bPaused = L.bThrottled = L.bHelloSent = L.bDialed = false;
     L.Watched = 0;
     L.Broken.clear();
@@ -348,8 +413,14 @@ void Service::jLinkDown(Link &L, const std::string &Why)
     for (const uint32_t Spid : Phantoms)
         jCloseSocket(Spid);
     L.Told.clear();
+    L.Departed.clear();
+    L.GonesDue.clear();
+    L.Credits.clear();
     L.Asked.clear();
+    const std::set<std::string> Wanted = std::move(L.Wanted);
     L.Wanted.clear();
+    for (const std::string &Name : Wanted)
+        jUnseek(Name);
     L.NextDialMs = jNowMs() + L.RedialMs;
     L.RedialMs = std::min(2 * L.RedialMs, kLastRedialMs);
 }
@@ -360,43 +431,95 @@ void Service::jSendFrame(Link &L, LinkFrame Type, const std::string &Head, const
     L.LastSentMs = jNowMs();
 }
 
-void Service::jAnnounce(Link &L, uint32_t Spid)
+// Announces socket Spid to the peer: an open socket of this node, or one
+// whose close waits behind its process's rings.  false with *pWhy when it
+// is neither, or when the peer holds as many endpoints of this node as it
+// takes (those it knows and those whose close it has not confirmed).
+bool Service::jAnnounce(Link &L, uint32_t Spid, std::string *pWhy)
 {
     const Socket *pS = jFindSocket(Spid);
-    if (pS == nullptr)
-        return;
-    jSendFrame(L, LinkFrame::Endpoint, LinkWords({Spid}) + pS->Name);
+    const std::string *pName = pS != nullptr ? &pS->Name : nullptr;
+    for (const GoneAfterRings &Gone : L.GonesDue)
+        if (pName == nullptr && Gone.Spid == Spid)
+            pName = &Gone.Name;
+    char Why[96];
+    if (pName == nullptr)
+        snprintf(Why, sizeof Why, "its sender 0x%x is not open", Spid);
+    else if (L.Told.count(Spid) == 0 && L.Told.size() + L.Departed.size() >= kMaxPhantomsPerLink)
+        snprintf(Why, sizeof Why, "the peer knows %zu endpoints of this node already", kMaxPhantomsPerLink);
+    else
+        Why[0] = '\0';
+    *pWhy = Why;
+    if (!pWhy->empty())
+        return false;
+    jSendFrame(L, LinkFrame::Endpoint, LinkWords({Spid}) + *pName);
     L.Told.insert(Spid);
+    return true;
 }
 
-// Makes sure the peer knows socket Spid; false when it is not open.
-bool Service::jTell(Link &L, uint32_t Spid)
+// Makes sure the peer knows socket Spid.
+bool Service::jTell(Link &L, uint32_t Spid, std::string *pWhy)
 {
-    if (L.Told.count(Spid) == 0)
-        jAnnounce(L, Spid);
-    return L.Told.count(Spid) != 0;
+    return L.Told.count(Spid) != 0 || jAnnounce(L, Spid, pWhy);
+}
+
+// Tells the peer that socket Spid of this node closed, if it knew it.  The
+// socket stays departed until the peer confirms, so that a signal the peer
+// sent it meanwhile is told apart from one for an endpoint it never knew.
+void Service::jSayGone(Link &L, uint32_t Spid)
+{
+    if (L.Told.erase(Spid) == 0 || !L.bUp)
+        return;
+    jSendFrame(L, LinkFrame::Gone, LinkWords({Spid}));
+    L.Departed.insert(Spid);
 }
 
 // A hunt for "<link>/<rest>" asks the node behind the link for <rest>
-// (once, until it answers), if the link is up (and is pOnly, if given).
+// (once, until it answers or nobody here waits for it any more), if the
+// link is up (and is pOnly, if given).  The peer takes kMaxWantedPerLink
+// names at a time: beyond, the hunt waits here unasked, with a line.
 void Service::jSeekRemote(const std::string &Name, const Link *pOnly)
 {
-    const size_t Slash = Name.find('/');
-    if (Slash == std::string::npos || Slash + 1 == Name.size())
+    std::string LinkName, Rest;
+    if (!jPathBehindLink(Name, &LinkName, &Rest))
         return;
-    Link *pL = jFindLink(Name.substr(0, Slash));
-    if (pL == nullptr || !pL->bUp || (pOnly != nullptr && pL != pOnly))
+    Link *pL = jFindLink(LinkName);
+    if (pL == nullptr || !pL->bUp || (pOnly != nullptr && pL != pOnly) || pL->Asked.count(Rest) != 0)
         return;
-    const std::string Rest = Name.substr(Slash + 1);
-    if (pL->Asked.insert(Rest).second)
-        jSendFrame(*pL, LinkFrame::Hunt, Rest);
+    if (pL->Asked.size() >= kMaxWantedPerLink) {
+        RefusalSay(&mRefusals, "link " + LinkName, "asked enough",
+                   "linxd: a hunt for " + Name + " waits here: link " + LinkName + " is asked for " +
+                       std::to_string(kMaxWantedPerLink) + " names already");
+        return;
+    }
+    pL->Asked.insert(Rest);
+    jSendFrame(*pL, LinkFrame::Hunt, Rest);
+}
+
+// Nobody here waits for Name any more (no process's hunt, no peer's): the
+// node it was asked of forgets it, so that the names asked of a peer are
+// the ones wanted now.
+void Service::jUnseek(const std::string &Name)
+{
+    std::string LinkName, Rest;
+    if (mHunts.count(Name) != 0 || !jPathBehindLink(Name, &LinkName, &Rest))
+        return;
+    for (const auto &Entry : mLinks)
+        if (Entry.second.Wanted.count(Name) != 0)
+            return;
+    Link *pL = jFindLink(LinkName);
+    if (pL != nullptr && pL->Asked.erase(Rest) != 0 && pL->bUp)
+        jSendFrame(*pL, LinkFrame::Unhunt, Rest);
 }
 
 bool Service::jPeerHunt(Link &L, const std::string &Name, std::string *pWhy)
 {
     auto Named = mNames.find(Name);
     if (Named != mNames.end()) {
-        jAnnounce(L, Named->second.front()); // the oldest of the name, as for local hunts
+        std::string Why; // the oldest of the name, as for local hunts
+        if (!jAnnounce(L, Named->second.front(), &Why))
+            RefusalSay(&mRefusals, "link " + L.Name, Why,
+                       "linxd: did not answer link " + L.Name + "'s hunt for " + Name + ": " + Why);
         return true;
     }
     if (L.Wanted.size() >= kMaxWantedPerLink) {
@@ -408,6 +531,8 @@ bool Service::jPeerHunt(Link &L, const std::string &Name, std::string *pWhy)
     return true;
 }
 
+// Dials declared links that are due, sends heartbeats, drops links that
+// fell silent or never said hello, and forgets accepted links that ended.
 void Service::jTickLinks()
 {
     const int64_t Now = jNowMs();
@@ -427,26 +552,49 @@ void Service::jTickLinks()
     }
 }
 
-// Sends what the loop queued on every link, once per turn; a link that
-// drained below its high-water mark reads its phantoms' rings again.
+// Tells the peer how much of what it sent left here, by destination, in
+// steps of a quarter window: it may send that much more to each.  A sender
+// is stopped only with a whole window on its way, so what is held back
+// here never keeps it waiting, and a few pings cost no credit frames.
+void Service::jSendCredits(Link &L)
+{
+    for (auto It = L.Credits.begin(); It != L.Credits.end();) {
+        if (It->second < kLinkCreditStep) {
+            ++It;
+            continue;
+        }
+        jSendFrame(L, LinkFrame::Credit, LinkWords({It->first, (uint32_t)It->second}));
+        It = L.Credits.erase(It);
+    }
+}
+
+// Sends what the loop queued on every link, once per turn, with the
+// closes that are due and the credits; a link that drains below its
+// high-water mark reads its phantoms again (a few rounds in one turn, so
+// that a fast link is kept busy without keeping the loop).
 void Service::jFlushLinks()
 {
     for (auto &Entry : mLinks) {
         Link &L = Entry.second;
-        std::string Why;
         if (L.Conn.Fd < 0 || !L.Broken.empty())
             continue;
-        if (!LinkFlush(&L.Conn, &Why) || LinkOutBytes(L.Conn) > kMaxLinkOutBytes) {
-            L.Broken = Why.empty() ? "the peer left " + std::to_string(kMaxLinkOutBytes >> 20) + " MiB unread" : Why;
-            continue;
+        if (L.bUp) {
+            jSendGonesDue(L);
+            jSendCredits(L);
         }
-        if (L.bThrottled && LinkOutBytes(L.Conn) <= kLinkOutHighBytes) {
+        std::string Why;
+        for (int Round = 0; Round < 4; Round++) {
+            if (!LinkFlush(&L.Conn, &Why) || LinkOutBytes(L.Conn) > kMaxLinkOutBytes) {
+                L.Broken = Why.empty() ? "the peer left " + std::to_string(kMaxLinkOutBytes >> 20) + " MiB unread" : Why;
+                break;
+            }
+            if (!L.bThrottled || LinkOutBytes(L.Conn) > kLinkOutHighBytes)
+                break;
             L.bThrottled = false;
-            for (const auto &Phantom : L.Phantoms)
-                if (Socket *pS = jFindSocket(Phantom.second))
-                    jDrainPhantom(*pS);
+            jResumePhantoms(L);
         }
-        jWatchLink(L);
+        if (L.Broken.empty())
+            jWatchLink(L);
     }
 }
 

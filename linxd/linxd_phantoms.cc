@@ -1,11 +1,54 @@
-// Phantoms: the sockets that stand here for endpoints behind a link.  linxd
-// reads the rings processes write into them, as a receiving process reads
-// its own, and sends what they hold over the link.
+// Phantoms: the sockets that stand here for endpoints behind a link.
+//
+// linxd reads the rings processes write into a phantom, as a receiving
+// process reads its own, and sends what they hold over the link; signals
+// that other links bring for it (a path of several hops) wait in its
+// backlog for the same.  Both go only as fast as the link takes them:
+// while more than kLinkOutHighBytes wait to go out on the link, or
+// kLinkWindowBytes were sent for the phantom's endpoint that the peer has
+// not passed on yet (its credit frames say what it did), the rest waits,
+// and writers whose rings fill get ENOBUFS.  So a process that keeps its
+// ring full costs the link a bounded buffer and its other users a turn,
+// and a receiver behind the link that never reads stops only the traffic
+// to itself.  The phantoms of a link are read in turn, and so are the
+// rings of a phantom: no writer keeps the others waiting.
+//
+// A ring whose writer leaves (or gives it up) is read to where the writer
+// had written, then let go; and a socket's close reaches the peer only
+// after what its process's rings into the link's phantoms held when it
+// closed, so that every signal comes from an endpoint the peer knows.
+// Everything here runs on the service's one thread.
 #include <stdio.h>
+#include <string.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "linxd_service.h"
+
+namespace {
+
+// Whether the link takes another signal for the phantom now.  A link that
+// holds too much is marked throttled: its phantoms are read again once it
+// has drained (a destination's full window is reopened by the peer's
+// credit instead).
+bool jLinkTakes(Link &L, const Socket &Phantom)
+{
+    if (LinkOutBytes(L.Conn) > kLinkOutHighBytes)
+        L.bThrottled = true;
+    return L.bUp && !L.bThrottled && Phantom.InFlight < kLinkWindowBytes;
+}
+
+void jCountTaken(Socket &Phantom, uint32_t Size)
+{
+    linxd_counters &Counters = Phantom.pReady->counters;
+    __atomic_sub_fetch(&Counters.queued, 1, __ATOMIC_RELAXED);
+    __atomic_add_fetch(&Counters.received_signals, 1, __ATOMIC_RELAXED);
+    __atomic_add_fetch(&Counters.received_bytes, Size, __ATOMIC_RELAXED);
+}
+
+} // namespace
 
 bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy)
 {
@@ -32,81 +75,116 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name,
     return true;
 }
 
-void Service::jForward(const Socket &Phantom, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes)
+// Sends a signal for the phantom's endpoint, as sent by From (announced to
+// the peer first when it does not know it yet).
+void Service::jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPayload, uint32_t Size,
+                       uint32_t Attributes)
 {
-    Link *pL = jLinkOf(Phantom);
-    if (pL == nullptr || !pL->bUp)
-        return;
-    if (!jTell(*pL, From)) {
-        char Line[LINXD_MAX_NAME_CHARS + 80];
-        snprintf(Line, sizeof Line, "linxd: dropped a signal for %s: its sender 0x%x is not open", Phantom.Name.c_str(),
-                 From);
-        RefusalSay(&mRefusals, Phantom.Name, "sender not open", Line);
+    std::string Why;
+    if (!jTell(L, From, &Why)) {
+        RefusalSay(&mRefusals, Phantom.Name, Why, "linxd: dropped a signal for " + Phantom.Name + ": " + Why);
         return;
     }
-    jSendFrame(*pL, LinkFrame::Signal, LinkWords({From, Phantom.RemoteSpid, Attributes}), pPayload, Size);
+    jSendFrame(L, LinkFrame::Signal, LinkWords({From, Phantom.RemoteSpid, Attributes}), pPayload, Size);
+    Phantom.InFlight += Size;
 }
 
-// Dials declared links that are due, sends heartbeats, drops links that
-// fell silent or never said hello, and forgets accepted links that ended.
-
-// Forwards what one of the phantom's rings holds: as far as the link takes
-// it when pThrottle is given, and at most a ring's worth.  false when the
-// link is full (the rest waits).  A ring that breaks the rules is refused.
-bool Service::jForwardRing(Socket &Phantom, uint32_t Index, const Link *pThrottle)
+// Forwards what one of the phantom's rings holds, as far as the link takes
+// it and at most a ring's worth (a retired ring: as far as its writer had
+// written, and then it goes).  false when the link or the window stopped
+// it.  A ring that breaks the rules is refused.
+bool Service::jForwardRing(Socket &Phantom, Link &L, uint32_t Index)
 {
     RingSetEntry *pE = RingSetFind(&Phantom.Reading, Index);
     if (pE == nullptr)
         return true;
-    linxd_counters &Counters = Phantom.pReady->counters;
-    const uint64_t Start = pE->Reader.head;
+    auto Draining = Phantom.Rings.Draining.find(Index);
+    const bool bRetired = Draining != Phantom.Rings.Draining.end();
+    const uint64_t Until = bRetired ? Draining->second.Until : pE->Reader.head + pE->Reader.capacity;
     linxd_signal_header Header;
     const char *pWhy = nullptr;
-    linxd_peeked State;
-    while ((State = linxd_ring_peek(&pE->Reader, Phantom.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL &&
-           pE->Reader.head - Start < pE->Reader.capacity) {
-        if (pThrottle != nullptr && LinkOutBytes(pThrottle->Conn) > kLinkOutHighBytes)
+    linxd_peeked State = LINXD_PEEK_EMPTY;
+    while ((int64_t)(Until - pE->Reader.head) > 0 &&
+           (State = linxd_ring_peek(&pE->Reader, Phantom.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL) {
+        if (!jLinkTakes(L, Phantom))
             return false;
-        jForward(Phantom, Header.from, linxd_ring_payload(&pE->Reader), Header.size, Header.attributes);
+        jForward(Phantom, L, Header.from, linxd_ring_payload(&pE->Reader), Header.size, Header.attributes);
         linxd_ring_advance(&pE->Reader, Header.size);
-        __atomic_sub_fetch(&Counters.queued, 1, __ATOMIC_RELAXED);
-        __atomic_add_fetch(&Counters.received_signals, 1, __ATOMIC_RELAXED);
-        __atomic_add_fetch(&Counters.received_bytes, Header.size, __ATOMIC_RELAXED);
+        jCountTaken(Phantom, Header.size);
     }
     if (State == LINXD_PEEK_BROKEN) {
-        RefusalSay(&mRefusals, "process " + std::to_string(pE->Writer), pWhy,
-                   "linxd: refused the signal ring of process " + std::to_string(pE->Writer) + ": " + pWhy);
-        RingSetDrop(&Phantom.Reading, Index);
+        const std::string Source = "process " + std::to_string(pE->Writer);
+        RefusalSay(&mRefusals, Source, pWhy, "linxd: refused the signal ring of " + Source + ": " + pWhy);
     }
+    if (State == LINXD_PEEK_BROKEN || bRetired)
+        jLetRingGo(Phantom, Index);
     return true;
 }
 
 // Forwards what the phantom's rings in turn hold, one ring after the
-// other.  Returns whether everything was read (false: the link is full).
-bool Service::jDrainRings(Socket &Phantom, const Link *pLink)
+// other; a ring cut short goes behind the others like one read to its
+// end.  false when the link or the window stopped it.
+bool Service::jDrainRings(Socket &Phantom, Link &L)
 {
     for (size_t Turns = RingSetCollect(&Phantom.Reading); Turns > 0 && !Phantom.Reading.Turns.empty(); Turns--) {
         const uint32_t Index = RingSetFront(&Phantom.Reading);
-        if (!jForwardRing(Phantom, Index, pLink))
-            return false;
-        if (RingSetFind(&Phantom.Reading, Index) != nullptr) // not refused
+        const bool bWhole = jForwardRing(Phantom, L, Index);
+        if (RingSetFind(&Phantom.Reading, Index) != nullptr)
             RingSetRotate(&Phantom.Reading);
+        if (!bWhole)
+            return false;
     }
     return true;
 }
 
-// Reads the phantom's rings until nothing is marked and its bell is
-// armed, as a receiving process does; a link that has too much to send
-// leaves them for later (its senders' rings fill up and refuse them).
-void Service::jDrainPhantom(Socket &Phantom)
+// Sends on what other links brought for the phantom, as far as its link
+// takes it; false when it stopped.
+bool Service::jFlushRelays(Socket &Phantom, Link &L)
 {
-    Link *pLink = jLinkOf(Phantom);
+    while (!Phantom.Backlog.empty()) {
+        if (!jLinkTakes(L, Phantom))
+            return false;
+        const std::string &Datagram = Phantom.Backlog.front().Datagram;
+        linxd_signal_header Header;
+        memcpy(&Header, Datagram.data(), sizeof Header);
+        jForward(Phantom, L, Header.from, Datagram.data() + sizeof Header, Header.size, Header.attributes);
+        jPopBacklog(Phantom);
+    }
+    return true;
+}
+
+// Reads what waits for the phantom (relays, then its rings) until nothing
+// is marked and its bell is armed, as a receiving process does.  false
+// when the link or the window stopped it: the rest waits, and the bell
+// stays unarmed (whoever lifts the stop reads on).
+bool Service::jDrainPhantom(Socket &Phantom)
+{
+    Link *pL = jLinkOf(Phantom);
+    if (pL == nullptr)
+        return true;
+    if (!jFlushRelays(Phantom, *pL))
+        return false;
     do {
-        if (!jDrainRings(Phantom, pLink)) {
-            pLink->bThrottled = true;
+        if (!jDrainRings(Phantom, *pL))
+            return false;
+    } while (RingSetArm(&Phantom.Reading));
+    return true;
+}
+
+// The link drained below its high-water mark: its phantoms are read again
+// in turn, starting after the one it filled up on last, so that a process
+// that keeps one ring full cannot keep the others' waiting.
+void Service::jResumePhantoms(Link &L)
+{
+    std::vector<std::pair<uint32_t, uint32_t>> Order(L.Phantoms.upper_bound(L.NextTurn), L.Phantoms.end());
+    Order.insert(Order.end(), L.Phantoms.begin(), L.Phantoms.upper_bound(L.NextTurn));
+    for (const auto &Entry : Order) {
+        Socket *pS = jFindSocket(Entry.second);
+        if (pS != nullptr && !jDrainPhantom(*pS) && L.bThrottled) {
+            L.NextTurn = Entry.first;
             return;
         }
-    } while (RingSetArm(&Phantom.Reading));
+    }
 }
 
 void Service::jRingBell(uint32_t Spid)
@@ -117,4 +195,103 @@ void Service::jRingBell(uint32_t Spid)
     uint64_t Count;
     (void)!read(pS->BellFd, &Count, sizeof Count);
     jDrainPhantom(*pS);
+}
+
+// The peer passed on Bytes of what was sent for its endpoint RemoteSpid:
+// the phantom may send that much more.
+void Service::jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes)
+{
+    auto It = L.Phantoms.find(RemoteSpid);
+    Socket *pS = It == L.Phantoms.end() ? nullptr : jFindSocket(It->second);
+    if (pS == nullptr)
+        return;
+    const bool bWasFull = pS->InFlight >= kLinkWindowBytes;
+    pS->InFlight -= std::min<uint64_t>(Bytes, pS->InFlight);
+    if (bWasFull && pS->InFlight < kLinkWindowBytes)
+        jDrainPhantom(*pS);
+}
+
+// A signal that came over a link has left its backlog here (for socket
+// To): the link is told, so that its sender there may send more.
+void Service::jCredit(const Waiting &W, uint32_t To)
+{
+    auto It = mLinks.find(W.Link);
+    if (W.Link == 0 || It == mLinks.end() || It->second.ConnSerial != W.ConnSerial || !It->second.bUp)
+        return;
+    It->second.Credits[To] += W.Datagram.size() - sizeof(linxd_signal_header);
+}
+
+// A phantom's ring whose writer left or gave it up: read now as far as the
+// link takes it, the rest later, as far as the writer had written.
+void Service::jRetirePhantomRing(Socket &Phantom, uint32_t Index)
+{
+    RingMark Mark;
+    if (!RingSetMarkNow(&Phantom.Reading, Index, &Mark)) {
+        jLetRingGo(Phantom, Index);
+        Phantom.Rings.Free.insert(Index);
+        return;
+    }
+    Phantom.Rings.Draining[Index] = {RingSetFind(&Phantom.Reading, Index)->Writer, Mark.Position};
+    RingSetPutInTurn(&Phantom.Reading, Index);
+    jDrainPhantom(Phantom);
+}
+
+// Unmaps the ring at Index; a retired one's index is free again.
+void Service::jLetRingGo(Socket &Phantom, uint32_t Index)
+{
+    RingSetDrop(&Phantom.Reading, Index);
+    if (Phantom.Rings.Draining.erase(Index) != 0)
+        Phantom.Rings.Free.insert(Index);
+}
+
+// Where the rings of process Pid into phantoms stand that still hold
+// signals once the links took what they take now, by link.
+std::map<uint32_t, std::vector<PhantomMark>> Service::jMarksOfRings(pid_t Pid)
+{
+    std::map<uint32_t, std::vector<PhantomMark>> Marks;
+    auto P = mProcesses.find(Pid);
+    if (P == mProcesses.end())
+        return Marks;
+    for (const auto &Ring : P->second.RingInto) {
+        Socket *pS = jFindSocket(Ring.first);
+        if (pS == nullptr || pS->Link == 0)
+            continue;
+        jDrainPhantom(*pS);
+        PhantomMark Mark = {pS->Spid, {}};
+        if (RingSetMarkNow(&pS->Reading, Ring.second, &Mark.Mark))
+            Marks[pS->Link].push_back(Mark);
+    }
+    return Marks;
+}
+
+// Socket S closed while its process's rings into the link's phantoms held
+// signals: its close waits behind them.  A peer that reads nothing keeps at
+// most kMaxPhantomsPerLink closes waiting; beyond, a close goes at once
+// (signals of the socket that come after it are dropped with a line).
+void Service::jGoneBehindRings(Link &L, const Socket &S, std::vector<PhantomMark> Marks)
+{
+    if (L.GonesDue.size() >= kMaxPhantomsPerLink) {
+        jSayGone(L, S.Spid);
+        return;
+    }
+    L.GonesDue.push_back({S.Spid, S.Name, std::move(Marks)});
+}
+
+// Tells the peer of the closes whose rings have been read far enough.
+void Service::jSendGonesDue(Link &L)
+{
+    auto Reached = [this](const PhantomMark &M) {
+        Socket *pS = jFindSocket(M.Phantom);
+        return pS == nullptr || RingSetReached(&pS->Reading, M.Mark);
+    };
+    for (auto It = L.GonesDue.begin(); It != L.GonesDue.end();) {
+        std::vector<PhantomMark> &Marks = It->Marks;
+        Marks.erase(std::remove_if(Marks.begin(), Marks.end(), Reached), Marks.end());
+        if (!Marks.empty()) {
+            ++It;
+            continue;
+        }
+        jSayGone(L, It->Spid);
+        It = L.GonesDue.erase(It);
+    }
 }

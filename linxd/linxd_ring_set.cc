@@ -212,6 +212,28 @@ void RingSetTakeRetired(RingSet *pSet, bool (*pDrain)(void *pContext, uint32_t I
     }
 }
 
+bool RingSetMarkNow(RingSet *pSet, uint32_t Index, RingMark *pMark)
+{
+    const RingSetEntry *pE = RingSetFind(pSet, Index);
+    if (pE == nullptr)
+        return false;
+    const linxd_ring_reader &R = pE->Reader;
+    const uint64_t Tail = __atomic_load_n(&R.header->tail, __ATOMIC_ACQUIRE);
+    *pMark = {Index, pE->Serial, Tail - R.head > R.capacity ? R.head + R.capacity : Tail};
+    return pMark->Position != R.head;
+}
+
+bool RingSetReached(RingSet *pSet, const RingMark &Mark)
+{
+    const RingSetEntry *pE = RingSetFind(pSet, Mark.Index);
+    return pE == nullptr || pE->Serial != Mark.Serial || (int64_t)(Mark.Position - pE->Reader.head) <= 0;
+}
+
+void RingSetPutInTurn(RingSet *pSet, uint32_t Index)
+{
+    jPutInTurn(*pSet, Index);
+}
+
 void RingSetHold(RingSet *pSet, uint32_t Index)
 {
     if (!jIsLive(*pSet, Index) || pSet->Rings[Index].Place == RingPlace::Held)

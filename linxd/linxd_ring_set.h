@@ -85,6 +85,27 @@ void RingSetDrop(RingSet *pSet, uint32_t Index);
 // per 4096 rings when nothing was retired.
 void RingSetTakeRetired(RingSet *pSet, bool (*pDrain)(void *pContext, uint32_t Index), void *pContext);
 
+// Where a ring stood at some moment: how far its writer had written then,
+// at most a ring's worth ahead of its reader (a writer that keeps writing
+// cannot hold the reader back for more).  A reader that must have read
+// what was sent before that moment (an attach signal's receiver, a close
+// told to a peer node) waits until it has reached the mark.
+struct RingMark {
+    uint32_t Index;
+    uint64_t Serial;
+    uint64_t Position;
+};
+
+// The mark of the live ring at Index as it stands now; false when it holds
+// nothing (nothing to wait for).
+bool RingSetMarkNow(RingSet *pSet, uint32_t Index, RingMark *pMark);
+// Whether the reader has read the ring as far as the mark, or let it go.
+bool RingSetReached(RingSet *pSet, const RingMark &Mark);
+
+// Puts the ring at Index in turn, marked or not: its reader must read it
+// (a retired ring whose writer will not mark it again).
+void RingSetPutInTurn(RingSet *pSet, uint32_t Index);
+
 // Takes the ring at Index out of turn until RingSetLetGo.
 void RingSetHold(RingSet *pSet, uint32_t Index);
 // Puts the held rings back in turn.

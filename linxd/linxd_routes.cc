@@ -1,6 +1,5 @@
 // Rings and routes: where each ring a process makes sits among its
-// receiver's rings, how long it lives, and how linxd reads the rings of its
-// phantoms and sends what they hold over their links.
+// receiver's rings, and how long it lives.
 //
 // A process has at most one ring into each socket, and a socket reads at
 // most --rings-per-socket of them.  linxd keeps both sides of that books:
@@ -9,7 +8,8 @@
 // socket (or dies), gives it up, or opens another into the same socket: a
 // receiving process finds it in its retired set and unmaps the ring once
 // it has read it (only then is the index handed out again); a phantom's
-// is read to the end and unmapped here.
+// is read here as far as its writer wrote, then unmapped
+// (linxd_phantoms.cc).
 #include <errno.h>
 #include <fcntl.h>
 #include <stddef.h>
@@ -19,6 +19,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "linxd_service.h"
 
@@ -123,10 +125,21 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
         return jError(EINVAL);
     }
     SenderProcess &P = mProcesses[C.Pid];
+    const RingTable &Table = pS->Rings;
+    const bool bDraining = std::any_of(Table.Draining.begin(), Table.Draining.end(),
+                                       [&C](const std::pair<const uint32_t, DrainingRing> &D) {
+                                           return D.second.Writer == C.Pid;
+                                       });
+    if (bDraining) {
+        char Why[160];
+        snprintf(Why, sizeof Why, "its ring before into 0x%x still goes across", Target);
+        jRefuse(C.Pid, "a ring", Why);
+        return jError(ENOBUFS);
+    }
     auto Old = P.RingInto.find(Target);
     if (Old != P.RingInto.end())
         jRetireRing(*pS, Old->second);
-    if (pS->Rings.Writers.size() >= mOptions.RingsPerSocket) {
+    if (Table.Writers.size() + Table.Draining.size() >= mOptions.RingsPerSocket) {
         char Why[160];
         snprintf(Why, sizeof Why, "socket 0x%x reads %u rings already (--rings-per-socket)", Target,
                  mOptions.RingsPerSocket);
@@ -218,9 +231,7 @@ void Service::jRetireRing(Socket &Receiver, uint32_t Index)
         P->second.RingInto.erase(Receiver.Spid);
     Receiver.Rings.Writers.erase(It);
     if (Receiver.Link != 0) {
-        jForwardRing(Receiver, Index, nullptr);
-        RingSetDrop(&Receiver.Reading, Index);
-        Receiver.Rings.Free.insert(Index);
+        jRetirePhantomRing(Receiver, Index);
         return;
     }
     linxd_index_set_add(Receiver.pRetired, Index);
@@ -232,13 +243,14 @@ void Service::jSocketOpened(const Socket &S)
     mProcesses[S.Pid].Sockets.insert(S.Spid);
 }
 
-// A socket closes.  What its process wrote to phantoms goes on first (a
-// process that sends and exits loses nothing), the rings that reached the
-// socket go with it (their writers are told to let their routes go), and
-// when it was its process's last socket every ring the process made is
-// retired: its receivers learn of it before any attach signal about the
-// socket.
-void Service::jSocketClosing(Socket &S)
+// A socket closes.  The rings that reached it go with it (their writers
+// are told to let their routes go), and when it was its process's last
+// socket every ring the process made is retired: its receivers learn of
+// it before any attach signal about the socket.  What its process wrote to
+// phantoms goes on as far as the links take it; returned, by link, is where
+// the rest stands, which the peers must have before they hear of the close
+// (a process that sends and exits loses nothing).
+std::map<uint32_t, std::vector<PhantomMark>> Service::jSocketClosing(Socket &S)
 {
     for (const auto &Writer : S.Rings.Writers) {
         auto P = mProcesses.find(Writer.second);
@@ -249,24 +261,17 @@ void Service::jSocketClosing(Socket &S)
             if (const Socket *pWriter = jFindSocket(Spid))
                 __atomic_add_fetch(&mpSlots[pWriter->Slot].routes_gone, 1, __ATOMIC_RELEASE);
     }
-    if (S.Link != 0) {
-        RingSetFree(&S.Reading);
-        return;
-    }
     auto P = mProcesses.find(S.Pid);
-    if (P == mProcesses.end())
-        return;
-    for (const auto &Ring : P->second.RingInto) {
-        Socket *pReceiver = jFindSocket(Ring.first);
-        if (pReceiver != nullptr && pReceiver->Link != 0)
-            jForwardRing(*pReceiver, Ring.second, nullptr);
-    }
+    if (S.Link != 0 || P == mProcesses.end())
+        return {};
+    std::map<uint32_t, std::vector<PhantomMark>> Marks = jMarksOfRings(S.Pid);
     P->second.Sockets.erase(S.Spid);
     if (!P->second.Sockets.empty())
-        return;
+        return Marks;
     const std::map<uint32_t, uint32_t> Rings = std::move(P->second.RingInto);
     mProcesses.erase(P);
     for (const auto &Ring : Rings)
         if (Socket *pReceiver = jFindSocket(Ring.first))
             jRetireRing(*pReceiver, Ring.second);
+    return Marks;
 }

@@ -42,26 +42,60 @@ constexpr size_t kMaxBacklogBytesPerSocket = 4u << 20;
 constexpr size_t kMaxBacklogBytesTotal = 64u << 20;
 // Signals from links wait in those backlogs too; above this much in all,
 // linxd stops reading its links (the peers' senders then fill their rings
-// and are refused) until the receivers have caught up to half of it.
+// and are refused) until the receivers have caught up to half of it.  It
+// is the last resort: each destination has a window of its own first.
 constexpr size_t kLinkPauseBytes = kMaxBacklogBytesTotal / 2;
 // Frames waiting to go out on one link: above this, linxd stops reading
-// the rings of the link's phantoms, and their senders are refused when
-// their rings fill.
-constexpr size_t kLinkOutHighBytes = 4u << 20;
+// the rings of the link's phantoms (on every path: closes and retired
+// rings wait too), and their senders are refused when their rings fill.
+constexpr size_t kLinkOutHighBytes = 1u << 20;
+// Bytes of signals for one endpoint behind a link that may be on their
+// way: sent, and not yet passed on by the peer (the peer's credit frames
+// say what it passed on, a quarter window at a time).  A receiver that
+// never reads stops only the traffic to itself: its senders here fill
+// their rings and are refused, and its node holds at most this for it.
+// 4 MiB keeps one destination at 400 MB/s across a link with a 10 ms round
+// trip; the high-water mark above, which honest traffic queues behind,
+// stays small.
+constexpr uint64_t kLinkWindowBytes = 4u << 20;
+constexpr uint64_t kLinkCreditStep = kLinkWindowBytes / 4;
 // Frames a peer leaves unread beyond this (its node's own senders stop at
 // the high-water mark, but what other links bring for it does not): the
 // link is dropped as one whose peer is stuck, and its attaches fire.
 constexpr size_t kMaxLinkOutBytes = 64u << 20;
 // Names one peer may wait for here at a time, and endpoints of its node
 // that may stand here at a time: a broken peer cannot take every slot.
+// This node keeps to the same bounds towards its peers: it never asks one
+// for more names, nor announces more of its endpoints, than the peer
+// takes, so a reconnect never sends what would drop the link.
 constexpr size_t kMaxWantedPerLink = 65536;
 constexpr size_t kMaxPhantomsPerLink = 4096;
+// Names the processes here may hunt for behind one link at a time, and
+// hunts across links one process may have pending: a process that hunts
+// without end gets ENOBUFS, and the link and its other users go on.
+constexpr size_t kMaxHuntedPerLink = 16384;
+constexpr uint32_t kMaxHuntsAcrossPerProcess = 4096;
+// Connections taken for links that have not said hello yet: beyond, the
+// oldest is dropped.  A connection that never finishes its TLS handshake
+// costs nothing once it is gone.
+constexpr size_t kMaxHalfOpenLinks = 64;
 // A declared link that failed is dialled again after 100 ms, doubling up
 // to 2 s.
 constexpr int64_t kFirstRedialMs = 100;
 constexpr int64_t kLastRedialMs = 2000;
 
 int64_t jNowMs();
+// A name "<link>/<rest>" is sought behind the link its first part names:
+// false when it has no slash, or nothing after it.
+inline bool jPathBehindLink(const std::string &Name, std::string *pLink, std::string *pRest)
+{
+    const size_t Slash = Name.find('/');
+    if (Slash == std::string::npos || Slash + 1 == Name.size())
+        return false;
+    *pLink = Name.substr(0, Slash);
+    *pRest = Name.substr(Slash + 1);
+    return true;
+}
 // A memory file of Bytes for clients to map, sealed so that none of them
 // can shrink it under another's mapping; -1 with errno.
 int jSealedRegion(const char *pName, size_t Bytes);
@@ -86,9 +120,21 @@ inline uint64_t jWatchKey(Watch Kind, uint32_t Id)
 // writer of each index, the indexes retired that the receiving process
 // has not let go yet, and those free again.  Indexes are reused lowest
 // first, so the reader's table stays as small as its senders.
+//
+// A phantom's ring that is retired while it still holds signals stays
+// until linxd has read it as far as its writer had written then (at most a
+// ring's worth): what a process sent before it left still goes across, as
+// fast as the link takes it.  A process has at most one such ring per
+// phantom.
+struct DrainingRing {
+    pid_t Writer;
+    uint64_t Until;
+};
+
 struct RingTable {
     std::map<uint32_t, pid_t> Writers;
-    std::set<uint32_t> Retiring;
+    std::set<uint32_t> Retiring;       // a process's socket: retired, not let go by its owner yet
+    std::map<uint32_t, DrainingRing> Draining; // a phantom's: retired, still read
     std::set<uint32_t> Free;           // below Next
     uint32_t Next = 0;                 // never handed out from here on
 };
@@ -99,6 +145,16 @@ struct RingTable {
 struct SenderProcess {
     std::set<uint32_t> Sockets;
     std::map<uint32_t, uint32_t> RingInto;
+};
+
+// A signal waiting for room in its socket's queue: one of linxd's own, or
+// one that came over connection ConnSerial of link Link (0: none), which is told
+// once the signal has left here so that its sender may send more.  For a
+// phantom, a signal from another link waiting for room on the phantom's.
+struct Waiting {
+    std::string Datagram; // linxd_signal_header, then the payload
+    uint32_t Link = 0;
+    uint64_t ConnSerial = 0;
 };
 
 struct Socket {
@@ -114,7 +170,7 @@ struct Socket {
     linxd_index_set *pRetired = nullptr;
     uint32_t Slot = 0;
     RingTable Rings;                 // the rings that reach it
-    std::deque<std::string> Backlog; // linxd's signals waiting for queue room
+    std::deque<Waiting> Backlog;     // signals waiting for queue room
     size_t BacklogBytes = 0;
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
     uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
@@ -123,6 +179,24 @@ struct Socket {
     uint32_t Link = 0;               // the link's id; 0: a socket of this node
     uint32_t RemoteSpid = 0;         // the endpoint's SPID on the node behind the link
     RingSet Reading;                 // its rings, mapped here
+    uint64_t InFlight = 0;           // bytes sent to it that the peer has not passed on
+};
+
+// Where a ring into a phantom stood when a socket of its writer closed:
+// the close is told to the peer once the ring has been read that far.
+struct PhantomMark {
+    uint32_t Phantom;
+    RingMark Mark;
+};
+
+// A socket of this node that closed while its process's rings into the
+// link's phantoms still held signals (some perhaps its own): the peer
+// hears of the close once they have gone across, so that they still come
+// from an endpoint it knows.
+struct GoneAfterRings {
+    uint32_t Spid;
+    std::string Name;                // to announce it if one of them is its first
+    std::vector<PhantomMark> Marks;
 };
 
 // A link to another node.  Declared links are dialled (again and again
@@ -146,8 +220,15 @@ struct Link {
     int64_t LastSentMs = 0;
     int64_t NextDialMs = 0;
     int64_t RedialMs = kFirstRedialMs;
+    uint64_t ConnSerial = 0;         // which connection (counted over all links): credits
+                                     // for signals of an earlier one are not this one's
     std::map<uint32_t, uint32_t> Phantoms; // the peer's SPID -> phantom here
+    uint32_t NextTurn = 0;           // phantoms are read in turn from the one after this
     std::set<uint32_t> Told;         // sockets of ours the peer knows
+    std::set<uint32_t> Departed;     // sockets of ours whose close the peer has not confirmed
+    std::vector<GoneAfterRings> GonesDue; // closes waiting behind their process's rings
+    std::map<uint32_t, uint64_t> Credits; // bytes of the peer's signals that left here, by
+                                     // our SPID they were for, not yet told to the peer
     std::set<std::string> Asked;     // names asked of the peer, not yet answered
     std::set<std::string> Wanted;    // names the peer waits for here
 };
@@ -161,6 +242,7 @@ struct Client {
 struct Hunt {
     uint32_t Requester;
     uint32_t OnBehalf;
+    pid_t Pid;            // the requester's process
     std::string Signal;
 };
 
@@ -209,6 +291,7 @@ public:
     bool HoldsNothing() const;
 
 private:
+    void jGiveBackMemory();
     bool jListen();
     bool jMapRegion();
     void jAccept();
@@ -225,9 +308,12 @@ private:
     Reply jInfo(uint32_t Op, uint32_t Spid);
     Reply jSummary() const;
     Reply jSpidsAbove(uint32_t After, uint32_t Room) const;
-    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal, uint32_t Attributes = 0,
-                  bool bAfterRings = false);
+    void jDeliver(uint32_t To, uint32_t From, const std::string &Signal, bool bAfterRings = false);
+    void jDeliverFromLink(const Link &L, uint32_t To, uint32_t From, const char *pPayload, uint32_t Size,
+                          uint32_t Attributes);
+    void jQueue(Socket &S, Waiting &&W);
     void jFlushBacklog(Socket &S);
+    void jPopBacklog(Socket &S);
     void jDropBacklog(Socket &S);
     bool jRoomFor(uint32_t Spid, const std::string &Signal) const;
     void jFireTimers();
@@ -245,30 +331,59 @@ private:
     void jNewLinkSignal(uint32_t Owner, uint32_t Token, const std::string &LinkName, bool bAfterReply);
     void jRefuse(pid_t Pid, const std::string &What, const std::string &Why, const std::string &Note = "");
 
-    // Links and phantoms
+    // Links to other nodes (linxd_nodes.cc)
     bool jStartLinks();
     void jListenForLinks(const LinkAddress &Address);
     void jAcceptLink(int ListenFd);
+    void jMakeRoomForHalfOpen();
     void jRefuseLink(const std::string &Peer, const std::string &Why);
     void jDial(Link &L);
     void jServeLink(uint32_t Id);
     void jTakeFrames(Link &L);
     bool jLinkFrame(Link &L, uint32_t Type, const std::string &Body, std::string *pWhy);
+    bool jSignalFrame(Link &L, const std::string &Body, std::string *pWhy);
+    bool jGoneFrame(Link &L, const std::string &Body);
     bool jHello(Link &L, const std::string &Body, std::string *pWhy);
     void jSendHello(Link &L);
     void jLinkUp(Link &L);
     void jLinkDown(Link &L, const std::string &Why);
     void jSendFrame(Link &L, LinkFrame Type, const std::string &Head, const void *pTail = nullptr,
                     size_t TailBytes = 0);
-    void jAnnounce(Link &L, uint32_t Spid);
-    bool jTell(Link &L, uint32_t Spid);
+    bool jAnnounce(Link &L, uint32_t Spid, std::string *pWhy);
+    bool jTell(Link &L, uint32_t Spid, std::string *pWhy);
+    void jSayGone(Link &L, uint32_t Spid);
     void jSeekRemote(const std::string &Name, const Link *pOnly);
+    void jUnseek(const std::string &Name);
     bool jPeerHunt(Link &L, const std::string &Name, std::string *pWhy);
-    bool jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy);
-    void jForward(const Socket &Phantom, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes);
+    void jTickLinks();
+    void jFlushLinks();
+    void jSendCredits(Link &L);
+    void jResumeLinks();
+    void jWatchLink(Link &L);
+    Link *jFindLink(const std::string &Name, const Link *pExcept = nullptr);
+    Link *jLinkOf(const Socket &S);
+    int64_t jHeartbeatMs() const;
 
-    // Rings and routes between processes (linxd_routes.cc), and the
-    // phantoms' rings (linxd_phantoms.cc)
+    // Phantoms: their rings, relays and windows, and closes that wait
+    // behind rings (linxd_phantoms.cc)
+    bool jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy);
+    void jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPayload, uint32_t Size,
+                  uint32_t Attributes);
+    bool jForwardRing(Socket &Phantom, Link &L, uint32_t Index);
+    bool jDrainRings(Socket &Phantom, Link &L);
+    bool jFlushRelays(Socket &Phantom, Link &L);
+    bool jDrainPhantom(Socket &Phantom);
+    void jResumePhantoms(Link &L);
+    void jRingBell(uint32_t Spid);
+    void jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes);
+    void jCredit(const Waiting &W, uint32_t To);
+    void jRetirePhantomRing(Socket &Phantom, uint32_t Index);
+    void jLetRingGo(Socket &Phantom, uint32_t Index);
+    std::map<uint32_t, std::vector<PhantomMark>> jMarksOfRings(pid_t Pid);
+    void jGoneBehindRings(Link &L, const Socket &S, std::vector<PhantomMark> Marks);
+    void jSendGonesDue(Link &L);
+
+    // Rings and routes between processes (linxd_routes.cc)
     bool jMakeReadySet(Socket &S);
     bool jMakeRetiredSet(Socket &S);
     void jFreeRingSets(Socket &S);
@@ -278,18 +393,12 @@ private:
     uint32_t jTakeRingIndex(Socket &Receiver);
     void jRetireRing(Socket &Receiver, uint32_t Index);
     void jSocketOpened(const Socket &S);
-    void jSocketClosing(Socket &S);
-    bool jForwardRing(Socket &Phantom, uint32_t Index, const Link *pThrottle);
-    bool jDrainRings(Socket &Phantom, const Link *pLink);
-    void jDrainPhantom(Socket &Phantom);
-    void jRingBell(uint32_t Spid);
-    void jTickLinks();
-    void jFlushLinks();
-    void jResumeLinks();
-    void jWatchLink(Link &L);
-    Link *jFindLink(const std::string &Name, const Link *pExcept = nullptr);
-    Link *jLinkOf(const Socket &S);
-    int64_t jHeartbeatMs() const;
+    std::map<uint32_t, std::vector<PhantomMark>> jSocketClosing(Socket &S);
+
+    // Hunts that go across links (linxd.cc)
+    bool jMayHuntAcross(const Client &C, const std::string &Name);
+    void jHuntTaken(const std::string &Name, const Hunt &H);
+    void jHuntGone(const std::string &Name, const Hunt &H);
 
     LinxdOptions mOptions;
     int mEpollFd = -1;
@@ -304,6 +413,8 @@ private:
     std::map<pid_t, SenderProcess> mProcesses; // processes with sockets here
     std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
     std::multimap<std::string, Hunt> mHunts;              // pending, by name
+    std::map<pid_t, uint32_t> mHuntsAcross;               // of a process, for names with a slash
+    std::map<std::string, size_t> mNamesBehind;           // names hunted, by the link their path starts with
     std::map<uint32_t, Attach> mAttaches;
     std::map<uint32_t, Timer> mTimers;
     std::set<std::pair<int64_t, uint32_t>> mTimerOrder;   // (deadline, reference)
@@ -322,10 +433,13 @@ private:
     bool mWasIdle = true;
     std::map<uint32_t, Link> mLinks;  // by id
     uint32_t mNextLinkId = 0;
+    uint64_t mConnSerials = 0;        // connections of links, counted
     std::map<int, bool> mLinkListeners; // descriptor -> takes TCP (else Unix)
     LinkSecret mSecret = {};
     SSL_CTX *mpTls = nullptr;           // for TCP links
     RefusalLog mRefusals;               // what clients and peers sent that was refused
+    bool mFreedSome = false;            // a socket or connection went since memory was given back
+    int64_t mLastGivenBackMs = 0;
 };
 
 #endif /* LINXD_SERVICE_H */

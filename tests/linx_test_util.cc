@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -190,4 +191,19 @@ pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Ar
         return Seen >= Starts;
     }, 5000);
     return Pid;
+}
+
+int Refusals(const std::string &Log, const std::string &What, int *pLines)
+{
+    std::istringstream In(Log);
+    int Total = 0;
+    *pLines = 0;
+    for (std::string Line; std::getline(In, Line);) {
+        if (Line.find(What) == std::string::npos)
+            continue;
+        const size_t More = Line.find(" ... and ");
+        Total += More == std::string::npos ? 1 : atoi(Line.c_str() + More + 9);
+        ++*pLines;
+    }
+    return Total;
 }

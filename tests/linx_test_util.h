@@ -49,3 +49,8 @@ uint32_t ReceiveOne(LINX *pLinx, int TimeoutMs, uint32_t *pValue = nullptr,
                     LINX_SPID *pSender = nullptr, const LINX_SIGSELECT *pSel = nullptr);
 // Hunts for Name and waits for the answer; the peer's SPID, 0 on timeout.
 LINX_SPID HuntAndWait(LINX *pLinx, const char *pName, int TimeoutMs);
+
+// How many refusals the lines of Log tell of that contain What: one for a
+// line, and the count of a summary ("... and 99 more like it ...").  At
+// most two lines a second of a kind may tell of them.
+int Refusals(const std::string &Log, const std::string &What, int *pLines);

@@ -1,0 +1,166 @@
+#include "link_test_util.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "linx_test_util.h"
+#include "linxd_link.h"
+
+Node::~Node()
+{
+    Kill(*this);
+}
+
+void Start(Node &N)
+{
+    std::vector<std::string> Args = {"--idle-exit", "0", "--config", "/dev/null", "--link-timeout", "900"};
+    Args.insert(Args.end(), N.Args.begin(), N.Args.end());
+    N.LogPath = "/tmp/" + N.Instance + ".log";
+    N.Pid = StartLinxd(N.Instance, Args, N.LogPath, ++N.Starts);
+}
+
+void Kill(Node &N)
+{
+    if (N.Pid > 0) {
+        kill(N.Pid, SIGKILL);
+        WaitChild(N.Pid);
+    }
+    N.Pid = -1;
+}
+
+LINX *OpenOn(const Node &N, const char *pName)
+{
+    const std::string Mine = TestInstance();
+    setenv("LINXD_INSTANCE", N.Instance.c_str(), 1);
+    LINX *pLinx = linx_open(pName, 0, nullptr);
+    setenv("LINXD_INSTANCE", Mine.c_str(), 1);
+    return pLinx;
+}
+
+pid_t StartEcho(const Node &N, const char *pName)
+{
+    return StartChild([&] {
+        const int Log = open(N.LogPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+        dup2(Log, 2);
+        LINX *pLinx = OpenOn(N, pName);
+        for (uint32_t Pings = 0;; Pings++) {
+            union LINX_SIGNAL *pSig = nullptr;
+            if (pLinx == nullptr || linx_receive_w_tmo(pLinx, &pSig, 20000, nullptr) <= 0)
+                return pLinx != nullptr ? linx_close(pLinx) + 1 : 1; // its node went away
+            const LINX_SPID From = linx_sender(pLinx, &pSig);
+            const uint32_t SigNo = SigNoOf(pSig), Value = ValueOf(pSig);
+            linx_free_buf(pLinx, &pSig);
+            if (SigNo == kStop) {
+                fprintf(stderr, "echo %s: %u pings\n", pName, Pings);
+                return linx_close(pLinx);
+            }
+            char *pFromName = nullptr;
+            if (Pings == 0 && linx_get_name(pLinx, From, &pFromName) == 0)
+                fprintf(stderr, "echo %s: first ping from %s\n", pName, pFromName);
+            linx_free_name(pLinx, &pFromName);
+            union LINX_SIGNAL *pAnswer = NewSignal(pLinx, kPing, Value + kAnswerOffset);
+            if (linx_send(pLinx, &pAnswer, From) != 0 && errno != ECONNRESET)
+                return linx_close(pLinx) + 2;
+        }
+    });
+}
+
+namespace {
+
+uint16_t FreePort()
+{
+    const int Fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in Addr = {};
+    Addr.sin_family = AF_INET;
+    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t Len = sizeof Addr;
+    bind(Fd, (struct sockaddr *)&Addr, sizeof Addr);
+    getsockname(Fd, (struct sockaddr *)&Addr, &Len);
+    close(Fd);
+    return ntohs(Addr.sin_port);
+}
+
+} // namespace
+
+std::string MakeSecret(const std::string &Tag)
+{
+    const std::string Path = "/tmp/" + TestInstance() + "-" + Tag + ".secret";
+    unlink(Path.c_str());
+    const std::string Linxd = LinxdBesideLibrary();
+    EXPECT_EQ(0, WaitChild(StartChild([&] {
+        execl(Linxd.c_str(), "linxd", "--make-secret", Path.c_str(), (char *)nullptr);
+        return 127;
+    })));
+    struct stat Stat = {};
+    EXPECT_EQ(0, stat(Path.c_str(), &Stat));
+    EXPECT_EQ(0600u, Stat.st_mode & 0777);
+    return Path;
+}
+
+void MakePair(Pair &P, bool bTcp, const std::string &Tag)
+{
+    P.A.Instance = TestInstance() + "-" + Tag + "a";
+    P.B.Instance = TestInstance() + "-" + Tag + "b";
+    if (bTcp) {
+        const std::string Secret = MakeSecret(Tag);
+        const std::string Address = "127.0.0.1:" + std::to_string(FreePort());
+        P.B.Args = {"--secret", Secret, "--listen", "tcp:" + Address};
+        P.A.Args = {"--secret", Secret, "--link", "b=tcp:" + Address};
+    } else {
+        P.A.Args = {"--link", "b=unix:" + P.B.Instance};
+    }
+    unlink(("/tmp/" + P.A.Instance + ".log").c_str());
+    unlink(("/tmp/" + P.B.Instance + ".log").c_str());
+    Start(P.B);
+    Start(P.A);
+}
+
+int ConnectUnixLink(const std::string &Instance)
+{
+    const int Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un Addr = {};
+    Addr.sun_family = AF_UNIX;
+    const int Len = snprintf(Addr.sun_path + 1, sizeof Addr.sun_path - 1, "linxd-link/%u/%s", (unsigned)geteuid(),
+                             Instance.c_str());
+    connect(Fd, (struct sockaddr *)&Addr, (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + Len));
+    return Fd;
+}
+
+std::string Frame(uint32_t Type, const std::string &Body)
+{
+    uint32_t Header[2] = {Type, (uint32_t)Body.size()};
+    return std::string((const char *)Header, sizeof Header) + Body;
+}
+
+std::string Words(std::initializer_list<uint32_t> List)
+{
+    std::string Bytes;
+    for (const uint32_t Word : List)
+        Bytes.append((const char *)&Word, sizeof Word);
+    return Bytes;
+}
+
+std::string Hello(const std::string &Node)
+{
+    return Frame((uint32_t)LinkFrame::Hello, Words({kLinkMagic, kLinkVersion}) + Node);
+}
+
+void SendAndAwaitClose(int Fd, const std::string &Bytes)
+{
+    ASSERT_EQ((ssize_t)Bytes.size(), write(Fd, Bytes.data(), Bytes.size()));
+    char Buffer[256];
+    while (read(Fd, Buffer, sizeof Buffer) > 0) { // what the node says back, then the end
+    }
+}

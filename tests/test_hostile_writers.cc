@@ -1,0 +1,300 @@
+// Hostile writers of this user and hostile peer nodes against real linxd
+// nodes and real processes: rings kept full into an endpoint behind a link
+// and into one that never reads, hunts across a link beyond the bound, a
+// ring kept full into a receiver that waits for another number while its
+// writer scribbles on the receiver's ready set, and peers that do not
+// belong (no secret, garbage, a signal for an endpoint never announced to
+// them, connections that never finish their handshake).  Each checks the
+// bound (through /proc), the refusal, and that an honest pair beside it
+// keeps working.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "link_test_util.h"
+#include "linx_test_util.h"
+#include "linxd_link.h"
+#include "linxd_protocol.h"
+
+namespace {
+
+// Under AddressSanitizer freed memory waits in quarantine and counts in a
+// process's resident size: linxd's memory is measured in the plain build.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kRssIsMemory = false;
+#else
+constexpr bool kRssIsMemory = true;
+#endif
+
+constexpr uint32_t kFlood = 0x99;
+
+// A process on the node that keeps its ring to Target full of 64 KiB
+// signals until it is killed; it writes a byte to Told once a send was
+// refused, after running Then.
+pid_t StartFlooder(const Node &N, const char *pTarget, int Told, void (*pThen)() = nullptr)
+{
+    return StartChild([&N, pTarget, Told, pThen] {
+        LINX *pLinx = OpenOn(N, "flooder");
+        const LINX_SPID To = HuntAndWait(pLinx, pTarget, 10000);
+        for (bool bRefused = false; To != 0;) {
+            union LINX_SIGNAL *pSig = NewSignal(pLinx, kFlood, 0, 65536);
+            if (linx_send(pLinx, &pSig, To) != 0 && errno == ENOBUFS && !bRefused) {
+                bRefused = true;
+                if (pThen != nullptr)
+                    pThen();
+                (void)!write(Told, "", 1);
+            }
+        }
+        return 1;
+    });
+}
+
+// Waits for Count bytes on Fd, one from each flooder that was refused.
+bool AwaitRefusals(int Fd, int Count)
+{
+    char Byte;
+    for (int i = 0; i < Count; i++)
+        if (!WaitFor([&] { return read(Fd, &Byte, 1) == 1; }, 20000))
+            return false;
+    return true;
+}
+
+// A ping to the echo and its answer.
+void ExpectAnswered(LINX *pLinx, LINX_SPID Echo, uint32_t Value)
+{
+    union LINX_SIGNAL *pPing = NewSignal(pLinx, kPing, Value);
+    ASSERT_EQ(0, linx_send(pLinx, &pPing, Echo)) << strerror(errno);
+    uint32_t Answer = 0;
+    ASSERT_EQ(kPing, ReceiveOne(pLinx, 10000, &Answer));
+    EXPECT_EQ(Value + kAnswerOffset, Answer);
+}
+
+// Node a floods b: one process keeps its ring to a reader full, another
+// its ring to a process that never reads.  Both are refused (ENOBUFS) and
+// cost each node a bounded amount, which a goes back to once they leave;
+// honest pings across the same link are all answered, and the link stays
+// up.  Then a process hunts for more absent names behind the link than it
+// may: it is refused beyond the bound with a line, the link stays up, and
+// another process's hunt across it is answered.
+TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
+{
+    Pair P;
+    MakePair(P, false, "hw");
+    const pid_t Sink = StartChild([&] {
+        LINX *pLinx = OpenOn(P.B, "sink");
+        while (ReceiveOne(pLinx, 20000) == kFlood) {
+        }
+        return linx_close(pLinx);
+    });
+    const pid_t Deaf = StartChild([&] {
+        OpenOn(P.B, "deaf");
+        pause();
+        return 0;
+    });
+    const pid_t Echo = StartEcho(P.B, "echo");
+    LINX *pHonest = OpenOn(P.A, "honest");
+    const LINX_SPID EchoSpid = HuntAndWait(pHonest, "b/echo", 10000);
+    ASSERT_NE(0u, EchoSpid);
+    ExpectAnswered(pHonest, EchoSpid, 0);
+    const long BeforeA = RssKiB(P.A.Pid), BeforeB = RssKiB(P.B.Pid);
+    int Refused[2];
+    ASSERT_EQ(0, pipe2(Refused, O_NONBLOCK));
+    const pid_t Flooders[2] = {StartFlooder(P.A, "b/sink", Refused[1]), StartFlooder(P.A, "b/deaf", Refused[1])};
+    ASSERT_TRUE(AwaitRefusals(Refused[0], 2));
+    long MostA = 0, MostB = 0;
+    for (uint32_t i = 1; i <= 50; i++) {
+        ExpectAnswered(pHonest, EchoSpid, i);
+        MostA = std::max(MostA, RssKiB(P.A.Pid));
+        MostB = std::max(MostB, RssKiB(P.B.Pid));
+    }
+    for (const pid_t Flooder : Flooders) {
+        kill(Flooder, SIGKILL);
+        WaitChild(Flooder);
+    }
+    if (kRssIsMemory) {
+        EXPECT_LT(MostA - BeforeA, 16 * 1024) << "linxd of a grew by KiB";
+        EXPECT_LT(MostB - BeforeB, 16 * 1024) << "linxd of b grew by KiB";
+        EXPECT_TRUE(WaitFor([&] { return RssKiB(P.A.Pid) - BeforeA < 4 * 1024; }, 5000))
+            << "linxd of a keeps " << RssKiB(P.A.Pid) - BeforeA << " KiB";
+    }
+
+    const pid_t Hunter = StartChild([&] {
+        LINX *pLinx = OpenOn(P.A, "hunter");
+        int Taken = 0, Refusals = 0;
+        for (int i = 0; i < 5000; i++) {
+            const int Result = linx_hunt(pLinx, ("b/absent-" + std::to_string(i)).c_str(), nullptr);
+            Taken += Result == 0;
+            Refusals += Result != 0 && errno == ENOBUFS;
+        }
+        return Taken == 4096 && Refusals == 904 ? 0 : 1;
+    });
+    EXPECT_EQ(0, WaitChild(Hunter));
+    const std::string Refusal =
+        "refused a hunt of process " + std::to_string(Hunter) + ": 4096 of its hunts across links wait already";
+    int Lines = 0;
+    EXPECT_TRUE(WaitFor([&] { return Refusals(ReadFile(P.A.LogPath), Refusal, &Lines) == 904; }, 3000));
+    EXPECT_LE(Lines, 4);
+    LINX *pOther = OpenOn(P.A, "other");
+    EXPECT_EQ(EchoSpid, HuntAndWait(pOther, "b/echo", 10000));
+    ExpectAnswered(pHonest, EchoSpid, 51);
+    EXPECT_EQ(std::string::npos, ReadFile(P.A.LogPath).find("is down")) << ReadFile(P.A.LogPath);
+    linx_close(pOther);
+    linx_close(pHonest);
+    for (const pid_t Child : {Sink, Deaf, Echo}) {
+        kill(Child, SIGKILL);
+        WaitChild(Child);
+    }
+    close(Refused[0]);
+    close(Refused[1]);
+}
+
+// Scribbles on every ready set this process maps (its own sockets' and its
+// receivers'): marks everywhere, statistics out of all measure.  The arm
+// word is left alone: a sender that clears it can cost its receiver a
+// wake-up, which only its senders can do.
+void ScribbleOnReadySets()
+{
+    std::ifstream Maps("/proc/self/maps");
+    for (std::string Line; std::getline(Maps, Line);) {
+        if (Line.find("linx-ready") == std::string::npos)
+            continue;
+        auto *pSet = (linxd_ready_set *)(uintptr_t)std::stoull(Line, nullptr, 16);
+        memset(&pSet->counters, 0xFF, sizeof pSet->counters);
+        memset(&pSet->marks, 0xFF, sizeof pSet->marks);
+    }
+}
+
+// A receiver waits for one number while a process keeps its ring full of
+// another and scribbles on the receiver's ready set: what the receiver
+// sets aside stays bounded, it says once that it left the flooder's
+// signals in its ring, and an honest signal of the awaited number from
+// another process still reaches it.
+TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
+{
+    const std::string Said = "/tmp/" + TestInstance() + "-picky.err";
+    int Ready[2], Refused[2];
+    ASSERT_EQ(0, pipe(Ready));
+    ASSERT_EQ(0, pipe2(Refused, O_NONBLOCK));
+    const pid_t Picky = StartChild([&] {
+        dup2(open(Said.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), 2);
+        LINX *pLinx = linx_open("picky", 0, nullptr);
+        (void)!write(Ready[1], "", 1);
+        static const LINX_SIGSELECT kOnlyA[] = {1, 0xA};
+        const uint32_t Got = ReceiveOne(pLinx, 20000, nullptr, nullptr, kOnlyA);
+        linx_close(pLinx);
+        return Got == 0xA ? 0 : 1;
+    });
+    char Byte;
+    ASSERT_EQ(1, read(Ready[0], &Byte, 1));
+    const long Before = RssKiB(Picky);
+    Node Here; // this test's own instance, which it does not start or kill
+    Here.Instance = TestInstance();
+    const pid_t Flooder = StartFlooder(Here, "picky", Refused[1], ScribbleOnReadySets);
+    ASSERT_TRUE(AwaitRefusals(Refused[0], 1));
+    EXPECT_LT(RssKiB(Picky) - Before, 8 * 1024) << "the receiver grew by KiB";
+    LINX *pHonest = linx_open("honest", 0, nullptr);
+    union LINX_SIGNAL *pSig = NewSignal(pHonest, 0xA, 1);
+    ASSERT_EQ(0, linx_send(pHonest, &pSig, HuntAndWait(pHonest, "picky", 5000)));
+    EXPECT_EQ(0, WaitChild(Picky));
+    EXPECT_NE(std::string::npos, ReadFile(Said).find("left the signals of process " + std::to_string(Flooder) +
+                                                     " in its ring"))
+        << ReadFile(Said);
+    kill(Flooder, SIGKILL);
+    WaitChild(Flooder);
+    linx_close(pHonest);
+    for (const int Fd : {Ready[0], Ready[1], Refused[0], Refused[1]})
+        close(Fd);
+}
+
+// Peers that do not belong: a TCP peer with another secret never gets a
+// hunt through; garbage, frames before the hello, oversized frames,
+// signals from endpoints never announced or for endpoints never announced
+// to the peer each drop only their own connection, with a line; and
+// connections that never finish their TLS hello make room for newer ones,
+// are summarised in a few lines and cost nothing once gone.  The link that
+// belongs keeps working.
+TEST(HostileWriters, PeersThatDoNotBelongAreRefused)
+{
+    Pair P;
+    MakePair(P, true, "sec");
+    Node Stranger;
+    Stranger.Instance = TestInstance() + "-secx";
+    const std::string Port = P.B.Args.back().substr(P.B.Args.back().rfind(':') + 1);
+    Stranger.Args = {"--secret", MakeSecret("other"), "--link", "b=tcp:127.0.0.1:" + Port};
+    unlink(("/tmp/" + Stranger.Instance + ".log").c_str());
+    Start(Stranger);
+    const pid_t Echo = StartEcho(P.B, "vault");
+    LINX *pOutsider = OpenOn(Stranger, "outsider");
+    EXPECT_EQ(0u, HuntAndWait(pOutsider, "b/vault", 1500));
+    EXPECT_NE(std::string::npos, ReadFile(Stranger.LogPath).find("TLS handshake failed"));
+    EXPECT_NE(std::string::npos, ReadFile(P.B.LogPath).find("refused a link connection from tcp:127.0.0.1"));
+    linx_close(pOutsider);
+    Kill(Stranger);
+
+    const std::string Ping = Frame((uint32_t)LinkFrame::Signal, Words({7, 0x10001, 0}) + "ping");
+    const std::string Known = Frame((uint32_t)LinkFrame::Endpoint, Words({7}) + "x");
+    const struct {
+        std::string Bytes;
+        const char *pLine;
+    } Cases[] = {
+        {"GET / HTTP/1.0\r\n\r\n", "more than any frame holds"},
+        {Frame(4, "xxxx"), "a frame before the hello"},
+        {Frame(1, "hi"), "not a linxd link"},
+        {Hello("rogue") + Ping, "a signal from an endpoint it never announced"},
+        {Hello("rogue2") + Known + Ping, "a signal for an endpoint never announced to it"},
+        {Hello("rogue3") + Frame(99, ""), "a frame of unknown type 99"},
+        {Hello("rogue4") + Frame(2, std::string("a\0b", 3)), "a hunt for a name that cannot be"},
+    };
+    for (const auto &Case : Cases) {
+        const int Fd = ConnectUnixLink(P.B.Instance);
+        SendAndAwaitClose(Fd, Case.Bytes);
+        close(Fd);
+        EXPECT_TRUE(WaitFor([&] { return ReadFile(P.B.LogPath).find(Case.pLine) != std::string::npos; }, 2000))
+            << Case.pLine;
+    }
+
+    const size_t Seen = ReadFile(P.B.LogPath).size();
+    const long Before = RssKiB(P.B.Pid);
+    struct sockaddr_in Addr = {};
+    Addr.sin_family = AF_INET;
+    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    Addr.sin_port = htons((uint16_t)std::stoi(Port));
+    std::vector<int> HalfOpen;
+    for (int i = 0; i < 300; i++) {
+        HalfOpen.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(0, connect(HalfOpen.back(), (struct sockaddr *)&Addr, sizeof Addr));
+    }
+    for (const int Fd : HalfOpen)
+        close(Fd);
+    int Lines = 0;
+    EXPECT_TRUE(WaitFor([&] { return Refusals(ReadFile(P.B.LogPath).substr(Seen), "link connection", &Lines) == 300; },
+                        5000));
+    EXPECT_LE(Lines, 6) << ReadFile(P.B.LogPath).substr(Seen);
+    if (kRssIsMemory) {
+        EXPECT_TRUE(WaitFor([&] { return RssKiB(P.B.Pid) - Before < 1024; }, 3000))
+            << "linxd keeps " << RssKiB(P.B.Pid) - Before << " KiB";
+    }
+
+    LINX *pClient = OpenOn(P.A, "insider");
+    const LINX_SPID Vault = HuntAndWait(pClient, "b/vault", 10000);
+    ASSERT_NE(0u, Vault);
+    union LINX_SIGNAL *pStop = NewSignal(pClient, kStop, 0);
+    ASSERT_EQ(0, linx_send(pClient, &pStop, Vault));
+    EXPECT_EQ(0, WaitChild(Echo));
+    linx_close(pClient);
+}
+
+} // namespace
