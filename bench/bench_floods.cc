@@ -192,6 +192,17 @@ LinkedNodes StartLinked(const std::string &Tag, const std::vector<std::string> &
     return N;
 }
 
+// Stops the nodes, the processes on them and the pipe they reported on.
+void StopLinked(LinkedNodes &N, std::initializer_list<pid_t> Children, const int Pipe[2])
+{
+    for (pid_t Child : Children)
+        Stop(Child);
+    close(Pipe[0]);
+    close(Pipe[1]);
+    StopNode(N.A);
+    StopNode(N.B);
+}
+
 // Floods Target behind the link from node a while an honest pair pings
 // b/echo across the same link.
 void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTarget,
@@ -224,12 +235,7 @@ void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTa
            During.Answered, During.Sent, During.MedianUs, Quiet);
     printf("  lines \"link b is down\" on a: %d\n", CountLines(ReadWhole(N.A.Log), "link b is down"));
     linx_close(pLinx);
-    for (pid_t Child : {Sink, Echo})
-        Stop(Child);
-    close(Pipe[0]);
-    close(Pipe[1]);
-    StopNode(N.A);
-    StopNode(N.B);
+    StopLinked(N, {Sink, Echo}, Pipe);
 }
 
 void HuntsBeyondTheBound(const std::string &Tag)
@@ -270,12 +276,7 @@ void HuntsBeyondTheBound(const std::string &Tag)
     else
         printf("  another process's hunt across the link: no answer within 5 s\n");
     linx_close(pLinx);
-    for (pid_t Child : {Hunter, Echo})
-        Stop(Child);
-    close(Pipe[0]);
-    close(Pipe[1]);
-    StopNode(N.A);
-    StopNode(N.B);
+    StopLinked(N, {Hunter, Echo}, Pipe);
 }
 
 void HalfOpenConnections(const std::string &Tag)
