@@ -26,7 +26,7 @@
 namespace {
 
 constexpr int kFloodSeconds = 3;
-constexpr uint32_t kPing = 0x70, kWanted = 0xA, kFlood = 0xB, kStop = 0x71;
+constexpr uint32_t kPing = 0x70, kWanted = 0xA, kFlood = 0xB;
 
 // A child that opens Name on Instance and runs Body on it; returns once it
 // is open.
@@ -57,7 +57,7 @@ void Stop(pid_t Child)
 
 pid_t StartEcho(const std::string &Instance, const char *pName)
 {
-    return Start(Instance, pName, [](LINX *p) { LinxEchoLoop(p, true, kStop); });
+    return Start(Instance, pName, [](LINX *p) { LinxPeerLoop(p, true); });
 }
 
 // Sends 64 KiB signals of kFlood to the socket Name for kFloodSeconds as
@@ -333,7 +333,7 @@ int main()
     NeverReadingClient(One);
     StopNode(One);
     FloodAcrossLink("A process keeps its ring to an endpoint behind a link full of 64 KiB signals", Tag + "-ph",
-                    "b/sink", [](LINX *p) { LinxEchoLoop(p, false, kStop); });
+                    "b/sink", [](LINX *p) { LinxPeerLoop(p, false); });
     FloodAcrossLink("A receiver behind a link that never reads, flooded across it", Tag + "-deaf", "b/deaf",
                     [](LINX *) { pause(); });
     HuntsBeyondTheBound(Tag + "-hunts");

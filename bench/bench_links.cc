@@ -1,16 +1,17 @@
-// What a link between two linxd instances costs: the 64-byte round trip
-// between two processes on two linked instances of this host (over the
-// Unix link and over TCP with TLS), beside the same pair on one instance
-// and beside a raw TCP ping-pong on localhost, in one run; and the one-way
-// throughput of 64-byte signals across each link.
-#include <arpa/inet.h>
-#include <dlfcn.h>
-#include <fcntl.h>
+// What a link between two linxd nodes costs, against raw TCP on localhost,
+// every comparison in alternating blocks in one run (bench_util.h's
+// Compare: each mechanism's pair in the better of its two placements on the
+// cores; the nodes' linxd are left to the scheduler):
+//   - the 64 B round trip between two processes: a raw TCP ping-pong
+//     (TCP_NODELAY, one process echoing), the pair on one linxd instance,
+//     across a Unix link between two instances of this host, and across a
+//     TCP link with TLS;
+//   - 64 B signals one way across each link, beside 64 B records one way
+//     over raw TCP.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -24,10 +25,24 @@
 namespace {
 
 constexpr uint32_t kEcho = 0x30;
-constexpr uint32_t kStop = 0x31;
-constexpr int kRounds = 5000;
-constexpr int kOneWay = 200000;
+constexpr int kRounds = 7;
+constexpr int kTripsPerBlock = 2000;
+constexpr uint32_t kOneWay = 200000;
 constexpr size_t kBytes = 64;
+
+std::vector<pid_t> gPeers; // stopped at the end
+
+template <typename Body> pid_t StartPeer(Body Run)
+{
+    fflush(nullptr);
+    const pid_t Child = fork();
+    if (Child == 0) {
+        PinTask(0, PeerCore());
+        _exit(Run());
+    }
+    gPeers.push_back(Child);
+    return Child;
+}
 
 void Exactly(int Fd, char *p, size_t Bytes, bool bWrite)
 {
@@ -39,104 +54,124 @@ void Exactly(int Fd, char *p, size_t Bytes, bool bWrite)
     }
 }
 
-// Raw TCP on localhost: one process echoes 64-byte messages back.
-double RawTcpRoundTripUs()
+// A peer reached by a TCP connection (Fd) or by its SPID from a client
+// socket, and its process.
+struct Peer {
+    int Fd = -1;
+    LINX *pClient = nullptr;
+    LINX_SPID Spid = 0;
+    pid_t Pid = 0;
+};
+
+// A TCP connection on localhost to a peer that echoes 64-byte records
+// (bEcho) or counts them: an all-zero record asks for the count.
+Peer StartTcpPeer(bool bEcho)
 {
-    const uint16_t Port = FreePort();
     const int Listener = socket(AF_INET, SOCK_STREAM, 0);
-    const int One = 1;
-    setsockopt(Listener, SOL_SOCKET, SO_REUSEADDR, &One, sizeof One);
     struct sockaddr_in Addr = {};
     Addr.sin_family = AF_INET;
     Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    Addr.sin_port = htons(Port);
-    if (bind(Listener, (struct sockaddr *)&Addr, sizeof Addr) != 0 || listen(Listener, 1) != 0)
+    socklen_t Len = sizeof Addr;
+    if (bind(Listener, (struct sockaddr *)&Addr, sizeof Addr) != 0 || listen(Listener, 1) != 0 ||
+        getsockname(Listener, (struct sockaddr *)&Addr, &Len) != 0)
         Fail("listen");
-    const pid_t Echo = fork();
-    if (Echo == 0) {
+    const int One = 1;
+    Peer P;
+    P.Pid = StartPeer([&] {
         const int Fd = accept(Listener, nullptr, nullptr);
         setsockopt(Fd, IPPROTO_TCP, TCP_NODELAY, &One, sizeof One);
-        char Buffer[kBytes];
-        for (int i = 0; i < kRounds; i++) {
-            Exactly(Fd, Buffer, kBytes, false);
-            Exactly(Fd, Buffer, kBytes, true);
+        char Record[kBytes];
+        for (uint32_t Taken = 0;;) {
+            Exactly(Fd, Record, kBytes, false);
+            if (!bEcho && Record[0] != 0) {
+                Taken++;
+                continue;
+            }
+            if (!bEcho) {
+                memcpy(Record, &Taken, sizeof Taken);
+                Taken = 0;
+            }
+            Exactly(Fd, Record, kBytes, true);
         }
-        _exit(0);
-    }
-    const int Fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (connect(Fd, (struct sockaddr *)&Addr, sizeof Addr) != 0)
+        return 0;
+    });
+    P.Fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (connect(P.Fd, (struct sockaddr *)&Addr, sizeof Addr) != 0)
         Fail("connect");
-    setsockopt(Fd, IPPROTO_TCP, TCP_NODELAY, &One, sizeof One);
-    char Buffer[kBytes] = {};
+    setsockopt(P.Fd, IPPROTO_TCP, TCP_NODELAY, &One, sizeof One);
+    close(Listener);
+    return P;
+}
+
+double TcpRoundTrips(int Fd)
+{
+    char Record[kBytes] = {1};
     std::vector<double> Samples;
-    for (int i = 0; i < kRounds; i++) {
+    for (int i = 0; i < kTripsPerBlock; i++) {
         const double Start = NowUs();
-        Exactly(Fd, Buffer, kBytes, true);
-        Exactly(Fd, Buffer, kBytes, false);
+        Exactly(Fd, Record, kBytes, true);
+        Exactly(Fd, Record, kBytes, false);
         Samples.push_back(NowUs() - Start);
     }
-    close(Fd);
-    close(Listener);
-    waitpid(Echo, nullptr, 0);
     return Median(Samples);
 }
 
-// A process on instance Peer that echoes (or only takes) signals.
-pid_t StartEcho(const std::string &Peer, bool bEcho)
+// Records a second, kOneWay of them one way.
+double TcpOneWay(int Fd)
 {
-    const pid_t Echo = fork();
-    if (Echo == 0) {
-        LINX *pLinx = OpenOn(Peer, "bench-echo");
-        _exit(pLinx == nullptr ? 1 : LinxEchoLoop(pLinx, bEcho, kStop));
-    }
-    return Echo;
-}
-
-void Stop(LINX *pLinx, LINX_SPID Peer, pid_t Echo)
-{
-    SendWaiting(pLinx, Peer, kBytes, kStop);
-    union LINX_SIGNAL *pSig = nullptr;
-    linx_receive_w_tmo(pLinx, &pSig, 30000, nullptr);
-    linx_free_buf(pLinx, &pSig);
-    waitpid(Echo, nullptr, 0);
-}
-
-// The median 64-byte round trip from a process on instance Mine to one on
-// instance Peer, found as PeerPath.
-double LinxRoundTripUs(const std::string &Mine, const std::string &Peer, const std::string &PeerPath)
-{
-    const pid_t Echo = StartEcho(Peer, true);
-    LINX *pLinx = OpenOn(Mine, "bench-asker");
-    const LINX_SPID Target = Hunt(pLinx, PeerPath.c_str());
-    std::vector<double> Samples;
-    for (int i = 0; i < kRounds + 200; i++) {
-        const double Start = NowUs();
-        SendWaiting(pLinx, Target, kBytes, kEcho);
-        union LINX_SIGNAL *pSig = nullptr;
-        if (linx_receive(pLinx, &pSig, nullptr) <= 0)
-            Fail("receive");
-        linx_free_buf(pLinx, &pSig);
-        if (i >= 200) // the first ones warm the routes
-            Samples.push_back(NowUs() - Start);
-    }
-    Stop(pLinx, Target, Echo);
-    linx_close(pLinx);
-    return Median(Samples);
-}
-
-// Signals of 64 bytes a second, one way from Mine to a taker on Peer.
-double OneWayPerSecond(const std::string &Mine, const std::string &Peer, const std::string &PeerPath)
-{
-    const pid_t Taker = StartEcho(Peer, false);
-    LINX *pLinx = OpenOn(Mine, "bench-sender");
-    const LINX_SPID Target = Hunt(pLinx, PeerPath.c_str());
+    std::vector<char> Batch(kBytes * 1024, 1);
     const double Start = NowUs();
-    for (int i = 0; i < kOneWay; i++)
-        SendWaiting(pLinx, Target, kBytes, kEcho);
-    Stop(pLinx, Target, Taker);
-    const double Seconds = (NowUs() - Start) / 1e6;
-    linx_close(pLinx);
-    return kOneWay / Seconds;
+    for (uint32_t Sent = 0; Sent < kOneWay; Sent += 1024)
+        Exactly(Fd, Batch.data(), kBytes * std::min<uint32_t>(1024, kOneWay - Sent), true);
+    char Mark[kBytes] = {0};
+    Exactly(Fd, Mark, kBytes, true);
+    Exactly(Fd, Mark, kBytes, false);
+    uint32_t Taken;
+    memcpy(&Taken, Mark, sizeof Taken);
+    if (Taken != kOneWay)
+        Fail("tcp one-way count");
+    return kOneWay / ((NowUs() - Start) / 1e6);
+}
+
+// A peer on instance PeerNode named Name that echoes (or counts), and a
+// client socket on instance Mine that found it by Path.
+Peer StartLinxPair(const std::string &Mine, const std::string &PeerNode, const std::string &Name,
+                   const std::string &Path, bool bEcho)
+{
+    Peer P;
+    P.Pid = StartPeer([&] {
+        LINX *pLinx = OpenOn(PeerNode, Name.c_str());
+        return pLinx == nullptr ? 1 : LinxPeerLoop(pLinx, bEcho);
+    });
+    P.pClient = OpenOn(Mine, ("client-" + Name).c_str());
+    P.Spid = Hunt(P.pClient, Path.c_str());
+    return P;
+}
+
+double LinxRoundTrips(const Peer &P)
+{
+    std::vector<double> Samples;
+    for (int i = 0; i < kTripsPerBlock; i++) {
+        const double Start = NowUs();
+        SendWaiting(P.pClient, P.Spid, kBytes, kEcho);
+        union LINX_SIGNAL *pSig = nullptr;
+        if (linx_receive(P.pClient, &pSig, nullptr) <= 0)
+            Fail("receive");
+        linx_free_buf(P.pClient, &pSig);
+        Samples.push_back(NowUs() - Start);
+    }
+    return Median(Samples);
+}
+
+// Signals a second, kOneWay of them one way to a counting peer.
+double LinxOneWay(const Peer &P)
+{
+    const double Start = NowUs();
+    for (uint32_t i = 0; i < kOneWay; i++)
+        SendWaiting(P.pClient, P.Spid, kBytes, kEcho);
+    if (LinxMark(P.pClient, P.Spid) != kOneWay)
+        Fail("one-way count");
+    return kOneWay / ((NowUs() - Start) / 1e6);
 }
 
 } // namespace
@@ -144,41 +179,42 @@ double OneWayPerSecond(const std::string &Mine, const std::string &Peer, const s
 int main()
 {
     signal(SIGPIPE, SIG_IGN);
-    const std::string Linxd = LinxdPath();
     const std::string Tag = "bench-links-" + std::to_string(getpid());
     const std::string Secret = "/tmp/" + Tag + ".secret";
     const std::string Listen = "tcp:127.0.0.1:" + std::to_string(FreePort());
-    waitpid(Spawn({Linxd, "--make-secret", Secret}), nullptr, 0);
-    const std::string A = Tag + "-a", B = Tag + "-b", C = Tag + "-c";
-    std::vector<pid_t> Nodes = {
-        Spawn({Linxd, "--foreground", "--idle-exit", "0", "--config", "/dev/null", "--instance", B, "--secret", Secret,
-               "--listen", Listen}),
-        Spawn({Linxd, "--foreground", "--idle-exit", "0", "--config", "/dev/null", "--instance", A, "--link",
-               "b=unix:" + B}),
-        Spawn({Linxd, "--foreground", "--idle-exit", "0", "--config", "/dev/null", "--instance", C, "--secret", Secret,
-               "--link", "b=" + Listen}),
-    };
-    usleep(300000); // the nodes start and dial
+    waitpid(Spawn({LinxdPath(), "--make-secret", Secret}), nullptr, 0);
+    BenchNode B = StartNode(Tag + "-b", {"--secret", Secret, "--listen", Listen});
+    BenchNode A = StartNode(Tag + "-a", {"--link", "b=unix:" + B.Instance});
+    BenchNode C = StartNode(Tag + "-c", {"--secret", Secret, "--link", "b=" + Listen});
+    if (!AwaitLine(A, "link b is up") || !AwaitLine(C, "link b is up"))
+        Fail("links");
 
-    const double Tcp = RawTcpRoundTripUs();
-    const double One = LinxRoundTripUs(B, B, "bench-echo");
-    const double Unix = LinxRoundTripUs(A, B, "b/bench-echo");
-    const double Tls = LinxRoundTripUs(C, B, "b/bench-echo");
-    printf("64 B round trip between two processes (median of %d)\n", kRounds);
-    printf("  raw TCP on localhost            %8.1f us\n", Tcp);
-    printf("  linx_ on one instance           %8.1f us  %5.2fx raw TCP\n", One, One / Tcp);
-    printf("  linx_ across a Unix link        %8.1f us  %5.2fx raw TCP\n", Unix, Unix / Tcp);
-    printf("  linx_ across a TCP+TLS link     %8.1f us  %5.2fx raw TCP\n", Tls, Tls / Tcp);
-    const double OneWayUnix = OneWayPerSecond(A, B, "b/bench-echo");
-    const double OneWayTls = OneWayPerSecond(C, B, "b/bench-echo");
-    printf("64 B one way, %d signals\n", kOneWay);
-    printf("  across a Unix link              %8.0f k/s\n", OneWayUnix / 1e3);
-    printf("  across a TCP+TLS link           %8.0f k/s\n", OneWayTls / 1e3);
+    const Peer TcpEcho = StartTcpPeer(true);
+    const Peer One = StartLinxPair(B.Instance, B.Instance, "echo-one", "echo-one", true);
+    const Peer Unix = StartLinxPair(A.Instance, B.Instance, "echo-unix", "b/echo-unix", true);
+    const Peer Tls = StartLinxPair(C.Instance, B.Instance, "echo-tls", "b/echo-tls", true);
+    Compare("64 B round trip between two processes (the nodes' linxd where the scheduler puts them)", "us",
+            kRounds,
+            {{"raw TCP on localhost", [&] { return TcpRoundTrips(TcpEcho.Fd); }, {TcpEcho.Pid}},
+             {"linx_ on one instance", [&] { return LinxRoundTrips(One); }, {One.Pid}},
+             {"linx_ across a Unix link", [&] { return LinxRoundTrips(Unix); }, {Unix.Pid}},
+             {"linx_ across a TCP+TLS link", [&] { return LinxRoundTrips(Tls); }, {Tls.Pid}}});
 
-    for (const pid_t Node : Nodes)
-        kill(Node, SIGTERM);
-    for (const pid_t Node : Nodes)
-        waitpid(Node, nullptr, 0);
+    const Peer TcpSink = StartTcpPeer(false);
+    const Peer UnixSink = StartLinxPair(A.Instance, B.Instance, "sink-unix", "b/sink-unix", false);
+    const Peer TlsSink = StartLinxPair(C.Instance, B.Instance, "sink-tls", "b/sink-tls", false);
+    Compare("64 B one way, signals a second", "k/s", kRounds,
+            {{"raw TCP on localhost (64 B records)", [&] { return TcpOneWay(TcpSink.Fd) / 1e3; }, {TcpSink.Pid}},
+             {"linx_ across a Unix link", [&] { return LinxOneWay(UnixSink) / 1e3; }, {UnixSink.Pid}},
+             {"linx_ across a TCP+TLS link", [&] { return LinxOneWay(TlsSink) / 1e3; }, {TlsSink.Pid}}},
+            false);
+
+    for (const pid_t Child : gPeers) {
+        kill(Child, SIGKILL);
+        waitpid(Child, nullptr, 0);
+    }
+    for (BenchNode *pNode : {&A, &B, &C})
+        StopNode(*pNode);
     unlink(Secret.c_str());
     return 0;
 }

@@ -1,21 +1,28 @@
 // Messaging on the LINX stand-in against a raw AF_UNIX SOCK_SEQPACKET
-// socket pair, measured side by side in one run:
-//   - round trip of 64 bytes between two processes: raw socket pair,
-//     linx_send/linx_receive, and MSG_SendMsg with the answer routed back
-//     by the sender stack (medians, ratios),
-//   - round trip between two threads of one process (no payload copy),
-//   - one-way throughput of 64 B and 64 KiB: raw socket pair, linx_, MSG_.
+// socket pair.  Every comparison alternates its mechanisms in blocks in one
+// run (bench_util.h's Compare: a warm-up, then rounds of one block each,
+// each mechanism in the better of its two placements on the cores, ratios
+// as the median of the per-round ratios with their spread):
+//   - 64 B round trip between two processes: raw socket pair, linx_send/
+//     linx_receive, and MSG_SendMsg with the answer routed back by the
+//     sender stack;
+//   - 64 B round trip between two threads of one process, against two
+//     processes;
+//   - one-way throughput of 64 B and 64 KiB: raw socket pair, linx_, MSG_;
+//   - first contact: the first request to a new peer (found by a hunt that
+//     is not timed) and its answer, against a warm raw round trip.
 #include <errno.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,255 +34,279 @@
 namespace {
 
 constexpr uint32_t kPayload = 64;
-constexpr int kBlocks = 6;
-constexpr int kRoundsPerBlock = 3000;
+constexpr int kRounds = 7;
+constexpr int kTripsPerBlock = 3000;
 constexpr uint32_t kEcho = 0x10;
-constexpr uint32_t kStop = 0x11;
+constexpr int kFirstContacts = 10;
 
-// ---- raw socket pair -------------------------------------------------------
+std::vector<pid_t> gPeers; // stopped at the end
 
-struct RawPeer {
-    int Fd;
-    pid_t Child;
-};
-
-RawPeer StartRawEcho()
+// Runs Body in a child on the peers' core.
+template <typename Body> pid_t StartPeer(Body Run)
 {
-    int Pair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, Pair) != 0)
-        Fail("socketpair");
+    fflush(nullptr);
     const pid_t Child = fork();
     if (Child == 0) {
-        close(Pair[0]);
-        char Buffer[kPayload];
-        ssize_t Got;
-        while ((Got = recv(Pair[1], Buffer, sizeof Buffer, 0)) > 0)
-            send(Pair[1], Buffer, Got, 0);
-        _exit(0);
+        PinTask(0, PeerCore());
+        _exit(Run());
     }
-    close(Pair[1]);
-    return {Pair[0], Child};
-}
-
-void RawRounds(const RawPeer &Peer, int Rounds, std::vector<double> *pSamples)
-{
-    char Buffer[kPayload] = {};
-    for (int i = 0; i < Rounds; i++) {
-        const double Start = NowUs();
-        if (send(Peer.Fd, Buffer, sizeof Buffer, 0) != (ssize_t)sizeof Buffer ||
-            recv(Peer.Fd, Buffer, sizeof Buffer, 0) != (ssize_t)sizeof Buffer)
-            Fail("raw round trip");
-        if (pSamples)
-            pSamples->push_back(NowUs() - Start);
-    }
-}
-
-// Count datagrams of Size bytes one way through a fresh socket pair, with a
-// large enough send buffer; returns seconds until the reader took them all.
-double RawOneWay(uint32_t Size, uint32_t Count)
-{
-    int Pair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, Pair) != 0)
-        Fail("socketpair");
-    const int Bytes = 512 * 1024;
-    setsockopt(Pair[0], SOL_SOCKET, SO_SNDBUF, &Bytes, sizeof Bytes);
-    const pid_t Child = fork();
-    if (Child == 0) {
-        close(Pair[0]);
-        std::vector<char> Buffer(Size);
-        uint32_t Taken = 0;
-        while (Taken < Count && recv(Pair[1], Buffer.data(), Size, 0) > 0)
-            Taken++;
-        (void)!send(Pair[1], &Taken, sizeof Taken, 0);
-        _exit(0);
-    }
-    close(Pair[1]);
-    std::vector<char> Buffer(Size);
-    const double Start = NowUs();
-    for (uint32_t i = 0; i < Count; i++)
-        if (send(Pair[0], Buffer.data(), Size, 0) != (ssize_t)Size)
-            Fail("raw one-way");
-    uint32_t Taken = 0;
-    if (recv(Pair[0], &Taken, sizeof Taken, 0) != sizeof Taken || Taken != Count)
-        Fail("raw one-way count");
-    const double Seconds = (NowUs() - Start) / 1e6;
-    close(Pair[0]);
-    waitpid(Child, nullptr, 0);
-    return Seconds;
-}
-
-// ---- LINX -----------------------------------------------------------------------
-
-pid_t StartLinxPeer(const char *pName, bool bEcho)
-{
-    const pid_t Child = fork();
-    if (Child == 0) {
-        LINX *pLinx = linx_open(pName, 0, nullptr);
-        _exit(pLinx == nullptr ? 1 : LinxEchoLoop(pLinx, bEcho, kStop));
-    }
+    gPeers.push_back(Child);
     return Child;
 }
 
-uint32_t StopPeer(LINX *pLinx, LINX_SPID Peer)
+// Waits for a peer that ends by itself.
+void Reap(pid_t Child)
 {
-    SendWaiting(pLinx, Peer, 8, kStop);
-    union LINX_SIGNAL *pSig = nullptr;
-    const LINX_SIGSELECT Stop[] = {1, kStop};
-    if (linx_receive_w_tmo(pLinx, &pSig, 60000, Stop) <= 0)
-        Fail("stop");
-    uint32_t Taken;
-    memcpy(&Taken, (char *)pSig + 4, sizeof Taken);
-    linx_free_buf(pLinx, &pSig);
-    return Taken;
+    waitpid(Child, nullptr, 0);
+    gPeers.erase(std::find(gPeers.begin(), gPeers.end(), Child));
 }
 
-void LinxRounds(LINX *pLinx, LINX_SPID Peer, int Rounds, std::vector<double> *pSamples)
+// ---- raw socket pair -------------------------------------------------------
+
+// A raw peer that echoes (bEcho) or counts datagrams of up to Size bytes;
+// a one-byte datagram asks for the count (and starts it again).
+int RawPeerLoop(int Fd, uint32_t Size, bool bEcho)
 {
-    for (int i = 0; i < Rounds; i++) {
+    std::vector<char> Buffer(Size);
+    uint32_t Taken = 0;
+    for (ssize_t Got; (Got = recv(Fd, Buffer.data(), Size, 0)) > 0;) {
+        if (bEcho) {
+            send(Fd, Buffer.data(), (size_t)Got, 0);
+        } else if (Got == 1) {
+            send(Fd, &Taken, sizeof Taken, 0);
+            Taken = 0;
+        } else {
+            Taken++;
+        }
+    }
+    return 0;
+}
+
+// A peer reached by a raw socket (Fd) or by its SPID, and its process.
+struct Peer {
+    int Fd;
+    uint32_t Spid;
+    pid_t Pid;
+};
+
+Peer StartRawPeer(uint32_t Size, bool bEcho)
+{
+    int Pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, Pair) != 0)
+        Fail("socketpair");
+    const int Bytes = 512 * 1024; // as much as a linx_ ring holds
+    setsockopt(Pair[0], SOL_SOCKET, SO_SNDBUF, &Bytes, sizeof Bytes);
+    const pid_t Pid = StartPeer([&] {
+        close(Pair[0]);
+        return RawPeerLoop(Pair[1], Size, bEcho);
+    });
+    close(Pair[1]);
+    return {Pair[0], 0, Pid};
+}
+
+double RawRoundTrips(int Fd)
+{
+    std::vector<double> Samples;
+    char Buffer[kPayload] = {};
+    for (int i = 0; i < kTripsPerBlock; i++) {
+        const double Start = NowUs();
+        if (send(Fd, Buffer, sizeof Buffer, 0) != (ssize_t)sizeof Buffer ||
+            recv(Fd, Buffer, sizeof Buffer, 0) != (ssize_t)sizeof Buffer)
+            Fail("raw round trip");
+        Samples.push_back(NowUs() - Start);
+    }
+    return Median(Samples);
+}
+
+// Datagrams of Size bytes a second, Count of them one way.
+double RawOneWay(int Fd, uint32_t Size, uint32_t Count)
+{
+    std::vector<char> Buffer(Size);
+    const double Start = NowUs();
+    for (uint32_t i = 0; i < Count; i++)
+        if (send(Fd, Buffer.data(), Size, 0) != (ssize_t)Size)
+            Fail("raw one-way");
+    uint32_t Taken = 0;
+    if (send(Fd, "", 1, 0) != 1 || recv(Fd, &Taken, sizeof Taken, 0) != sizeof Taken || Taken != Count)
+        Fail("raw one-way count");
+    return Count / ((NowUs() - Start) / 1e6);
+}
+
+// ---- linx_ ------------------------------------------------------------------------
+
+Peer StartLinxPeer(LINX *pLinx, const std::string &Name, bool bEcho)
+{
+    const pid_t Pid = StartPeer([&] {
+        LINX *pPeer = linx_open(Name.c_str(), 0, nullptr);
+        return pPeer == nullptr ? 1 : LinxPeerLoop(pPeer, bEcho);
+    });
+    return {-1, Hunt(pLinx, Name.c_str()), Pid};
+}
+
+double LinxRoundTrips(LINX *pLinx, LINX_SPID Peer, union LINX_SIGNAL **ppSent = nullptr)
+{
+    std::vector<double> Samples;
+    for (int i = 0; i < kTripsPerBlock; i++) {
         const double Start = NowUs();
         union LINX_SIGNAL *pSig = linx_alloc(pLinx, kPayload, kEcho);
+        if (ppSent != nullptr)
+            *ppSent = pSig;
         if (linx_send(pLinx, &pSig, Peer) != 0 || linx_receive(pLinx, &pSig, nullptr) <= 0)
             Fail("linx round trip");
+        if (ppSent != nullptr && pSig != *ppSent)
+            Fail("a signal between threads was copied");
         linx_free_buf(pLinx, &pSig);
-        if (pSamples)
-            pSamples->push_back(NowUs() - Start);
+        Samples.push_back(NowUs() - Start);
     }
+    return Median(Samples);
 }
 
-// Sends Count signals of Size bytes one way; returns seconds until the
-// receiver confirmed it took them all.
+// Signals of Size bytes a second, Count of them one way to a counting peer.
 double LinxOneWay(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t Count)
 {
     const double Start = NowUs();
     for (uint32_t i = 0; i < Count; i++)
         SendWaiting(pLinx, Peer, Size, kEcho);
-    if (StopPeer(pLinx, Peer) != Count)
+    if (LinxMark(pLinx, Peer) != Count)
         Fail("one-way count");
-    return (NowUs() - Start) / 1e6;
+    return Count / ((NowUs() - Start) / 1e6);
 }
 
 // ---- MSG_ ---------------------------------------------------------------------
 
 constexpr MSG_Type kMsgRequest = 0x100;
 constexpr MSG_Type kMsgAnswer = 0x101;
-constexpr MSG_Type kMsgQuit = 0x7F0;
+constexpr MSG_Type kMsgMark = 0x7F0;
+constexpr const char *kMsgClient = "bench-msg-client";
 
-// Answers requests (bEcho) or just takes them; a quit request is answered
-// with the number of requests taken.
-pid_t StartMsgPeer(const char *pName, bool bEcho)
+// Answers requests (bEcho) or counts them; a mark is answered with the
+// count, which starts again.
+int MsgPeerLoop(const char *pName, bool bEcho)
 {
-    const pid_t Child = fork();
-    if (Child != 0)
-        return Child;
     MSG_OpenLocal(pName);
     for (uint32_t Taken = 0;;) {
         MSG_Msg *pMsg = MSG_RecvAnyMsg(pName, MSG_TIMEOUT_FOREVER);
         if (pMsg == nullptr)
-            _exit(1);
-        const bool bQuit = MSG_GetType(pMsg) == kMsgQuit;
-        if (bQuit)
+            return 1;
+        const bool bMark = MSG_GetType(pMsg) == kMsgMark;
+        if (bMark) {
             MSG_SetSequence(pMsg, Taken);
-        if (bQuit || bEcho) {
-            MSG_SetType(pMsg, bQuit ? kMsgAnswer : MSG_GetType(pMsg) | 1);
+            Taken = 0;
+        } else {
+            Taken++;
+        }
+        if (bMark || bEcho) {
+            MSG_SetType(pMsg, kMsgAnswer);
             MSG_SendMsg(pName, 0, pMsg);
         } else {
             MSG_ReleaseMsg(pMsg);
         }
-        if (bQuit)
-            _exit(0);
-        Taken++;
     }
 }
 
-void MsgRounds(uint32_t Peer, int Rounds, std::vector<double> *pSamples)
+Peer StartMsgPeer(LINX *pLinx, const char *pName, bool bEcho)
 {
-    for (int i = 0; i < Rounds; i++) {
-        const double Start = NowUs();
-        MSG_Msg *pMsg = MSG_AllocMsg(kMsgRequest, (uint32_t)i, kPayload - MSG_HEADER_BYTES);
-        if (MSG_SendMsg("bench-msg-client", Peer, pMsg) != 0)
-            Fail("MSG_SendMsg");
-        MSG_Msg *pAnswer = MSG_RecvMsg("bench-msg-client", kMsgAnswer, MSG_TIMEOUT_FOREVER);
-        if (pAnswer == nullptr)
-            Fail("MSG_RecvMsg");
-        MSG_ReleaseMsg(pAnswer);
-        if (pSamples)
-            pSamples->push_back(NowUs() - Start);
-    }
+    const pid_t Pid = StartPeer([&] { return MsgPeerLoop(pName, bEcho); });
+    return {-1, Hunt(pLinx, pName), Pid};
 }
 
-uint32_t StopMsgPeer(uint32_t Peer)
+MSG_Msg *AwaitAnswer()
 {
-    while (MSG_SendMsg("bench-msg-client", Peer, MSG_AllocMsg(kMsgQuit, 0, 0)) != 0)
-        sched_yield();
-    MSG_Msg *pAnswer = MSG_RecvMsg("bench-msg-client", kMsgAnswer, 60000);
+    MSG_Msg *pAnswer = MSG_RecvMsg(kMsgClient, kMsgAnswer, 60000);
     if (pAnswer == nullptr)
-        Fail("stop");
-    const uint32_t Taken = MSG_GetSequence(pAnswer);
-    MSG_ReleaseMsg(pAnswer);
-    return Taken;
+        Fail("MSG_RecvMsg");
+    return pAnswer;
 }
 
-void MsgThroughput(LINX *pLinx, int32_t Payload, uint32_t Count)
+double MsgRoundTrips(uint32_t Peer)
 {
-    const pid_t Child = StartMsgPeer("bench-msg-sink", false);
-    const uint32_t Peer = Hunt(pLinx, "bench-msg-sink");
+    std::vector<double> Samples;
+    for (int i = 0; i < kTripsPerBlock; i++) {
+        const double Start = NowUs();
+        if (MSG_SendMsg(kMsgClient, Peer, MSG_AllocMsg(kMsgRequest, (uint32_t)i, kPayload - MSG_HEADER_BYTES)) != 0)
+            Fail("MSG_SendMsg");
+        MSG_ReleaseMsg(AwaitAnswer());
+        Samples.push_back(NowUs() - Start);
+    }
+    return Median(Samples);
+}
+
+// Messages of Bytes (header included) a second, Count of them one way.
+double MsgOneWay(uint32_t Peer, uint32_t Bytes, uint32_t Count)
+{
     const double Start = NowUs();
     for (uint32_t i = 0; i < Count; i++) {
-        MSG_Msg *pMsg = MSG_AllocMsg(kMsgRequest, i, Payload);
-        MSG_Status Status;
-        while ((Status = MSG_SendMsg("bench-msg-client", Peer, pMsg)) == MSG_ERR_LINX) {
+        MSG_Msg *pMsg = MSG_AllocMsg(kMsgRequest, i, (int32_t)(Bytes - MSG_HEADER_BYTES));
+        while (MSG_SendMsg(kMsgClient, Peer, pMsg) == MSG_ERR_LINX) {
             sched_yield(); // the receiver's queue is full (the message was released)
-            pMsg = MSG_AllocMsg(kMsgRequest, i, Payload);
+            pMsg = MSG_AllocMsg(kMsgRequest, i, (int32_t)(Bytes - MSG_HEADER_BYTES));
         }
-        if (Status != 0)
-            Fail("MSG_SendMsg");
     }
-    if (StopMsgPeer(Peer) != Count)
+    while (MSG_SendMsg(kMsgClient, Peer, MSG_AllocMsg(kMsgMark, 0, 0)) != 0)
+        sched_yield();
+    MSG_Msg *pAnswer = AwaitAnswer();
+    const uint32_t Taken = MSG_GetSequence(pAnswer);
+    MSG_ReleaseMsg(pAnswer);
+    if (Taken != Count)
         Fail("MSG one-way count");
-    const double Seconds = (NowUs() - Start) / 1e6;
-    waitpid(Child, nullptr, 0);
-    const double Bytes = Payload + MSG_HEADER_BYTES;
-    printf("MSG one-way %6.0f B: %9.0f msgs/s     %8.1f MB/s\n", Bytes, Count / Seconds, Count * Bytes / Seconds / 1e6);
+    return Count / ((NowUs() - Start) / 1e6);
 }
 
-// linx_ one-way beside the raw socket pair's, run right after it.
-void Throughput(LINX *pLinx, uint32_t Size, uint32_t Count)
-{
-    const double RawSeconds = RawOneWay(Size, Count);
-    const pid_t Child = StartLinxPeer("bench-sink", false);
-    const LINX_SPID Peer = Hunt(pLinx, "bench-sink");
-    const double Seconds = LinxOneWay(pLinx, Peer, Size, Count);
-    waitpid(Child, nullptr, 0);
-    printf("raw  one-way %6u B: %9.0f datagrams/s %8.1f MB/s\n", Size, Count / RawSeconds,
-           Count * (double)Size / RawSeconds / 1e6);
-    printf("linx one-way %6u B: %9.0f signals/s  %8.1f MB/s   %.2fx raw\n", Size, Count / Seconds,
-           Count * (double)Size / Seconds / 1e6, RawSeconds / Seconds);
-}
+// ---- First contact ------------------------------------------------------------
 
-// Two threads of this process; also checks that the receiver got the very
-// buffer the sender sent.
-void IntraProcess(std::vector<double> *pSamples, int *pCopies)
+// The median of the first request and answer to each of kFirstContacts
+// new linx_ peers (their hunts are not timed; each peer echoes once).
+double LinxFirstContacts(LINX *pLinx, int *pSerial)
 {
-    LINX *pA = linx_open("bench-a", 0, nullptr);
-    LINX *pB = linx_open("bench-b", 0, nullptr);
-    if (!pA || !pB)
-        Fail("open");
-    std::thread Echo([pB] { LinxEchoLoop(pB, true, kStop); });
-    const LINX_SPID Peer = linx_get_spid(pB);
-    for (int i = 0; i < kBlocks * kRoundsPerBlock; i++) {
+    std::vector<double> Samples;
+    for (int i = 0; i < kFirstContacts; i++) {
+        const std::string Name = "bench-new-" + std::to_string((*pSerial)++);
+        const pid_t Child = StartPeer([&] {
+            LINX *pPeer = linx_open(Name.c_str(), 0, nullptr);
+            union LINX_SIGNAL *pSig = nullptr;
+            if (pPeer == nullptr || linx_receive(pPeer, &pSig, nullptr) <= 0)
+                return 1;
+            return linx_send(pPeer, &pSig, linx_sender(pPeer, &pSig)) + linx_close(pPeer);
+        });
+        const LINX_SPID Peer = Hunt(pLinx, Name.c_str());
         const double Start = NowUs();
-        union LINX_SIGNAL *pSig = linx_alloc(pA, kPayload, kEcho);
-        union LINX_SIGNAL *const pSent = pSig;
-        linx_send(pA, &pSig, Peer);
-        linx_receive(pA, &pSig, nullptr);
-        *pCopies += pSig != pSent;
-        linx_free_buf(pA, &pSig);
-        pSamples->push_back(NowUs() - Start);
+        union LINX_SIGNAL *pSig = linx_alloc(pLinx, kPayload, kEcho);
+        if (linx_send(pLinx, &pSig, Peer) != 0 || linx_receive(pLinx, &pSig, nullptr) <= 0)
+            Fail("first contact");
+        Samples.push_back(NowUs() - Start);
+        linx_free_buf(pLinx, &pSig);
+        Reap(Child);
     }
-    StopPeer(pA, Peer);
-    Echo.join();
-    linx_close(pA);
-    linx_close(pB);
+    return Median(Samples);
+}
+
+// The same with MSG_: a remote endpoint opened (not timed), then the first
+// request and its answer.
+double MsgFirstContacts(int *pSerial)
+{
+    std::vector<double> Samples;
+    for (int i = 0; i < kFirstContacts; i++) {
+        const std::string Name = "bench-msg-new-" + std::to_string((*pSerial)++);
+        const pid_t Child = StartPeer([&] {
+            MSG_OpenLocal(Name.c_str());
+            MSG_Msg *pMsg = MSG_RecvAnyMsg(Name.c_str(), MSG_TIMEOUT_FOREVER);
+            if (pMsg == nullptr)
+                return 1;
+            MSG_SetType(pMsg, kMsgAnswer);
+            return (int)MSG_SendMsg(Name.c_str(), 0, pMsg) + (int)MSG_CloseLocal(Name.c_str());
+        });
+        uint32_t Peer = 0;
+        if (MSG_OpenRemoteSync(kMsgClient, Name.c_str(), 10000, &Peer) != 0)
+            Fail("MSG_OpenRemoteSync");
+        const double Start = NowUs();
+        if (MSG_SendMsg(kMsgClient, Peer, MSG_AllocMsg(kMsgRequest, 0, kPayload - MSG_HEADER_BYTES)) != 0)
+            Fail("MSG_SendMsg");
+        MSG_ReleaseMsg(AwaitAnswer());
+        Samples.push_back(NowUs() - Start);
+        MSG_CloseRemote(kMsgClient, Name.c_str());
+        Reap(Child);
+    }
+    return Median(Samples);
 }
 
 } // namespace
@@ -284,56 +315,66 @@ int main()
 {
     const std::string Instance = "bench-" + std::to_string(getpid());
     setenv("LINXD_INSTANCE", Instance.c_str(), 1);
-
     LINX *pLinx = linx_open("bench-client", 0, nullptr);
-    if (pLinx == nullptr)
-        Fail("linx_open");
-    const pid_t LinxChild = StartLinxPeer("bench-echo", true);
-    const LINX_SPID Peer = Hunt(pLinx, "bench-echo");
-    const pid_t MsgChild = StartMsgPeer("bench-msg-echo", true);
-    const uint32_t MsgPeer = Hunt(pLinx, "bench-msg-echo");
-    MSG_OpenLocal("bench-msg-client");
-    const RawPeer Raw = StartRawEcho();
+    if (pLinx == nullptr || MSG_OpenLocal(kMsgClient) != 0)
+        Fail("open");
+    const Peer RawEcho = StartRawPeer(kPayload, true);
+    const Peer LinxEcho = StartLinxPeer(pLinx, "bench-echo", true);
+    const Peer MsgEcho = StartMsgPeer(pLinx, "bench-msg-echo", true);
+    const auto Trips =
+        Compare("64 B round trip between two processes", "us", kRounds,
+                {{"raw AF_UNIX SOCK_SEQPACKET", [&] { return RawRoundTrips(RawEcho.Fd); }, {RawEcho.Pid}},
+                 {"linx_send/linx_receive", [&] { return LinxRoundTrips(pLinx, LinxEcho.Spid); }, {LinxEcho.Pid}},
+                 {"MSG_SendMsg/MSG_RecvMsg, answer by the stack", [&] { return MsgRoundTrips(MsgEcho.Spid); },
+                  {MsgEcho.Pid}}});
+    PrintRatio("MSG_ / linx_", Trips[1], Trips[2]);
 
-    // Warm up all three, then alternate blocks so that each sees the same machine.
-    RawRounds(Raw, 2000, nullptr);
-    LinxRounds(pLinx, Peer, 2000, nullptr);
-    MsgRounds(MsgPeer, 2000, nullptr);
-    std::vector<double> RawSamples, LinxSamples, MsgSamples;
-    for (int Block = 0; Block < kBlocks; Block++) {
-        RawRounds(Raw, kRoundsPerBlock, &RawSamples);
-        LinxRounds(pLinx, Peer, kRoundsPerBlock, &LinxSamples);
-        MsgRounds(MsgPeer, kRoundsPerBlock, &MsgSamples);
+    LINX *pA = linx_open("bench-a", 0, nullptr);
+    LINX *pB = linx_open("bench-b", 0, nullptr);
+    std::atomic<pid_t> EchoThread{0};
+    std::thread Echo([pB, &EchoThread] {
+        EchoThread = gettid();
+        LinxPeerLoop(pB, true);
+    });
+    while (EchoThread == 0)
+        sched_yield();
+    union LINX_SIGNAL *pSent = nullptr;
+    Compare("64 B round trip, linx_", "us", kRounds,
+            {{"two processes", [&] { return LinxRoundTrips(pLinx, LinxEcho.Spid); }, {LinxEcho.Pid}},
+             {"two threads of one process (no copy)", [&] { return LinxRoundTrips(pA, linx_get_spid(pB), &pSent); },
+              {EchoThread}}});
+    SendWaiting(pA, linx_get_spid(pB), 8, kBenchQuit);
+    Echo.join();
+    linx_close(pA);
+
+    for (const uint32_t Size : {64u, 64u * 1024}) {
+        const uint32_t Count = Size == 64 ? 500000 : 20000;
+        const Peer RawSink = StartRawPeer(Size, false);
+        const Peer LinxSink = StartLinxPeer(pLinx, "bench-sink-" + std::to_string(Size), false);
+        const Peer MsgSink = StartMsgPeer(pLinx, ("bench-msg-sink-" + std::to_string(Size)).c_str(), false);
+        const std::string Title = "one way, " + std::to_string(Size) + " B, signals a second";
+        const auto Blocks = Compare(
+            Title.c_str(), "k/s", kRounds,
+            {{"raw AF_UNIX SOCK_SEQPACKET", [&] { return RawOneWay(RawSink.Fd, Size, Count) / 1e3; }, {RawSink.Pid}},
+             {"linx_", [&] { return LinxOneWay(pLinx, LinxSink.Spid, Size, Count) / 1e3; }, {LinxSink.Pid}},
+             {"MSG_ (header included)", [&] { return MsgOneWay(MsgSink.Spid, Size, Count) / 1e3; }, {MsgSink.Pid}}},
+            false);
+        printf("  linx_ moves %.1f GB/s\n", Median(Blocks[1]) * 1e3 * Size / 1e9);
+        PrintRatio("MSG_ / linx_", Blocks[1], Blocks[2]);
+        close(RawSink.Fd);
     }
-    StopPeer(pLinx, Peer);
-    StopMsgPeer(MsgPeer);
-    waitpid(LinxChild, nullptr, 0);
-    waitpid(MsgChild, nullptr, 0);
-    close(Raw.Fd);
-    waitpid(Raw.Child, nullptr, 0);
 
-    const double RawMedian = Median(RawSamples);
-    const double LinxMedian = Median(LinxSamples);
-    const double MsgMedian = Median(MsgSamples);
-    printf("round trip, 64 B, two processes (median of %zu):\n", RawSamples.size());
-    printf("  raw AF_UNIX SOCK_SEQPACKET   %7.2f us\n", RawMedian);
-    printf("  linx_send/linx_receive       %7.2f us   %.2fx raw (target <= 1.0x)\n", LinxMedian,
-           LinxMedian / RawMedian);
-    printf("  MSG_SendMsg/MSG_RecvMsg      %7.2f us   %.2fx linx_ (target <= 1.05x), %.2fx raw\n", MsgMedian,
-           MsgMedian / LinxMedian, MsgMedian / RawMedian);
-
-    std::vector<double> IntraSamples;
-    int Copies = 0;
-    IntraProcess(&IntraSamples, &Copies);
-    printf("round trip, 64 B, two threads of one process: %.2f us (%.2fx the cross-process "
-           "linx round trip), payload copies: %d\n",
-           Median(IntraSamples), Median(IntraSamples) / LinxMedian, Copies);
-
-    Throughput(pLinx, 64, 1000000);
-    Throughput(pLinx, 64 * 1024, 20000);
-    MsgThroughput(pLinx, kPayload - MSG_HEADER_BYTES, 1000000);
-    MsgThroughput(pLinx, 64 * 1024 - MSG_HEADER_BYTES, 20000);
-    MSG_CloseLocal("bench-msg-client");
+    int Serial = 0;
+    Compare("first contact: the first request to a new peer and its answer", "us", kRounds,
+            {{"raw SOCK_SEQPACKET round trip, warm", [&] { return RawRoundTrips(RawEcho.Fd); }, {RawEcho.Pid}},
+             {"linx_, first signal to a new peer", [&] { return LinxFirstContacts(pLinx, &Serial); }, {}},
+             {"MSG_, first request to a new peer", [&] { return MsgFirstContacts(&Serial); }, {}}});
+    for (const pid_t Child : gPeers) {
+        kill(Child, SIGKILL);
+        waitpid(Child, nullptr, 0);
+    }
+    close(RawEcho.Fd);
+    MSG_CloseLocal(kMsgClient);
     linx_close(pLinx);
     return 0;
 }

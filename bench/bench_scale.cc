@@ -38,17 +38,14 @@ Server StartEcho(LINX *pLinx, const char *pName)
     const pid_t Pid = fork();
     if (Pid == 0) {
         LINX *pServer = linx_open(pName, 0, nullptr);
-        _exit(pServer == nullptr ? 1 : LinxEchoLoop(pServer, true, kStop));
+        _exit(pServer == nullptr ? 1 : LinxPeerLoop(pServer, true));
     }
     return {pName, Pid, Hunt(pLinx, pName)};
 }
 
 void StopEcho(LINX *pLinx, const Server &S)
 {
-    SendWaiting(pLinx, S.Spid, 8, kStop);
-    union LINX_SIGNAL *pSig = nullptr;
-    linx_receive(pLinx, &pSig, nullptr);
-    linx_free_buf(pLinx, &pSig);
+    SendWaiting(pLinx, S.Spid, 8, kBenchQuit);
     waitpid(S.Pid, nullptr, 0);
 }
 

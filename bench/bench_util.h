@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -38,6 +39,45 @@ inline double Median(const std::vector<double> &Samples)
 {
     fprintf(stderr, "%s: %s\n", pWhat, strerror(errno));
     exit(1);
+}
+
+// Where the two sides of a pair run.  The scheduler may leave them on one
+// core or spread them over two, and each mechanism has its own best: a
+// process that sleeps until its peer writes wakes fastest on the core the
+// peer just left (a raw socket's round trip here: 8 us on one core, 49 us
+// on two), one that spins while it waits needs a core of its own (linx_:
+// 1.7 us on two, 5.4 us on one).  A comparison measures every mechanism in
+// both placements and keeps its better one, so that nothing is compared
+// at its worst against another at its best.  Nothing is pinned on a
+// machine with a single core.
+enum class Placement { OneCore, TwoCores };
+
+inline bool PinTask(pid_t Task, int Core)
+{
+    const long Cores = sysconf(_SC_NPROCESSORS_ONLN);
+    if (Cores < 2)
+        return false;
+    cpu_set_t Set;
+    CPU_ZERO(&Set);
+    CPU_SET(Core % Cores, &Set);
+    return sched_setaffinity(Task, sizeof Set, &Set) == 0;
+}
+
+// The core of the peers the side that measures starts from now on.
+inline int &PeerCore()
+{
+    static int Core = 1;
+    return Core;
+}
+
+// Puts this process on core 0 and its peers (processes or threads, by
+// id, and those it starts later) on core 0 too or on core 1.
+inline void Place(Placement Where, const std::vector<pid_t> &Peers)
+{
+    PeerCore() = Where == Placement::OneCore ? 0 : 1;
+    PinTask(0, 0);
+    for (const pid_t Peer : Peers)
+        PinTask(Peer, PeerCore());
 }
 
 // Compares mechanisms by measuring them in turn, block after block (after
@@ -70,6 +110,65 @@ inline PairRatio PairRatios(const std::vector<double> &A, const std::vector<doub
         Ratios.push_back(B[r] / A[r]);
     return {Median(Ratios), *std::min_element(Ratios.begin(), Ratios.end()),
             *std::max_element(Ratios.begin(), Ratios.end())};
+}
+
+// One mechanism of a comparison: its name, what one block of it measures
+// (a median time in us, or a rate), and the peers of the side that
+// measures, moved between cores by the comparison.
+struct Mechanism {
+    const char *pName;
+    std::function<double()> Measure;
+    std::vector<pid_t> Peers;
+};
+
+// Measures the mechanisms in alternating blocks (Rounds of them, at least
+// 5, after a warm-up), each block in both placements of its pair keeping
+// the better value (bLower: smaller is better), and prints each one's
+// median over the blocks and its ratio to the one at index Reference: the
+// median of the per-round ratios, with the lowest and the highest.
+// Returns the blocks.
+inline std::vector<std::vector<double>> Compare(const char *pTitle, const char *pUnit, int Rounds,
+                                                const std::vector<Mechanism> &Mechanisms, bool bLower = true,
+                                                size_t Reference = 0)
+{
+    std::vector<std::vector<double>> Placed[2]; // [placement][mechanism][round]
+    for (auto &Each : Placed)
+        Each.resize(Mechanisms.size());
+    const auto Blocks = AlternatingBlocks(Mechanisms.size(), Rounds, [&](size_t k) {
+        double Value[2];
+        for (const Placement Where : {Placement::OneCore, Placement::TwoCores}) {
+            Place(Where, Mechanisms[k].Peers);
+            Value[(int)Where] = Mechanisms[k].Measure();
+            Placed[(int)Where][k].push_back(Value[(int)Where]);
+        }
+        return bLower ? std::min(Value[0], Value[1]) : std::max(Value[0], Value[1]);
+    });
+    printf("%s (%d rounds, each mechanism in its better placement; medians; ratio to %s: median of "
+           "the rounds, lowest-highest; in brackets the medians on one core / two cores)\n",
+           pTitle, Rounds, Mechanisms[Reference].pName);
+    for (size_t k = 0; k < Mechanisms.size(); k++) {
+        const PairRatio R = PairRatios(Blocks[Reference], Blocks[k]);
+        printf("  %-44s %10.2f %-4s", Mechanisms[k].pName, Median(Blocks[k]), pUnit);
+        if (k != Reference)
+            printf(" %6.2fx (%.2f-%.2f)", R.Median, R.Min, R.Max);
+        else
+            printf(" %21s", "");
+        // The warm-up round is not in Blocks: its placements are dropped too.
+        const auto Kept = [&](int Where) {
+            return std::vector<double>(Placed[Where][k].begin() + 1, Placed[Where][k].end());
+        };
+        printf("  [%.2f / %.2f]\n", Median(Kept(0)), Median(Kept(1)));
+    }
+    fflush(stdout);
+    return Blocks;
+}
+
+// Prints the ratio of mechanism B to mechanism A over the rounds of a
+// comparison, with its spread.
+inline void PrintRatio(const char *pWhat, const std::vector<double> &A, const std::vector<double> &B)
+{
+    const PairRatio R = PairRatios(A, B);
+    printf("  %-44s %6.2fx (%.2f-%.2f)\n", pWhat, R.Median, R.Min, R.Max);
 }
 
 // The SPID of the socket of that name, found by a raw hunt.
@@ -113,28 +212,50 @@ inline double RoundTripMedianUs(LINX *pLinx, LINX_SPID Echo, int Rounds, uint32_
     return Median(Samples);
 }
 
-// Echoes every signal back to its sender (bEcho) or just takes it until a
-// signal numbered StopSigNo arrives; answers that one with the number of
-// signals it took.
-inline int LinxEchoLoop(LINX *pLinx, bool bEcho, uint32_t StopSigNo)
+// The signals of the benchmarks' peers: kBenchMark asks a peer how many
+// signals it took since the last mark (the answer's second word), and
+// kBenchQuit ends it.
+constexpr uint32_t kBenchMark = 0x7F11;
+constexpr uint32_t kBenchQuit = 0x7F12;
+
+// A peer that echoes every signal back to its sender (bEcho) or takes it,
+// answers marks with its count, and ends at kBenchQuit.
+inline int LinxPeerLoop(LINX *pLinx, bool bEcho)
 {
-    uint32_t Taken = 0;
-    for (;;) {
+    for (uint32_t Taken = 0;;) {
         union LINX_SIGNAL *pSig = nullptr;
         if (linx_receive(pLinx, &pSig, nullptr) <= 0)
             return 1;
         uint32_t SigNo;
         memcpy(&SigNo, pSig, sizeof SigNo);
         const LINX_SPID From = linx_sender(pLinx, &pSig);
-        if (SigNo == StopSigNo) {
-            memcpy((char *)pSig + 4, &Taken, sizeof Taken);
-            linx_send(pLinx, &pSig, From);
-            return 0;
+        if (SigNo == kBenchQuit) {
+            linx_free_buf(pLinx, &pSig);
+            return linx_close(pLinx);
         }
-        Taken++;
-        if (bEcho)
+        if (SigNo == kBenchMark) {
+            memcpy((char *)pSig + 4, &Taken, sizeof Taken);
+            Taken = 0;
+        } else {
+            Taken++;
+        }
+        if (bEcho || SigNo == kBenchMark)
             linx_send(pLinx, &pSig, From);
         else
             linx_free_buf(pLinx, &pSig);
     }
+}
+
+// Asks the peer for its count (waiting while its queue is full).
+inline uint32_t LinxMark(LINX *pLinx, LINX_SPID Peer)
+{
+    SendWaiting(pLinx, Peer, 8, kBenchMark);
+    union LINX_SIGNAL *pSig = nullptr;
+    const LINX_SIGSELECT Marks[] = {1, kBenchMark};
+    if (linx_receive_w_tmo(pLinx, &pSig, 60000, Marks) <= 0)
+        Fail("mark");
+    uint32_t Taken;
+    memcpy(&Taken, (char *)pSig + 4, sizeof Taken);
+    linx_free_buf(pLinx, &pSig);
+    return Taken;
 }
