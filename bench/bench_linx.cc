@@ -134,11 +134,11 @@ double RawOneWay(int Fd, uint32_t Size, uint32_t Count)
 
 // ---- linx_ ------------------------------------------------------------------------
 
-Peer StartLinxPeer(LINX *pLinx, const std::string &Name, bool bEcho)
+Peer StartLinxPeer(LINX *pLinx, const std::string &Name, bool bEcho, uint32_t AckEvery = 0)
 {
     const pid_t Pid = StartPeer([&] {
         LINX *pPeer = linx_open(Name.c_str(), 0, nullptr);
-        return pPeer == nullptr ? 1 : LinxPeerLoop(pPeer, bEcho);
+        return pPeer == nullptr ? 1 : LinxPeerLoop(pPeer, bEcho, AckEvery);
     });
     return {-1, Hunt(pLinx, Name.c_str()), Pid};
 }
@@ -161,27 +161,35 @@ double LinxRoundTrips(LINX *pLinx, LINX_SPID Peer, union LINX_SIGNAL **ppSent = 
     return Median(Samples);
 }
 
-// Signals of Size bytes a second, Count of them one way to a counting peer.
+// Signals of Size bytes a second, Count of them one way to a counting peer
+// that acknowledges every half window.
 double LinxOneWay(LINX *pLinx, LINX_SPID Peer, uint32_t Size, uint32_t Count)
 {
     const double Start = NowUs();
-    for (uint32_t i = 0; i < Count; i++)
+    SlidingWindow W = {QueueWindow(Size)};
+    for (; W.Sent < Count; W.Sent++) {
+        LinxAwaitRoom(pLinx, &W);
         SendWaiting(pLinx, Peer, Size, kEcho);
+    }
     if (LinxMark(pLinx, Peer) != Count)
         Fail("one-way count");
-    return Count / ((NowUs() - Start) / 1e6);
+    const double Seconds = (NowUs() - Start) / 1e6;
+    LinxDropAcks(pLinx);
+    return Count / Seconds;
 }
 
 // ---- MSG_ ---------------------------------------------------------------------
 
 constexpr MSG_Type kMsgRequest = 0x100;
 constexpr MSG_Type kMsgAnswer = 0x101;
+constexpr MSG_Type kMsgAck = 0x120; // a request type: a response would follow the sender stack
 constexpr MSG_Type kMsgMark = 0x7F0;
 constexpr const char *kMsgClient = "bench-msg-client";
 
-// Answers requests (bEcho) or counts them; a mark is answered with the
+// Answers requests (bEcho) or counts them, acknowledging every AckEvery
+// (when not 0) with a message of the count; a mark is answered with the
 // count, which starts again.
-int MsgPeerLoop(const char *pName, bool bEcho)
+int MsgPeerLoop(const char *pName, bool bEcho, uint32_t AckEvery)
 {
     MSG_OpenLocal(pName);
     for (uint32_t Taken = 0;;) {
@@ -192,8 +200,8 @@ int MsgPeerLoop(const char *pName, bool bEcho)
         if (bMark) {
             MSG_SetSequence(pMsg, Taken);
             Taken = 0;
-        } else {
-            Taken++;
+        } else if (++Taken, AckEvery != 0 && Taken % AckEvery == 0) {
+            MSG_SendMsg(pName, MSG_GetSender(pMsg), MSG_AllocMsg(kMsgAck, Taken, 0));
         }
         if (bMark || bEcho) {
             MSG_SetType(pMsg, kMsgAnswer);
@@ -204,9 +212,9 @@ int MsgPeerLoop(const char *pName, bool bEcho)
     }
 }
 
-Peer StartMsgPeer(LINX *pLinx, const char *pName, bool bEcho)
+Peer StartMsgPeer(LINX *pLinx, const char *pName, bool bEcho, uint32_t AckEvery = 0)
 {
-    const pid_t Pid = StartPeer([&] { return MsgPeerLoop(pName, bEcho); });
+    const pid_t Pid = StartPeer([&] { return MsgPeerLoop(pName, bEcho, AckEvery); });
     return {-1, Hunt(pLinx, pName), Pid};
 }
 
@@ -231,25 +239,41 @@ double MsgRoundTrips(uint32_t Peer)
     return Median(Samples);
 }
 
-// Messages of Bytes (header included) a second, Count of them one way.
-double MsgOneWay(uint32_t Peer, uint32_t Bytes, uint32_t Count)
+// Sends a mark and returns the count of messages it brings back.
+uint32_t MsgMark(uint32_t Peer)
 {
-    const double Start = NowUs();
-    for (uint32_t i = 0; i < Count; i++) {
-        MSG_Msg *pMsg = MSG_AllocMsg(kMsgRequest, i, (int32_t)(Bytes - MSG_HEADER_BYTES));
-        while (MSG_SendMsg(kMsgClient, Peer, pMsg) == MSG_ERR_LINX) {
-            sched_yield(); // the receiver's queue is full (the message was released)
-            pMsg = MSG_AllocMsg(kMsgRequest, i, (int32_t)(Bytes - MSG_HEADER_BYTES));
-        }
-    }
     while (MSG_SendMsg(kMsgClient, Peer, MSG_AllocMsg(kMsgMark, 0, 0)) != 0)
         sched_yield();
     MSG_Msg *pAnswer = AwaitAnswer();
     const uint32_t Taken = MSG_GetSequence(pAnswer);
     MSG_ReleaseMsg(pAnswer);
-    if (Taken != Count)
+    return Taken;
+}
+
+// Messages of Bytes (header included) a second, Count of them one way, in
+// a sliding window as for linx_ (a refused send is never retried: the
+// library writes a line for every failed call).
+double MsgOneWay(uint32_t Peer, uint32_t Bytes, uint32_t Count)
+{
+    const double Start = NowUs();
+    SlidingWindow W = {QueueWindow(Bytes)};
+    for (; W.Sent < Count; W.Sent++) {
+        while (W.Sent - W.Acked >= W.Window) {
+            MSG_Msg *pAck = MSG_RecvMsg(kMsgClient, kMsgAck, 60000);
+            if (pAck == nullptr)
+                Fail("acknowledgement");
+            W.Acked = MSG_GetSequence(pAck);
+            MSG_ReleaseMsg(pAck);
+        }
+        if (MSG_SendMsg(kMsgClient, Peer, MSG_AllocMsg(kMsgRequest, W.Sent, (int32_t)(Bytes - MSG_HEADER_BYTES))) != 0)
+            Fail("MSG_SendMsg");
+    }
+    if (MsgMark(Peer) != Count)
         Fail("MSG one-way count");
-    return Count / ((NowUs() - Start) / 1e6);
+    const double Seconds = (NowUs() - Start) / 1e6;
+    while (MSG_Msg *pAck = MSG_RecvMsg(kMsgClient, kMsgAck, 0)) // left over: they came before the mark's answer
+        MSG_ReleaseMsg(pAck);
+    return Count / Seconds;
 }
 
 // ---- First contact ------------------------------------------------------------
@@ -350,8 +374,10 @@ int main()
     for (const uint32_t Size : {64u, 64u * 1024}) {
         const uint32_t Count = Size == 64 ? 500000 : 20000;
         const Peer RawSink = StartRawPeer(Size, false);
-        const Peer LinxSink = StartLinxPeer(pLinx, "bench-sink-" + std::to_string(Size), false);
-        const Peer MsgSink = StartMsgPeer(pLinx, ("bench-msg-sink-" + std::to_string(Size)).c_str(), false);
+        const Peer LinxSink =
+            StartLinxPeer(pLinx, "bench-sink-" + std::to_string(Size), false, QueueWindow(Size) / 2);
+        const Peer MsgSink =
+            StartMsgPeer(pLinx, ("bench-msg-sink-" + std::to_string(Size)).c_str(), false, QueueWindow(Size) / 2);
         const std::string Title = "one way, " + std::to_string(Size) + " B, signals a second";
         const auto Blocks = Compare(
             Title.c_str(), "k/s", kRounds,

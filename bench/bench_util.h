@@ -213,14 +213,25 @@ inline double RoundTripMedianUs(LINX *pLinx, LINX_SPID Echo, int Rounds, uint32_
 }
 
 // The signals of the benchmarks' peers: kBenchMark asks a peer how many
-// signals it took since the last mark (the answer's second word), and
-// kBenchQuit ends it.
+// signals it took since the last mark (the answer's second word), kBenchAck
+// tells a sender how many the peer took since the last mark, and
+// kBenchQuit ends the peer.
 constexpr uint32_t kBenchMark = 0x7F11;
 constexpr uint32_t kBenchQuit = 0x7F12;
+constexpr uint32_t kBenchAck = 0x7F13;
 
-// A peer that echoes every signal back to its sender (bEcho) or takes it,
-// answers marks with its count, and ends at kBenchQuit.
-inline int LinxPeerLoop(LINX *pLinx, bool bEcho)
+// Sends an acknowledgement of Taken signals to To.
+inline void LinxAck(LINX *pLinx, LINX_SPID To, uint32_t Taken)
+{
+    union LINX_SIGNAL *pAck = linx_alloc(pLinx, 8, kBenchAck);
+    memcpy((char *)pAck + 4, &Taken, sizeof Taken);
+    linx_send(pLinx, &pAck, To);
+}
+
+// A peer that echoes every signal back to its sender (bEcho) or takes it
+// (acknowledging every AckEvery of them when not 0), answers marks with
+// its count, and ends at kBenchQuit.
+inline int LinxPeerLoop(LINX *pLinx, bool bEcho, uint32_t AckEvery = 0)
 {
     for (uint32_t Taken = 0;;) {
         union LINX_SIGNAL *pSig = nullptr;
@@ -236,14 +247,53 @@ inline int LinxPeerLoop(LINX *pLinx, bool bEcho)
         if (SigNo == kBenchMark) {
             memcpy((char *)pSig + 4, &Taken, sizeof Taken);
             Taken = 0;
-        } else {
-            Taken++;
+        } else if (++Taken, AckEvery != 0 && Taken % AckEvery == 0) {
+            LinxAck(pLinx, From, Taken);
         }
         if (bEcho || SigNo == kBenchMark)
             linx_send(pLinx, &pSig, From);
         else
             linx_free_buf(pLinx, &pSig);
     }
+}
+
+// A sliding window over a peer that acknowledges every Window / 2 signals:
+// the sender waits only when a whole window is unacknowledged, so that it
+// never hammers a full queue and never stalls the flow.
+struct SlidingWindow {
+    uint32_t Window;
+    uint32_t Sent = 0;
+    uint32_t Acked = 0;
+};
+
+// Waits (for acknowledgements on pLinx) until another signal may go.
+inline void LinxAwaitRoom(LINX *pLinx, SlidingWindow *pW)
+{
+    static const LINX_SIGSELECT Acks[] = {1, kBenchAck};
+    while (pW->Sent - pW->Acked >= pW->Window) {
+        union LINX_SIGNAL *pSig = nullptr;
+        if (linx_receive_w_tmo(pLinx, &pSig, 60000, Acks) <= 0)
+            Fail("acknowledgement");
+        memcpy(&pW->Acked, (char *)pSig + 4, sizeof pW->Acked);
+        linx_free_buf(pLinx, &pSig);
+    }
+}
+
+// Drops the acknowledgements left over once a mark was answered (they all
+// came before the answer), so that the next window starts afresh.
+inline void LinxDropAcks(LINX *pLinx)
+{
+    static const LINX_SIGSELECT Acks[] = {1, kBenchAck};
+    for (union LINX_SIGNAL *pSig = nullptr; linx_receive_w_tmo(pLinx, &pSig, 0, Acks) > 0;)
+        linx_free_buf(pLinx, &pSig);
+}
+
+// How many signals of Size bytes the window lets go: what a receiver's
+// queue of 512 KiB (linxd's default) holds, less one for the mark.
+inline uint32_t QueueWindow(uint32_t Size)
+{
+    const uint32_t EntryBytes = 16 + (Size + 15) / 16 * 16; // a ring entry: header and padded payload
+    return std::max<uint32_t>(2, 512 * 1024 / EntryBytes - 1);
 }
 
 // Asks the peer for its count (waiting while its queue is full).

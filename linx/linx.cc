@@ -461,7 +461,13 @@ LINX_SPID linx_get_spid(LINX *linx)
 
 int linx_get_descriptor(LINX *linx)
 {
+    linx_module_watch(linx->Socket);
     return linx->Socket;
+}
+
+int linx_request_on(LINX *linx, uint32_t request, void *record)
+{
+    return linx_module_request(linx->Socket, request, record);
 }
 
 int linx_get_version(char *buf)

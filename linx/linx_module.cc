@@ -52,3 +52,9 @@ int linx_module_close(int fd)
         return linx_standin_close(fd);
     return close(fd);
 }
+
+void linx_module_watch(int fd)
+{
+    if (jBackend() == Backend::Standin)
+        linx_standin_watch(fd);
+}

@@ -132,11 +132,20 @@ extern "C" {
 int linx_module_open(void);
 int linx_module_request(int fd, uint32_t request, void *record);
 int linx_module_close(int fd);
+/* The caller will poll the socket: from now on it is readable exactly
+ * while a signal waits.  The kernel's socket always is; the stand-in keeps
+ * that up only for sockets somebody watches, since it costs system calls
+ * on every signal that a receiver already waiting does not need. */
+void linx_module_watch(int fd);
 
 /* Implemented by the user library: frees a signal buffer that the module
  * took on a send within the process and can no longer deliver (its
  * receiver closed).  payload is the signal's payload address. */
 void linx_release_taken_buffer(void *payload);
+
+/* Implemented by the user library: a request on the module socket of a
+ * handle (what the MSG_ layer issues itself), without watching it. */
+int linx_request_on(struct LinxHandle *linx, uint32_t request, void *record);
 
 #ifdef __cplusplus
 }

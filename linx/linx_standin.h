@@ -14,8 +14,11 @@
  * skip the rings and hand the buffer itself over.
  *
  * The descriptor the seam returns is an epoll set of the outlet, the bell
- * and the process-local queue's counter: readable exactly while a signal
- * waits, so callers can poll it like the module's socket.
+ * and the process-local queue's eventfd.  Once a caller watches it, it is
+ * readable exactly while a signal waits, so callers can poll it like the
+ * module's socket.  Until then a receiver arms its bell only right before
+ * it sleeps and the queue's eventfd is left alone: two processes or
+ * threads that are both awake exchange signals without a system call.
  *
  * Locks: one process-wide mutex guards the descriptor and SPID tables,
  * another the route cache, a third is held while a route is opened (so
@@ -37,5 +40,6 @@
 int linx_standin_open(void);
 int linx_standin_request(int fd, uint32_t request, void *record);
 int linx_standin_close(int fd);
+void linx_standin_watch(int fd);
 
 #endif /* LINX_STANDIN_H */

@@ -21,23 +21,30 @@ constexpr uint32_t kForever = 0xFFFFFFFFu;
 // A receive with nothing to take keeps looking this long before it sleeps:
 // a peer that answers within it is served without a wake-up on either side.
 constexpr int64_t kSpinNs = 50000;
+// The first looks of a spin are this long at most, without a system call;
+// the clock is read every 16 of them.
+constexpr int64_t kBusyNs = 500;
+constexpr int kBusyLooks = 4096;
 
 // Rings this process refused, said once a second per sender and reason.
 RefusalLog gRefusals;
 
-// ReadyFd counts the queued signals (a semaphore eventfd), so the caller's
-// descriptor is readable exactly while one waits.  A signal is counted
-// before it becomes visible and uncounted after it is taken, so the count
-// never lags behind the queue, and no system call is made under the mutex.
-void jCountReady(StandinSocket &S, bool bAdd)
+// Keeps ReadyFd readable exactly while the queue holds a signal, for a
+// watched socket whose owner is not inside a receive (S.Mutex held, so
+// that the eventfd changes with the queue and never behind it).  A socket
+// nobody watches, or whose owner is receiving, costs no system call here.
+void jSettleReady_NeedsLock(StandinSocket &S)
 {
-    uint64_t One = 1;
-    if (bAdd)
-        (void)!write(S.ReadyFd, &One, sizeof One);
+    const bool bWanted = S.bWatched && !S.bReceiving && !S.Queue.empty();
+    if (bWanted == S.bReadySignalled)
+        return;
+    uint64_t Count = 1;
+    if (bWanted)
+        (void)!write(S.ReadyFd, &Count, sizeof Count);
     else
-        (void)!read(S.ReadyFd, &One, sizeof One);
+        (void)!read(S.ReadyFd, &Count, sizeof Count);
+    S.bReadySignalled = bWanted;
 }
-
 
 // ---- Receiving -----------------------------------------------------------------
 
@@ -122,6 +129,13 @@ std::deque<Pending>::iterator jFirstUnscanned(StandinSocket &S, const Selection 
 int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec *pRec,
                 uint64_t *pSeen)
 {
+    // An empty queue is seen without the mutex: what is queued after the
+    // look moves Pushes past *pSeen, which the caller notices.
+    *pSeen = S.Pushes.load(std::memory_order_acquire);
+    if (S.QueueLength.load(std::memory_order_acquire) == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
     int Result = -1;
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
@@ -149,9 +163,9 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
         }
         S.QueuedBytes -= Size;
         S.Queue.erase(It);
+        S.QueueLength.fetch_sub(1, std::memory_order_relaxed);
         Result = (int)Size;
     }
-    jCountReady(S, false);
     jCountTaken(S, (uint32_t)Result);
     return Result;
 }
@@ -331,20 +345,60 @@ void jAfterRings(StandinSocket &S, Pending &&Signal)
     jPassBarriers(S);
 }
 
-// Keeps the bell exact: readable while a ring holds a signal.  When nothing
-// is waiting the bell is silenced and armed, so that the next sender rings
-// it; what arrived meanwhile rings it again.  Costs no system call while
-// the rings are busy or the bell is already armed and silent.
-void jSettleBell(StandinSocket &S, bool bRang)
+// Arms the bell when the rings hold nothing, so that the next sender rings
+// it (silencing what rang before): false then.  true when a signal waits
+// in a ring, or came while the bell was armed (then the bell is rung again
+// and stays readable).  Costs no system call while the rings are busy or
+// the bell is already armed and silent.
+bool jSettleBell(StandinSocket &S, bool bRang)
 {
-    if (RingSetWaiting(&S.Rings) || (!bRang && RingSetArmed(&S.Rings)))
-        return;
+    if (RingSetWaiting(&S.Rings))
+        return true;
+    if (!bRang && RingSetArmed(&S.Rings))
+        return false;
     uint64_t Count;
     (void)!read(S.BellFd, &Count, sizeof Count);
-    if (RingSetArm(&S.Rings)) {
-        const uint64_t One = 1;
+    if (!RingSetArm(&S.Rings))
+        return false;
+    const uint64_t One = 1;
+    (void)!write(S.BellFd, &One, sizeof One);
+    return true;
+}
+
+// Makes the descriptor exact for a caller that polls it: readable while a
+// signal waits (the queue's eventfd, the bell), not readable otherwise.
+void jSettleForPollers(StandinSocket &S, bool bRang)
+{
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        jSettleReady_NeedsLock(S);
+    }
+    if (S.bWatched && jSettleBell(S, bRang)) {
+        const uint64_t One = 1; // a ring holds a signal: the bell must say so
         (void)!write(S.BellFd, &One, sizeof One);
     }
+}
+
+// Whether the socket's owner is inside a receive; kept only for a watched
+// socket (bWatched changes on the owner's thread alone, which reads it
+// without the mutex).
+void jSetReceiving(StandinSocket &S, bool bReceiving)
+{
+    if (!S.bWatched)
+        return;
+    std::lock_guard<std::mutex> Lock(S.Mutex);
+    S.bReceiving = bReceiving;
+}
+
+// Ends a receive with Result (errno kept).
+int jLeave(StandinSocket &S, bool bRang, int Result)
+{
+    const int Error = errno;
+    jSetReceiving(S, false);
+    if (S.bWatched)
+        jSettleForPollers(S, bRang);
+    errno = Error;
+    return Result;
 }
 
 // ---- The outlet ------------------------------------------------------------------
@@ -440,6 +494,7 @@ int jTimedOut(struct linx_transfer_rec *pRec)
 // ends the wait at once: its sender saw no waiter and rang no bell.
 int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen, bool *pOutletReady, bool *pRang)
 {
+    StandinMakeSpareRing(S.QueueBytes); // idle time: the next new route need not make one
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
         if (S.Pushes.load(std::memory_order_relaxed) != Seen)
@@ -471,22 +526,49 @@ int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen, bool *pOutletReady, bo
     return Ready > 0 ? 1 : 0;
 }
 
+// Whether something came for S since the caller looked (Seen).
+bool jSomethingCame(StandinSocket &S, uint64_t Seen)
+{
+    return S.Pushes.load(std::memory_order_relaxed) != Seen || RingSetWaiting(&S.Rings) ||
+           __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_RELAXED) != S.OutletHint;
+}
+
+void jRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+}
+
+int64_t jNanosSince(const struct timespec &Start)
+{
+    struct timespec Now;
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return (Now.tv_sec - Start.tv_sec) * 1000000000LL + (Now.tv_nsec - Start.tv_nsec);
+}
+
 // A peer that answers within microseconds is best waited for awake: it
-// spares both sides a sleep and a wake-up.  Yields the processor while it
-// looks, so a peer on the same core gets to run.  Returns true when
-// something came.
+// spares both sides a sleep and a wake-up.  The first kBusyNs look without
+// a system call (a peer on another core is seen at once), the rest yield
+// the processor between looks, so that a peer on the same core gets to
+// run.  Returns true when something came.
 bool jSpin(StandinSocket &S, uint64_t Seen)
 {
-    struct timespec Start, Now;
+    struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
-    do {
-        if (S.Pushes.load(std::memory_order_relaxed) != Seen || RingSetWaiting(&S.Rings) ||
-            __atomic_load_n(&S.pSlots[S.Slot].outlet_signals, __ATOMIC_RELAXED) != S.OutletHint)
+    for (int Look = 0;; Look++) {
+        if (jSomethingCame(S, Seen))
             return true;
-        sched_yield();
-        clock_gettime(CLOCK_MONOTONIC, &Now);
-    } while ((Now.tv_sec - Start.tv_sec) * 1000000000LL + (Now.tv_nsec - Start.tv_nsec) < kSpinNs);
-    return false;
+        const int64_t Spent = (Look & 15) == 15 || Look > kBusyLooks ? jNanosSince(Start) : 0;
+        if (Spent >= kSpinNs)
+            return false;
+        if (Look > kBusyLooks || Spent >= kBusyNs)
+            sched_yield();
+        else
+            jRelax();
+    }
 }
 
 // ---- The process-local queue ----------------------------------------------
@@ -512,6 +594,7 @@ int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
     const Selection Sel = {pSigselect, pRec->from};
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
+    jSetReceiving(S, true);
     bool bOutletReady = false, bRang = false;
     for (;;) {
         jLetGoHeld(S);
@@ -522,18 +605,19 @@ int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
         int Result = jTakeQueued(S, Sel, pRec, &Seen);
         if (Result < 0)
             Result = jTakeFromRings(S, Sel, pRec);
-        jSettleBell(S, bRang); // also when retired rings were moved to the queue
         if (Result >= 0)
-            return Result;
+            return jLeave(S, bRang, Result);
         if (bLinxdGone) {
             errno = ENOTCONN;
-            return -1;
+            return jLeave(S, bRang, -1);
         }
         if (pRec->tmo != 0 && jSpin(S, Seen))
             continue;
+        if (jSettleBell(S, bRang)) // the bell must ring while this receive sleeps
+            continue;
         const int Waited = jWait(S, jRemainingMs(pRec->tmo, Start), Seen, &bOutletReady, &bRang);
         if (Waited <= 0)
-            return Waited == 0 ? jTimedOut(pRec) : -1;
+            return jLeave(S, bRang, Waited == 0 ? jTimedOut(pRec) : -1);
     }
 }
 
@@ -542,7 +626,6 @@ int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
 // receiver.  Any thread of the process may queue.
 bool StandinEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
 {
-    jCountReady(S, true);
     bool bQueued = false;
     bool bWake = false;
     {
@@ -553,24 +636,35 @@ bool StandinEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit)
             errno = ENOBUFS;
         } else {
             S.QueuedBytes += Entry.Header.size;
-            Entry.Seq = S.Pushes.fetch_add(1, std::memory_order_relaxed) + 1;
+            // Pushes moves last: a receiver that sees it has moved sees the
+            // signal in the queue too.
+            const uint64_t Seq = S.Pushes.load(std::memory_order_relaxed) + 1;
+            Entry.Seq = Seq;
             S.Queue.push_back(std::move(Entry));
+            S.QueueLength.fetch_add(1, std::memory_order_relaxed);
+            S.Pushes.store(Seq, std::memory_order_release);
+            jSettleReady_NeedsLock(S);
             bWake = S.bWaiting;
             S.bWaiting = false;
             bQueued = true;
         }
     }
-    if (!bQueued) {
-        const int Error = errno;
-        jCountReady(S, false);
-        errno = Error;
+    if (!bQueued)
         return false;
-    }
     if (bWake) {
         uint64_t One = 1;
         (void)!write(S.ArrivalFd, &One, sizeof One);
     }
     return true;
+}
+
+void StandinWatch(StandinSocket &S)
+{
+    {
+        std::lock_guard<std::mutex> Lock(S.Mutex);
+        S.bWatched = true;
+    }
+    jSettleForPollers(S, true);
 }
 
 void StandinFreePending(Pending &Entry)

@@ -47,8 +47,20 @@ using RouteRef = std::shared_ptr<Route>;
 std::mutex gRouteMutex;
 std::unordered_map<InstanceSpid, RouteRef, InstanceSpidHash> gRoutes;
 // Only one route is opened at a time, so that linxd never sees two rings
-// of this process into one socket: it would retire the first.
+// of this process into one socket: it would retire the first.  It also
+// guards the spare ring.
 std::mutex gOpenRouteMutex;
+
+// A ring made before it is needed (when a receive is about to sleep, or
+// when the process opens its first socket), so that the first signal to a
+// new peer, and the peer's first answer, do not wait for one to be made.
+struct SpareRing {
+    int Fd = -1;
+    linxd_ring_header *pHeader = nullptr;
+    uint64_t Capacity = 0;
+};
+SpareRing gSpare;
+std::atomic<bool> gbSpareReady{false};
 
 
 // A ring of this instance's size in a memory file sealed against resizing,
@@ -74,15 +86,42 @@ int jMakeRing(uint64_t Capacity, linxd_ring_header **ppHeader)
     return Fd;
 }
 
-// Makes a ring for To and has linxd announce it to To's owner.
-RouteRef jOpenRoute(const StandinSocket &S, uint32_t To)
+// A ring of Capacity: the spare when it fits (gOpenRouteMutex held), else
+// a new one.
+int jTakeRing(uint64_t Capacity, linxd_ring_header **ppHeader)
+{
+    if (gSpare.Fd < 0 || gSpare.Capacity != Capacity)
+        return jMakeRing(Capacity, ppHeader);
+    const int Fd = gSpare.Fd;
+    *ppHeader = gSpare.pHeader;
+    gSpare = SpareRing();
+    gbSpareReady = false;
+    return Fd;
+}
+
+void jDropSpare_NeedsLock()
+{
+    if (gSpare.Fd >= 0) {
+        munmap(gSpare.pHeader, sizeof *gSpare.pHeader + gSpare.Capacity);
+        close(gSpare.Fd);
+    }
+    gSpare = SpareRing();
+    gbSpareReady = false;
+}
+
+// Makes a ring for To with the first signal already in it, and has linxd
+// announce it to To's owner: the receiver reads the signal as soon as the
+// ring reaches it, while this process still waits for linxd's reply.  A
+// route that linxd refuses takes the signal with it.
+RouteRef jOpenRoute(const StandinSocket &S, uint32_t To, const linxd_signal_header &First, const void *pPayload)
 {
     linxd_ring_writer Writer = {};
     Writer.capacity = linxd_ring_capacity(S.QueueBytes);
-    const int RingFd = jMakeRing(Writer.capacity, &Writer.header);
+    const int RingFd = jTakeRing(Writer.capacity, &Writer.header);
     if (RingFd < 0)
         return nullptr;
     Writer.data = (char *)(Writer.header + 1);
+    linxd_ring_write(&Writer, &First, pPayload);
     StandinRequest C;
     C.PassFd = RingFd;
     const int Result = StandinNumbersCall(S.ConnFd, &C, LINXD_OP_OPEN_ROUTE, To);
@@ -153,7 +192,9 @@ RouteRef jFindRoute(InstanceSpid Key)
     return It == gRoutes.end() ? nullptr : It->second;
 }
 
-RouteRef jRouteTo(StandinSocket &S, uint32_t To)
+// The route to To; a new one carries the first signal (*pbSent set then).
+RouteRef jRouteTo(StandinSocket &S, uint32_t To, const linxd_signal_header &First, const void *pPayload,
+                  bool *pbSent)
 {
     const InstanceSpid Key = {S.Generation, To};
     if (RouteRef pRoute = jFindRoute(Key))
@@ -162,9 +203,10 @@ RouteRef jRouteTo(StandinSocket &S, uint32_t To)
     std::lock_guard<std::mutex> Opening(gOpenRouteMutex);
     if (RouteRef pRoute = jFindRoute(Key)) // another thread opened it meanwhile
         return pRoute;
-    RouteRef pRoute = jOpenRoute(S, To);
+    RouteRef pRoute = jOpenRoute(S, To, First, pPayload);
     if (pRoute == nullptr)
         return nullptr;
+    *pbSent = true;
     std::vector<GivenUp> Trimmed;
     {
         std::lock_guard<std::mutex> Lock(gRouteMutex);
@@ -218,24 +260,28 @@ bool jWriteEntry(Route &R, const linxd_signal_header &Header, const void *pPaylo
 
 int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
 {
-    RouteRef pRoute = jRouteTo(S, pRec->to);
+    if (linxd_entry_bytes(pRec->size) > linxd_ring_capacity(S.QueueBytes)) {
+        errno = EMSGSIZE; // larger than the receiver's whole queue
+        return -1;
+    }
+    const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
+    const void *pPayload = (const void *)(uintptr_t)pRec->buffer;
+    bool bSent = false;
+    RouteRef pRoute = jRouteTo(S, pRec->to, Header, pPayload, &bSent);
     if (pRoute == nullptr)
         return -1;
     Route &R = *pRoute;
     linxd_counters &Target = R.pReady->counters;
     // A slot that no longer names the receiver was cleared or handed on by
     // linxd: the receiver closed.
-    if (R.bGone || __atomic_load_n(&S.pSlots[R.Slot].spid, __ATOMIC_ACQUIRE) != pRec->to) {
+    if (!bSent && (R.bGone || __atomic_load_n(&S.pSlots[R.Slot].spid, __ATOMIC_ACQUIRE) != pRec->to)) {
         jForgetRoute({S.Generation, pRec->to}, pRoute);
         errno = ECONNRESET;
         return -1;
     }
-    if (linxd_entry_bytes(pRec->size) > R.Writer.capacity) {
-        errno = EMSGSIZE; // larger than the receiver's whole queue
-        return -1;
-    }
-    const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
-    if (!jWriteEntry(R, Header, (const void *)(uintptr_t)pRec->buffer, Target)) {
+    if (bSent) {
+        StandinCountQueued(&Target, 1); // the receiver may have taken it already
+    } else if (!jWriteEntry(R, Header, pPayload, Target)) {
         StandinCount(&Target.refused_sends, 1);
         errno = ENOBUFS;
         return -1;
@@ -289,9 +335,27 @@ int StandinSend(StandinSocket &S, const struct linx_transfer_rec *pRec)
         errno = EMSGSIZE;
         return -1;
     }
-    if (SocketRef pLocal = StandinFindBySpid({S.Generation, pRec->to}))
-        return jSendLocal(S, *pLocal, pRec);
+    // The socket of this process sent to last is kept: a thread that talks
+    // to another looks it up once (a closed one refuses at its queue).
+    if (S.LastLocalSpid != pRec->to) {
+        S.LastLocal = StandinFindBySpid({S.Generation, pRec->to});
+        S.LastLocalSpid = S.LastLocal != nullptr ? pRec->to : 0;
+    }
+    if (S.LastLocal != nullptr)
+        return jSendLocal(S, *S.LastLocal, pRec);
     return jSendRemote(S, pRec);
+}
+
+void StandinMakeSpareRing(uint32_t QueueBytes)
+{
+    if (gbSpareReady.load(std::memory_order_relaxed))
+        return;
+    std::lock_guard<std::mutex> Lock(gOpenRouteMutex);
+    if (gSpare.Fd >= 0)
+        return;
+    gSpare.Capacity = linxd_ring_capacity(QueueBytes);
+    gSpare.Fd = jMakeRing(gSpare.Capacity, &gSpare.pHeader);
+    gbSpareReady = gSpare.Fd >= 0;
 }
 
 void StandinRoutesAtFork(ForkStage Stage)
@@ -306,5 +370,6 @@ void StandinRoutesAtFork(ForkStage Stage)
         new (&gRouteMutex) std::mutex();
         new (&gOpenRouteMutex) std::mutex();
         gRoutes.clear(); // the parent's rings have one writer, the parent: the child makes its own
+        jDropSpare_NeedsLock();
     }
 }

@@ -54,7 +54,7 @@ struct StandinSocket {
     int ConnFd = -1;     // control connection to linxd
     int OutletFd = -1;   // linxd's signals and ring announcements
     int BellFd = -1;     // eventfd senders ring when this socket armed it
-    int ReadyFd = -1;    // eventfd, readable while Queue is not empty
+    int ReadyFd = -1;    // eventfd, readable while Queue is not empty (once watched)
     int ArrivalFd = -1;  // eventfd, wakes a receive waiting for a local send
     uint32_t Spid = 0;
     uint32_t Slot = 0;
@@ -63,12 +63,15 @@ struct StandinSocket {
     const linxd_slot *pSlots = nullptr; // linxd's slots, read only
     // Owned by the handle's thread alone:
     RingSet Rings;                // the rings senders of other processes write
+    std::shared_ptr<StandinSocket> LastLocal; // the socket of this process sent to last
+    uint32_t LastLocalSpid = 0;
     uint32_t OutletHint = 0;      // linxd's count of outlet datagrams when last read
     uint32_t RoutesGoneHint = 0;  // linxd's count of closed receivers when last looked
     std::deque<RingBarrier> AfterRings; // attach signals waiting for the rings, in order
 
     std::mutex Mutex;             // guards everything below
     std::deque<Pending> Queue;     // in Seq order
+    std::atomic<size_t> QueueLength{0}; // Queue's size, for a look without the mutex
     uint64_t QueuedBytes = 0;
     // The selection of the last receive that found nothing in Queue, and the
     // Pushes it had seen: a receive with the same selection looks only at
@@ -79,6 +82,13 @@ struct StandinSocket {
     std::atomic<uint64_t> Pushes{0}; // signals ever queued: tells a waiter what it missed
     bool bWaiting = false;
     bool bClosed = false;
+    // A caller polls PollFd: outside a receive, ReadyFd holds a count
+    // exactly while Queue is not empty (bReadySignalled), and the bell is
+    // armed while the rings hold nothing.  Inside a receive, and for a
+    // socket nobody watches, neither is kept up.
+    bool bWatched = false;
+    bool bReceiving = false;
+    bool bReadySignalled = false;
 
     // Senders of this process may still hold the record after its close:
     // what they touch lives until the last of them lets go.
@@ -176,10 +186,15 @@ int StandinSend(StandinSocket &S, const struct linx_transfer_rec *pRec);
 void StandinForgetClosedRoutes(StandinSocket &S);
 // The process closed its last socket: every ring it made goes.
 void StandinForgetAllRoutes();
+// Makes the spare ring (of an instance whose queues hold QueueBytes) if
+// there is none: the next route opens without making one.
+void StandinMakeSpareRing(uint32_t QueueBytes);
 void StandinRoutesAtFork(ForkStage Stage);
 
 // linx_standin_receive.cc
 int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec);
+// The socket's descriptor is polled from now on (S's handle's thread).
+void StandinWatch(StandinSocket &S);
 // Queues a signal for S unless S is closed or, when bLimit is set, its
 // queue is full (errno ECONNRESET or ENOBUFS then).  Any thread may queue.
 bool StandinEnqueue(StandinSocket &S, Pending &&Entry, bool bLimit);

@@ -28,7 +28,8 @@ pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Ar
                  int Starts = 1);
 // Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
 long RssKiB(pid_t Pid);
-// Signal rings of other processes mapped into process Pid.
+// Signal rings mapped into process Pid: those of other processes it reads,
+// its own it writes, and its spare.
 int RingMappings(pid_t Pid);
 
 // The monotonic clock in milliseconds.

@@ -185,11 +185,19 @@ TEST_F(LinxBuffers, InterruptedReceiveCarriesOn)
     EXPECT_EQ(0, WaitChild(Child));
 }
 
+// The descriptor is kept exact only once a caller took it: a signal queued
+// before (here from a socket of this process, to a socket whose bell never
+// rang) makes it readable the moment it is taken.
 TEST_F(LinxBuffers, DescriptorIsReadableWhileASignalWaits)
 {
+    union LINX_SIGNAL *pSig = NewSignal(pA, 5, 0);
+    ASSERT_EQ(0, linx_send(pA, &pSig, linx_get_spid(pB)));
     struct pollfd P = {linx_get_descriptor(pB), POLLIN, 0};
+    EXPECT_EQ(1, poll(&P, 1, 0));
+    EXPECT_EQ(5u, ReceiveOne(pB, 0));
+
     EXPECT_EQ(0, poll(&P, 1, 0));
-    union LINX_SIGNAL *pSig = NewSignal(pA, 1, 1);
+    pSig = NewSignal(pA, 1, 1);
     linx_send(pA, &pSig, linx_get_spid(pB));
     EXPECT_EQ(1, poll(&P, 1, 1000));
     // Still readable while the only waiting signal is one a selective
@@ -211,6 +219,8 @@ TEST_F(LinxBuffers, SendToASocketThatIsNotOpenFailsAndClearsThePointer)
 
     LINX *pGone = linx_open("buffers-gone", 0, nullptr);
     const LINX_SPID Gone = linx_get_spid(pGone);
+    pSig = NewSignal(pA, 1, 1);
+    EXPECT_EQ(0, linx_send(pA, &pSig, Gone)); // a socket of this process it sent to before
     linx_close(pGone);
     pSig = NewSignal(pA, 1, 1);
     EXPECT_EQ(-1, linx_send(pA, &pSig, Gone));
