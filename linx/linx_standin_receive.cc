@@ -228,6 +228,7 @@ Parked jParkUnselected(StandinSocket &S, RingSetEntry &E, const Selection *pSel,
         if (!StandinEnqueue(S, std::move(Entry), true))
             return Parked::Full;
         linxd_ring_advance(&E.Reader, pHeader->size);
+        RingSetGaveRoom(&E);
     }
     return Parked::Reached;
 }
@@ -278,6 +279,7 @@ int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_
         memcpy((void *)(uintptr_t)pRec->buffer, linxd_ring_payload(&E.Reader), Header.size);
         jFillRecord(pRec, Header, pRec->buffer);
         linxd_ring_advance(&E.Reader, Header.size);
+        RingSetGaveRoom(&E);
         jCountTaken(S, Header.size);
         RingSetRotate(&S.Rings);
         return (int)Header.size;
@@ -404,13 +406,16 @@ int jLeave(StandinSocket &S, bool bRang, int Result)
 // ---- The outlet ------------------------------------------------------------------
 
 // A ring linxd announced for this socket, at an index of its rings.
-void jAdoptRing(StandinSocket &S, const linxd_signal_header &Header, const char *pPayload, int Fd)
+// The set owns the room bell (RoomFd, when not -1) from here on.
+void jAdoptRing(StandinSocket &S, const linxd_signal_header &Header, const char *pPayload, int Fd, int RoomFd)
 {
     uint32_t Words[2] = {0, 0};
     memcpy(Words, pPayload, std::min<size_t>(Header.size, sizeof Words));
     const char *pWhy = "an announcement without its ring";
-    if (Header.size != sizeof Words || Fd < 0 ||
-        !RingSetAdopt(&S.Rings, Words[1], Fd, (pid_t)Words[0], S.QueueBytes, &pWhy)) {
+    const bool bWhole = Header.size == sizeof Words && Fd >= 0;
+    if (!bWhole)
+        StandinCloseIf(RoomFd);
+    if (!bWhole || !RingSetAdopt(&S.Rings, Words[1], Fd, RoomFd, (pid_t)Words[0], S.QueueBytes, &pWhy)) {
         const std::string Source = "process " + std::to_string(Words[0]);
         RefusalSay(&gRefusals, Source, pWhy, "linx: refused the signal ring of " + Source + ": " + pWhy);
     }
@@ -431,7 +436,7 @@ int jPullOutlet(StandinSocket &S, bool bForce)
     for (;;) {
         linxd_signal_header Header;
         struct iovec Iov[2] = {{&Header, sizeof Header}, {Buffer.data(), Buffer.size()}};
-        char Control[CMSG_SPACE(sizeof(int))];
+        char Control[CMSG_SPACE(2 * sizeof(int))];
         struct msghdr Msg = {};
         Msg.msg_iov = Iov;
         Msg.msg_iovlen = 2;
@@ -440,25 +445,27 @@ int jPullOutlet(StandinSocket &S, bool bForce)
         const ssize_t Got = recvmsg(S.OutletFd, &Msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
         if (Got < 0)
             return errno == EAGAIN ? 0 : -1;
-        int Fd = -1;
-        StandinTakeFds(&Msg, &Fd, 1);
+        int Fds[2] = {-1, -1}; // a ring, and linxd's room bell with its own
+        StandinTakeFds(&Msg, Fds, 2);
         if (Got == 0) {
             errno = ENOTCONN; // linxd closed its end: it is gone
             return -1;
         }
         const uint64_t PayloadBytes = (uint64_t)Got - sizeof Header;
-        if ((size_t)Got < sizeof Header + sizeof(uint32_t) || (Msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) ||
-            Header.size != PayloadBytes || Header.to != S.Spid) {
+        const bool bMalformed = (size_t)Got < sizeof Header + sizeof(uint32_t) ||
+                                (Msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) || Header.size != PayloadBytes ||
+                                Header.to != S.Spid;
+        const bool bAnnouncement = !bMalformed && Header.attributes == LINXD_ANNOUNCE_RING;
+        if (bMalformed)
             fprintf(stderr, "linx: dropped a malformed datagram of %zd bytes from linxd\n", Got);
-            StandinCloseIf(Fd);
-            continue;
+        if (bAnnouncement) {
+            jAdoptRing(S, Header, Buffer.data(), Fds[0], Fds[1]);
+            Fds[1] = -1;
         }
-        if (Header.attributes == LINXD_ANNOUNCE_RING) {
-            jAdoptRing(S, Header, Buffer.data(), Fd);
-            StandinCloseIf(Fd);
+        StandinCloseIf(Fds[0]);
+        StandinCloseIf(Fds[1]);
+        if (bMalformed || bAnnouncement)
             continue;
-        }
-        StandinCloseIf(Fd);
         Pending Entry;
         Entry.Header = Header;
         Entry.Header.attributes &= ~LINXD_AFTER_RINGS;

@@ -643,130 +643,6 @@ Reply Service::jSpidsAbove(uint32_t After, uint32_t Room) const
     return R;
 }
 
-namespace {
-
-std::string jDatagram(uint32_t To, uint32_t From, const char *pPayload, uint32_t Size, uint32_t Attributes)
-{
-    const linxd_signal_header Header = {From, To, Size, Attributes};
-    std::string Datagram((const char *)&Header, sizeof Header);
-    Datagram.append(pPayload, Size);
-    return Datagram;
-}
-
-uint32_t jPayloadBytes(const Waiting &W)
-{
-    return (uint32_t)(W.Datagram.size() - sizeof(linxd_signal_header));
-}
-
-} // namespace
-
-// Queues one of linxd's own signals for socket To, as sent by From.  An
-// attach signal (bAfterRings) is marked so that its receiver delivers it
-// after what the rings held when it came.
-void Service::jDeliver(uint32_t To, uint32_t From, const std::string &Signal, bool bAfterRings)
-{
-    Socket *pS = jFindSocket(To);
-    if (pS == nullptr)
-        return;
-    Waiting W;
-    W.Datagram = jDatagram(To, From, Signal.data(), (uint32_t)Signal.size(), bAfterRings ? LINXD_AFTER_RINGS : 0);
-    jQueue(*pS, std::move(W));
-}
-
-// Queues a signal that came over link L for socket To (for a phantom: to
-// go on over its own link), as sent by From.  Only the attributes a signal
-// may have pass: no peer can make a signal look like linxd's word about a
-// ring.  The link is told when it has left here.
-void Service::jDeliverFromLink(const Link &L, uint32_t To, uint32_t From, const char *pPayload, uint32_t Size,
-                               uint32_t Attributes)
-{
-    Socket *pS = jFindSocket(To);
-    if (pS == nullptr)
-        return; // it closed on the way: the peer hears of it
-    Waiting W;
-    W.Datagram = jDatagram(To, From, pPayload, Size, Attributes & LINXD_SIGNAL_ATTRIBUTES);
-    W.Link = L.Id;
-    W.ConnSerial = L.ConnSerial;
-    jQueue(*pS, std::move(W));
-}
-
-void Service::jQueue(Socket &S, Waiting &&W)
-{
-    S.BacklogBytes += W.Datagram.size();
-    mBacklogBytes += W.Datagram.size();
-    if (S.Link == 0)
-        __atomic_add_fetch(&S.pReady->counters.queued, 1, __ATOMIC_RELAXED);
-    S.Backlog.push_back(std::move(W));
-    jFlushBacklog(S);
-}
-
-// Whether a signal of linxd's may still be promised to socket Spid.
-bool Service::jRoomFor(uint32_t Spid, const std::string &Signal) const
-{
-    auto It = mSockets.find(Spid);
-    if (It == mSockets.end())
-        return true; // nothing will be delivered
-    const Socket &S = It->second;
-    return S.Backlog.size() < kMaxHeldPerSocket && S.BacklogBytes + Signal.size() <= kMaxBacklogBytesPerSocket &&
-           mBacklogBytes + Signal.size() <= kMaxBacklogBytesTotal;
-}
-
-void Service::jDropBacklog(Socket &S)
-{
-    mBacklogBytes -= S.BacklogBytes;
-    S.BacklogBytes = 0;
-    S.Backlog.clear();
-}
-
-// The signal at the front of the backlog has left (to its receiver, or
-// dropped): the link it came from may send more.
-void Service::jPopBacklog(Socket &S)
-{
-    const Waiting &W = S.Backlog.front();
-    jCredit(W, S.Spid);
-    S.BacklogBytes -= W.Datagram.size();
-    mBacklogBytes -= W.Datagram.size();
-    S.Backlog.pop_front();
-}
-
-// Hands what waits to the owner's outlet as far as it takes it (a
-// phantom's goes on over its link); the rest waits for epoll to say that
-// there is room.
-void Service::jFlushBacklog(Socket &S)
-{
-    if (S.Link != 0) {
-        if (Link *pL = jLinkOf(S))
-            jFlushRelays(S, *pL);
-        return;
-    }
-    while (!S.Backlog.empty()) {
-        const std::string &Datagram = S.Backlog.front().Datagram;
-        if (send(S.InletFd, Datagram.data(), Datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
-            if (errno == EAGAIN) {
-                // Queue full: try again when the owner has read some.
-                if (!S.bWatchingInlet)
-                    jWatch(Watch::Inlet, S.InletFd, S.Spid, EPOLLOUT, EPOLL_CTL_ADD);
-                S.bWatchingInlet = true;
-                return;
-            }
-            // Only a signal from a link can be larger than the outlet takes
-            // (a node run with a smaller --queue-bytes than the sender's);
-            // else the owner is gone and its end is being seen to.
-            if (errno == EMSGSIZE)
-                RefusalSay(&mRefusals, S.Name, "too large",
-                           "linxd: dropped a signal of " + std::to_string(jPayloadBytes(S.Backlog.front())) +
-                               " bytes for " + S.Name + ": larger than its queue");
-            __atomic_sub_fetch(&S.pReady->counters.queued, 1, __ATOMIC_RELAXED);
-        } else {
-            __atomic_add_fetch(&mpSlots[S.Slot].outlet_signals, 1, __ATOMIC_RELEASE);
-        }
-        jPopBacklog(S);
-    }
-    if (S.bWatchingInlet)
-        epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.InletFd, nullptr);
-    S.bWatchingInlet = false;
-}
-
 void Service::jCloseSocket(uint32_t Spid)
 {
     auto It = mSockets.find(Spid);
@@ -942,6 +818,8 @@ int Service::Step(int TimeoutMs)
             jServeLink(Id);
         } else if (Kind == Watch::Bell) {
             jRingBell(Id);
+        } else if (Kind == Watch::Room) {
+            jRoomRang(Id);
         } else if (Socket *pS = jFindSocket(Id)) {
             jFlushBacklog(*pS);
         }

@@ -148,7 +148,7 @@ bool Service::jFlushRelays(Socket &Phantom, Link &L)
         linxd_signal_header Header;
         memcpy(&Header, Datagram.data(), sizeof Header);
         jForward(Phantom, L, Header.from, Datagram.data() + sizeof Header, Header.size, Header.attributes);
-        jPopBacklog(Phantom);
+        jPopBacklog(Phantom, Phantom.Backlog);
     }
     return true;
 }
@@ -215,10 +215,17 @@ void Service::jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes)
 // To): the link is told, so that its sender there may send more.
 void Service::jCredit(const Waiting &W, uint32_t To)
 {
-    auto It = mLinks.find(W.Link);
-    if (W.Link == 0 || It == mLinks.end() || It->second.ConnSerial != W.ConnSerial || !It->second.bUp)
+    jCreditLink(W.Link, W.ConnSerial, To, (uint32_t)(W.Datagram.size() - sizeof(linxd_signal_header)));
+}
+
+// Bytes of what connection ConnSerial of link LinkId brought for To left
+// here (an earlier connection's do not count for the link's next one).
+void Service::jCreditLink(uint32_t LinkId, uint64_t ConnSerial, uint32_t To, uint32_t Bytes)
+{
+    auto It = mLinks.find(LinkId);
+    if (LinkId == 0 || It == mLinks.end() || It->second.ConnSerial != ConnSerial || !It->second.bUp)
         return;
-    It->second.Credits[To] += W.Datagram.size() - sizeof(linxd_signal_header);
+    It->second.Credits[To] += Bytes;
 }
 
 // A phantom's ring whose writer left or gave it up: read now as far as the

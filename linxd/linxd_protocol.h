@@ -192,7 +192,10 @@ static inline void linxd_pass_fds(struct msghdr *pMsg, void *pControl, const int
  * room is free again when head does.  marked is 1 while the receiver knows
  * the ring holds something (its mark stands in the ready set, or the
  * receiver is reading it): the sender sets it when it marks the ring, the
- * receiver clears it when it found the ring empty. */
+ * receiver clears it when it found the ring empty.  writer_waits is 1
+ * while the writer of a ring that came with a room bell (linxd's rings
+ * into its sockets) waits for room: a reader that takes something rings
+ * it (linxd_ring_room). */
 struct linxd_ring_header {
     uint32_t magic;
     uint32_t reserved;
@@ -200,7 +203,8 @@ struct linxd_ring_header {
     uint8_t pad0[48];
     uint64_t tail;            /* the sender's line */
     uint32_t marked;
-    uint8_t pad1[52];
+    uint32_t writer_waits;    /* 1: the writer waits for room (rings linxd writes) */
+    uint8_t pad1[48];
     uint64_t head;            /* the receiver's line */
     uint8_t pad2[56];
 };
@@ -210,7 +214,9 @@ struct linxd_ring_header {
 #define LINXD_RING_ENTRY_ALIGN 16u
 /* attributes of an outlet datagram that announces a ring (size 8,
  * payload: the sender's pid and the ring's index as uint32_t, one
- * descriptor: the ring).  A signal's attributes never have any bit but
+ * descriptor: the ring, and a second for linxd's own rings: the room bell,
+ * an eventfd the reader writes when it took from the ring while
+ * writer_waits was set).  A signal's attributes never have any bit but
  * bit 0 (its own) and LINXD_AFTER_RINGS, which linxd sets on attach
  * signals: the receiver delivers one only after what the rings held when
  * it came, so that it never overtakes the last signals of the socket
@@ -398,6 +404,17 @@ static inline void linxd_ring_advance(struct linxd_ring_reader *pR, uint32_t Siz
 {
     pR->head += linxd_entry_bytes(Size);
     __atomic_store_n(&pR->header->head, pR->head, __ATOMIC_RELEASE);
+}
+
+/* After the reader gave room back: whether the writer waits for it (it is
+ * told then, once).  The writer sets writer_waits and then looks at the
+ * head again; the reader stores the head and then looks at writer_waits:
+ * with a full fence between each pair, no wait is missed. */
+static inline int linxd_ring_room(struct linxd_ring_reader *pR)
+{
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    return __atomic_load_n(&pR->header->writer_waits, __ATOMIC_RELAXED) != 0 &&
+           __atomic_exchange_n(&pR->header->writer_waits, 0u, __ATOMIC_SEQ_CST) != 0;
 }
 
 /* The sending side of one ring: the sender's own copy of the tail (the

@@ -2,6 +2,8 @@
 // rings, taking the senders' marks, and serving the rings in turn.
 #include "linxd_ring_set.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 
 namespace {
@@ -90,6 +92,9 @@ void jCollectWord(RingSet &Set, uint32_t Word)
 void jUnmapRing(RingSetEntry &E)
 {
     linxd_ring_unmap(&E.Reader);
+    if (E.RoomFd >= 0)
+        close(E.RoomFd);
+    E.RoomFd = -1;
     E.State = RingState::Dropped;
 }
 
@@ -146,9 +151,9 @@ void RingSetUse(RingSet *pSet, linxd_ready_set *pReady)
 
 void RingSetFree(RingSet *pSet)
 {
-    for (const RingSetEntry &E : pSet->Rings)
+    for (RingSetEntry &E : pSet->Rings)
         if (E.State == RingState::Live)
-            linxd_ring_unmap(&E.Reader);
+            jUnmapRing(E);
     pSet->Rings.clear();
     pSet->Turns.clear();
     pSet->InView.clear();
@@ -161,16 +166,20 @@ void RingSetFree(RingSet *pSet)
     pSet->pRetired = nullptr;
 }
 
-bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, pid_t Writer, uint32_t QueueBytes,
+bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, int RoomFd, pid_t Writer, uint32_t QueueBytes,
                   const char **ppWhy)
 {
-    if (Index >= LINXD_MAX_RINGS_PER_SOCKET || (Index < pSet->Rings.size() && pSet->Rings[Index].State != RingState::Unused)) {
+    RingSetEntry Entry;
+    if (Index >= LINXD_MAX_RINGS_PER_SOCKET || (Index < pSet->Rings.size() && pSet->Rings[Index].State != RingState::Unused))
         *ppWhy = "a ring index that is taken or cannot be";
+    else if (linxd_ring_map(RingFd, QueueBytes, &Entry.Reader, ppWhy) == 0)
+        *ppWhy = nullptr;
+    if (*ppWhy != nullptr) {
+        if (RoomFd >= 0)
+            close(RoomFd);
         return false;
     }
-    RingSetEntry Entry;
-    if (linxd_ring_map(RingFd, QueueBytes, &Entry.Reader, ppWhy) != 0)
-        return false;
+    Entry.RoomFd = RoomFd;
     Entry.Writer = Writer;
     Entry.Serial = ++pSet->Adopted;
     Entry.State = RingState::Live;
@@ -180,6 +189,13 @@ bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, pid_t Writer, uint3
     // A sender may have written before the ring reached its reader.
     jPutInTurn(*pSet, Index);
     return true;
+}
+
+void RingSetGaveRoom(RingSetEntry *pE)
+{
+    const uint64_t One = 1;
+    if (pE->RoomFd >= 0 && linxd_ring_room(&pE->Reader))
+        (void)!write(pE->RoomFd, &One, sizeof One);
 }
 
 RingSetEntry *RingSetFind(RingSet *pSet, uint32_t Index)

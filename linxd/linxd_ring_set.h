@@ -45,6 +45,7 @@ enum class RingPlace : uint8_t { Marked, InTurn, InView, Held };
 struct RingSetEntry {
     linxd_ring_reader Reader;
     pid_t Writer = 0;       // the sending process, for log lines
+    int RoomFd = -1;        // the writer's room bell (linxd's rings), owned here
     uint64_t Serial = 0;    // which ring of the index this is
     RingState State = RingState::Unused;
     RingPlace Place = RingPlace::Marked;
@@ -70,10 +71,13 @@ void RingSetUse(RingSet *pSet, linxd_ready_set *pReady);
 // Unmaps every ring and the sets.
 void RingSetFree(RingSet *pSet);
 
-// Maps the ring announced at Index.  false with *ppWhy when it is refused
-// (nothing stays mapped then).
-bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, pid_t Writer, uint32_t QueueBytes,
+// Maps the ring announced at Index (with the writer's room bell when not
+// -1, which the set then owns).  false with *ppWhy when it is refused
+// (nothing stays mapped or owned then).
+bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, int RoomFd, pid_t Writer, uint32_t QueueBytes,
                   const char **ppWhy);
+// The reader gave room back in the ring: its writer is told if it waits.
+void RingSetGaveRoom(RingSetEntry *pE);
 // The live ring at Index, or null.
 RingSetEntry *RingSetFind(RingSet *pSet, uint32_t Index);
 // Unmaps the ring at Index; what it still holds is lost.

@@ -15,6 +15,7 @@
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -99,6 +100,14 @@ bool Service::jMakeRetiredSet(Socket &S)
 
 void Service::jFreeRingSets(Socket &S)
 {
+    if (S.LinkRing.header != nullptr)
+        munmap(S.LinkRing.header, sizeof *S.LinkRing.header + S.LinkRing.capacity);
+    if (S.RoomFd >= 0) {
+        epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.RoomFd, nullptr);
+        close(S.RoomFd);
+    }
+    S.LinkRing = {};
+    S.RoomFd = -1;
     for (const int Fd : {S.ReadyFd, S.RetiredFd})
         if (Fd >= 0)
             close(Fd);
@@ -193,13 +202,14 @@ uint32_t Service::jTakeRingIndex(Socket &Receiver)
 }
 
 // Puts the ring at Index among the receiver's rings: a phantom's is mapped
-// here, another socket's goes to its owner in the outlet, never ahead of
-// what waits for it there.  0, or the errno that refuses the route.
-int Service::jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd)
+// here, another socket's goes to its owner in the outlet (with the room
+// bell of a ring of linxd's), never ahead of what waits for it there.  0,
+// or the errno that refuses the route.
+int Service::jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd, int RoomFd)
 {
     if (Receiver.Link != 0) {
         const char *pWhy = nullptr;
-        if (RingSetAdopt(&Receiver.Reading, Index, RingFd, Writer, mOptions.QueueBytes, &pWhy))
+        if (RingSetAdopt(&Receiver.Reading, Index, RingFd, -1, Writer, mOptions.QueueBytes, &pWhy))
             return 0;
         jRefuse(Writer, "a request", pWhy);
         return EINVAL;
@@ -210,11 +220,12 @@ int Service::jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int Ring
     const uint32_t Words[2] = {(uint32_t)Writer, Index};
     const linxd_signal_header Header = {0, Receiver.Spid, sizeof Words, LINXD_ANNOUNCE_RING};
     struct iovec Iov[2] = {{(void *)&Header, sizeof Header}, {(void *)Words, sizeof Words}};
-    char Control[CMSG_SPACE(sizeof(int))] = {};
+    char Control[CMSG_SPACE(2 * sizeof(int))] = {};
     struct msghdr Msg = {};
     Msg.msg_iov = Iov;
     Msg.msg_iovlen = 2;
-    linxd_pass_fds(&Msg, Control, &RingFd, 1);
+    const int Fds[2] = {RingFd, RoomFd};
+    linxd_pass_fds(&Msg, Control, Fds, RoomFd >= 0 ? 2 : 1);
     if (sendmsg(Receiver.InletFd, &Msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
         return errno == EAGAIN ? ENOBUFS : ECONNRESET;
     __atomic_add_fetch(&mpSlots[Receiver.Slot].outlet_signals, 1, __ATOMIC_RELEASE);

@@ -106,11 +106,12 @@ int jSizedRegion(const char *pName, size_t Bytes);
 void *jMapShared(int Fd, size_t Bytes);
 
 // What epoll reports: a client connection, an inlet waiting to drain, a
-// link listener, a link's connection, or the bell of a phantom's rings.
-enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6 };
+// link listener, a link's connection, the bell of a phantom's rings, or
+// the room bell of linxd's ring into a socket.
+enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6, Room = 7 };
 
 // The key epoll hands back: the kind, and the descriptor (listeners,
-// client), the link's id (link) or the socket's SPID (inlet, bell).
+// client), the link's id (link) or the socket's SPID (inlet, bells).
 inline uint64_t jWatchKey(Watch Kind, uint32_t Id)
 {
     return ((uint64_t)Kind << 32) | Id;
@@ -172,6 +173,14 @@ struct Socket {
     RingTable Rings;                 // the rings that reach it
     std::deque<Waiting> Backlog;     // signals waiting for queue room
     size_t BacklogBytes = 0;
+    // linxd's own ring into the socket, for what links bring (made on the
+    // first such signal; header null until then), its room bell (the owner
+    // rings it when it took from the ring while linxd waited) and the
+    // signals from links waiting for room in it, in order.
+    linxd_ring_writer LinkRing = {};
+    uint32_t LinkRingIndex = 0;
+    int RoomFd = -1;
+    std::deque<Waiting> LinkBacklog;
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
     uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
     // A phantom: an endpoint behind a link.  It has no client and no
@@ -312,8 +321,12 @@ private:
     void jDeliverFromLink(const Link &L, uint32_t To, uint32_t From, const char *pPayload, uint32_t Size,
                           uint32_t Attributes);
     void jQueue(Socket &S, Waiting &&W);
+    bool jWriteLinkRing(Socket &S, const linxd_signal_header &Header, const char *pPayload);
+    bool jOpenLinkRing(Socket &S);
+    void jFlushLinkRing(Socket &S);
+    void jRoomRang(uint32_t Spid);
     void jFlushBacklog(Socket &S);
-    void jPopBacklog(Socket &S);
+    void jPopBacklog(Socket &S, std::deque<Waiting> &Backlog);
     void jDropBacklog(Socket &S);
     bool jRoomFor(uint32_t Spid, const std::string &Signal) const;
     void jFireTimers();
@@ -377,6 +390,7 @@ private:
     void jRingBell(uint32_t Spid);
     void jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes);
     void jCredit(const Waiting &W, uint32_t To);
+    void jCreditLink(uint32_t LinkId, uint64_t ConnSerial, uint32_t To, uint32_t Bytes);
     void jRetirePhantomRing(Socket &Phantom, uint32_t Index);
     void jLetRingGo(Socket &Phantom, uint32_t Index);
     std::map<uint32_t, std::vector<PhantomMark>> jMarksOfRings(pid_t Pid);
@@ -389,7 +403,7 @@ private:
     void jFreeRingSets(Socket &S);
     Reply jOpenRoute(Client &C, uint32_t Target, int RingFd);
     Reply jCloseRoute(Client &C, uint32_t Target, uint32_t Index);
-    int jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd);
+    int jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd, int RoomFd = -1);
     uint32_t jTakeRingIndex(Socket &Receiver);
     void jRetireRing(Socket &Receiver, uint32_t Index);
     void jSocketOpened(const Socket &S);
