@@ -373,6 +373,10 @@ void jReleaseSocket(StandinSocket &S)
         S.Queue.clear();
         S.QueueLength = 0;
     }
+    // Two sockets that sent to each other last keep each other alive
+    // until one of them closes.
+    S.LastLocal.reset();
+    S.LastLocalSpid = 0;
     StandinCloseIf(S.ConnFd);
     StandinCloseIf(S.OutletFd);
 }

@@ -19,12 +19,13 @@ namespace {
 
 constexpr uint32_t kForever = 0xFFFFFFFFu;
 // A receive with nothing to take keeps looking this long before it sleeps:
-// a peer that answers within it is served without a wake-up on either side.
-constexpr int64_t kSpinNs = 50000;
-// The first looks of a spin are this long at most, without a system call;
-// the clock is read every 16 of them.
-constexpr int64_t kBusyNs = 500;
-constexpr int kBusyLooks = 4096;
+// a peer on another core that answers within it is served without a
+// wake-up on either side.  It looks without yielding the processor: a
+// process that yields while another is runnable on its core may not run
+// again for a whole time slice (4 ms with the kernel's EEVDF scheduler).
+// A peer on the same core is woken when this receive sleeps, or preempts
+// it when the signal for it rings its bell.
+constexpr int64_t kSpinNs = 20000;
 
 // Rings this process refused, said once a second per sender and reason.
 RefusalLog gRefusals;
@@ -162,6 +163,7 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
             return jTooLarge(pRec, Size);
         }
         S.QueuedBytes -= Size;
+        S.PeerCpu = It->Cpu;
         S.Queue.erase(It);
         S.QueueLength.fetch_sub(1, std::memory_order_relaxed);
         Result = (int)Size;
@@ -280,6 +282,7 @@ int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_
         jFillRecord(pRec, Header, pRec->buffer);
         linxd_ring_advance(&E.Reader, Header.size);
         RingSetGaveRoom(&E);
+        S.PeerCpu = (int)__atomic_load_n(&E.Reader.header->writer_cpu, __ATOMIC_RELAXED);
         jCountTaken(S, Header.size);
         RingSetRotate(&S.Rings);
         return (int)Header.size;
@@ -557,24 +560,18 @@ int64_t jNanosSince(const struct timespec &Start)
 }
 
 // A peer that answers within microseconds is best waited for awake: it
-// spares both sides a sleep and a wake-up.  The first kBusyNs look without
-// a system call (a peer on another core is seen at once), the rest yield
-// the processor between looks, so that a peer on the same core gets to
-// run.  Returns true when something came.
+// spares both sides a sleep and a wake-up.  The clock is read every 16
+// looks.  Returns true when something came.
 bool jSpin(StandinSocket &S, uint64_t Seen)
 {
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
-    for (int Look = 0;; Look++) {
+    for (int Look = 1;; Look++) {
         if (jSomethingCame(S, Seen))
             return true;
-        const int64_t Spent = (Look & 15) == 15 || Look > kBusyLooks ? jNanosSince(Start) : 0;
-        if (Spent >= kSpinNs)
+        if (Look % 16 == 0 && jNanosSince(Start) >= kSpinNs)
             return false;
-        if (Look > kBusyLooks || Spent >= kBusyNs)
-            sched_yield();
-        else
-            jRelax();
+        jRelax();
     }
 }
 
@@ -618,7 +615,7 @@ int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
             errno = ENOTCONN;
             return jLeave(S, bRang, -1);
         }
-        if (pRec->tmo != 0 && jSpin(S, Seen))
+        if (pRec->tmo != 0 && S.PeerCpu != sched_getcpu() && jSpin(S, Seen))
             continue;
         if (jSettleBell(S, bRang)) // the bell must ring while this receive sleeps
             continue;

@@ -4,6 +4,7 @@
 // over instead.
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -232,6 +233,7 @@ int jSendLocal(StandinSocket &From, StandinSocket &To, const struct linx_transfe
     Pending Entry;
     Entry.Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
     Entry.pTaken = (void *)(uintptr_t)pRec->buffer;
+    Entry.Cpu = sched_getcpu();
     linxd_counters &Target = StandinCounters(To);
     StandinCountQueued(&Target, 1);
     if (!StandinEnqueue(To, std::move(Entry), true)) {

@@ -40,6 +40,7 @@ struct Pending {
     uint64_t Seq = 0;    // its place among all signals ever queued here
     void *pTaken = nullptr;
     std::string Data;
+    int Cpu = -1;        // where its sender ran, when it is a thread of this process
 };
 
 // An attach signal that waits until the rings have been read as far as
@@ -65,6 +66,7 @@ struct StandinSocket {
     RingSet Rings;                // the rings senders of other processes write
     std::shared_ptr<StandinSocket> LastLocal; // the socket of this process sent to last
     uint32_t LastLocalSpid = 0;
+    int PeerCpu = -1;             // where the sender of the last signal taken ran (-1: unknown)
     uint32_t OutletHint = 0;      // linxd's count of outlet datagrams when last read
     uint32_t RoutesGoneHint = 0;  // linxd's count of closed receivers when last looked
     std::deque<RingBarrier> AfterRings; // attach signals waiting for the rings, in order

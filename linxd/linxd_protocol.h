@@ -53,6 +53,7 @@
 #ifndef LINXD_PROTOCOL_H
 #define LINXD_PROTOCOL_H
 
+#include <sched.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -195,7 +196,9 @@ static inline void linxd_pass_fds(struct msghdr *pMsg, void *pControl, const int
  * receiver clears it when it found the ring empty.  writer_waits is 1
  * while the writer of a ring that came with a room bell (linxd's rings
  * into its sockets) waits for room: a reader that takes something rings
- * it (linxd_ring_room). */
+ * it (linxd_ring_room).  writer_cpu is where the writer ran when it last
+ * wrote: a reader waiting for more spins only while that is another
+ * processor (on its own, it would keep the writer from running). */
 struct linxd_ring_header {
     uint32_t magic;
     uint32_t reserved;
@@ -204,7 +207,8 @@ struct linxd_ring_header {
     uint64_t tail;            /* the sender's line */
     uint32_t marked;
     uint32_t writer_waits;    /* 1: the writer waits for room (rings linxd writes) */
-    uint8_t pad1[48];
+    uint32_t writer_cpu;      /* the processor the writer last wrote from (a hint) */
+    uint8_t pad1[44];
     uint64_t head;            /* the receiver's line */
     uint8_t pad2[56];
 };
@@ -446,6 +450,7 @@ static inline int linxd_ring_write(struct linxd_ring_writer *pW, const struct li
     memcpy(pEntry, pHeader, sizeof *pHeader);
     memcpy(pEntry + sizeof *pHeader, pPayload, pHeader->size);
     pW->tail += Pad + Need;
+    __atomic_store_n(&pW->header->writer_cpu, (uint32_t)sched_getcpu(), __ATOMIC_RELAXED);
     __atomic_store_n(&pW->header->tail, pW->tail, __ATOMIC_RELEASE);
     return 1;
 }
