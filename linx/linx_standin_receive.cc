@@ -17,16 +17,10 @@
 
 namespace {
 
-constexpr uint32_t kForever = 0xFFFFFFFFu;
-// A receive with nothing to take keeps looking this long before it sleeps:
-// a peer on another core that answers within it is served without a
-// wake-up on either side.  It looks without yielding the processor: a
-// process that yields while another is runnable on its core may not run
-// again for a whole time slice (4 ms with the kernel's EEVDF scheduler).
-// A peer on the same core is woken when this receive sleeps, or preempts
-// it when the signal for it rings its bell.
-constexpr int64_t kSpinNs = 20000;
+// How long a receive waits awake for a signal across a link.
+constexpr int64_t kLinkSpinNs = 50000;
 
+constexpr uint32_t kForever = 0xFFFFFFFFu;
 // Rings this process refused, said once a second per sender and reason.
 RefusalLog gRefusals;
 
@@ -164,6 +158,7 @@ int jTakeQueued(StandinSocket &S, const Selection &Sel, struct linx_transfer_rec
         }
         S.QueuedBytes -= Size;
         S.PeerCpu = It->Cpu;
+        S.bPeerIsLinxd = false;
         S.Queue.erase(It);
         S.QueueLength.fetch_sub(1, std::memory_order_relaxed);
         Result = (int)Size;
@@ -283,6 +278,7 @@ int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_
         linxd_ring_advance(&E.Reader, Header.size);
         RingSetGaveRoom(&E);
         S.PeerCpu = (int)__atomic_load_n(&E.Reader.header->writer_cpu, __ATOMIC_RELAXED);
+        S.bPeerIsLinxd = E.RoomFd >= 0;
         jCountTaken(S, Header.size);
         RingSetRotate(&S.Rings);
         return (int)Header.size;
@@ -561,18 +557,49 @@ int64_t jNanosSince(const struct timespec &Start)
 
 // A peer that answers within microseconds is best waited for awake: it
 // spares both sides a sleep and a wake-up.  The clock is read every 16
-// looks.  Returns true when something came.
-bool jSpin(StandinSocket &S, uint64_t Seen)
+// looks; with bYield the processor is given up between looks.  Returns
+// true when something came.
+bool jSpin(StandinSocket &S, uint64_t Seen, int64_t BudgetNs, bool bYield)
 {
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     for (int Look = 1;; Look++) {
         if (jSomethingCame(S, Seen))
             return true;
-        if (Look % 16 == 0 && jNanosSince(Start) >= kSpinNs)
+        if ((bYield || Look % 16 == 0) && jNanosSince(Start) >= BudgetNs)
             return false;
-        jRelax();
+        if (bYield)
+            sched_yield();
+        else
+            jRelax();
     }
+}
+
+// Looks for a while before the receive sleeps, when the peer that wrote
+// last ran on another CPU (one on this CPU is woken when this receive
+// sleeps, or preempts it when its signal rings the bell).  How long adapts
+// to the peers: a look that caught its signal doubles the next one, one
+// that did not halves it, down to an eighth, and every 64th sleep the
+// whole kStandinSpinNs is tried again, so that a peer answering across a
+// link (tens of microseconds) costs little processor time and a peer that
+// became quick is found out.  What comes across a link (in linxd's ring)
+// is waited for longer, yielding between looks: the answer needs both
+// nodes' linxd to run, takes tens of microseconds, and a yield returns as
+// soon as linxd went back to sleep.  Returns true when something came.
+bool jLookBeforeSleeping(StandinSocket &S, uint64_t Seen)
+{
+    if (S.bPeerIsLinxd)
+        return jSpin(S, Seen, kLinkSpinNs, true);
+    if (S.PeerCpu == sched_getcpu())
+        return false;
+    const int64_t Budget = (S.Sleeps % 64 == 0) ? kStandinSpinNs : S.SpinNs;
+    if (jSpin(S, Seen, Budget, false)) {
+        S.SpinNs = std::min(Budget * 2, kStandinSpinNs);
+        return true;
+    }
+    S.SpinNs = std::max(Budget / 2, kStandinSpinNs / 8);
+    S.Sleeps++;
+    return false;
 }
 
 // ---- The process-local queue ----------------------------------------------
@@ -615,7 +642,7 @@ int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec)
             errno = ENOTCONN;
             return jLeave(S, bRang, -1);
         }
-        if (pRec->tmo != 0 && S.PeerCpu != sched_getcpu() && jSpin(S, Seen))
+        if (pRec->tmo != 0 && jLookBeforeSleeping(S, Seen))
             continue;
         if (jSettleBell(S, bRang)) // the bell must ring while this receive sleeps
             continue;

@@ -50,6 +50,12 @@ struct RingBarrier {
     std::vector<RingMark> Marks;
 };
 
+// The longest a receive with nothing to take keeps looking before it
+// sleeps.  It looks without yielding the processor: a process that yields
+// while another is runnable on its core may not run again for a whole
+// time slice (4 ms with the kernel's EEVDF scheduler).
+constexpr int64_t kStandinSpinNs = 20000;
+
 struct StandinSocket {
     int PollFd = -1;     // the descriptor callers see: epoll of Outlet, Ready and Bell
     int ConnFd = -1;     // control connection to linxd
@@ -67,6 +73,9 @@ struct StandinSocket {
     std::shared_ptr<StandinSocket> LastLocal; // the socket of this process sent to last
     uint32_t LastLocalSpid = 0;
     int PeerCpu = -1;             // where the sender of the last signal taken ran (-1: unknown)
+    bool bPeerIsLinxd = false;    // the last signal taken came across a link
+    int64_t SpinNs = kStandinSpinNs; // how long the next receive looks before it sleeps
+    uint32_t Sleeps = 0;          // receives that slept, to try a whole spin now and then
     uint32_t OutletHint = 0;      // linxd's count of outlet datagrams when last read
     uint32_t RoutesGoneHint = 0;  // linxd's count of closed receivers when last looked
     std::deque<RingBarrier> AfterRings; // attach signals waiting for the rings, in order
