@@ -30,20 +30,6 @@ constexpr int kTripsPerBlock = 2000;
 constexpr uint32_t kOneWay = 200000;
 constexpr size_t kBytes = 64;
 
-std::vector<pid_t> gPeers; // stopped at the end
-
-template <typename Body> pid_t StartPeer(Body Run)
-{
-    fflush(nullptr);
-    const pid_t Child = fork();
-    if (Child == 0) {
-        PinTask(0, PeerCore());
-        _exit(Run());
-    }
-    gPeers.push_back(Child);
-    return Child;
-}
-
 void Exactly(int Fd, char *p, size_t Bytes, bool bWrite)
 {
     for (size_t Done = 0; Done < Bytes;) {
@@ -209,10 +195,7 @@ int main()
              {"linx_ across a TCP+TLS link", [&] { return LinxOneWay(TlsSink) / 1e3; }, {TlsSink.Pid}}},
             false);
 
-    for (const pid_t Child : gPeers) {
-        kill(Child, SIGKILL);
-        waitpid(Child, nullptr, 0);
-    }
+    StopPeers();
     for (BenchNode *pNode : {&A, &B, &C})
         StopNode(*pNode);
     unlink(Secret.c_str());

@@ -39,28 +39,6 @@ constexpr int kTripsPerBlock = 3000;
 constexpr uint32_t kEcho = 0x10;
 constexpr int kFirstContacts = 10;
 
-std::vector<pid_t> gPeers; // stopped at the end
-
-// Runs Body in a child on the peers' core.
-template <typename Body> pid_t StartPeer(Body Run)
-{
-    fflush(nullptr);
-    const pid_t Child = fork();
-    if (Child == 0) {
-        PinTask(0, PeerCore());
-        _exit(Run());
-    }
-    gPeers.push_back(Child);
-    return Child;
-}
-
-// Waits for a peer that ends by itself.
-void Reap(pid_t Child)
-{
-    waitpid(Child, nullptr, 0);
-    gPeers.erase(std::find(gPeers.begin(), gPeers.end(), Child));
-}
-
 // ---- raw socket pair -------------------------------------------------------
 
 // A raw peer that echoes (bEcho) or counts datagrams of up to Size bytes;
@@ -395,10 +373,7 @@ int main()
             {{"raw SOCK_SEQPACKET round trip, warm", [&] { return RawRoundTrips(RawEcho.Fd); }, {RawEcho.Pid}},
              {"linx_, first signal to a new peer", [&] { return LinxFirstContacts(pLinx, &Serial); }, {}},
              {"MSG_, first request to a new peer", [&] { return MsgFirstContacts(&Serial); }, {}}});
-    for (const pid_t Child : gPeers) {
-        kill(Child, SIGKILL);
-        waitpid(Child, nullptr, 0);
-    }
+    StopPeers();
     close(RawEcho.Fd);
     MSG_CloseLocal(kMsgClient);
     linx_close(pLinx);

@@ -5,10 +5,12 @@
 
 #include <errno.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -78,6 +80,42 @@ inline void Place(Placement Where, const std::vector<pid_t> &Peers)
     PinTask(0, 0);
     for (const pid_t Peer : Peers)
         PinTask(Peer, PeerCore());
+}
+
+// The peer processes a benchmark started; StopPeers ends those left.
+inline std::vector<pid_t> &Peers()
+{
+    static std::vector<pid_t> Started;
+    return Started;
+}
+
+// Runs Body in a child on the peers' core.
+template <typename Body> pid_t StartPeer(Body Run)
+{
+    fflush(nullptr);
+    const pid_t Child = fork();
+    if (Child == 0) {
+        PinTask(0, PeerCore());
+        _exit(Run());
+    }
+    Peers().push_back(Child);
+    return Child;
+}
+
+// Waits for a peer that ends by itself.
+inline void Reap(pid_t Child)
+{
+    waitpid(Child, nullptr, 0);
+    Peers().erase(std::find(Peers().begin(), Peers().end(), Child));
+}
+
+inline void StopPeers()
+{
+    for (const pid_t Child : Peers()) {
+        kill(Child, SIGKILL);
+        waitpid(Child, nullptr, 0);
+    }
+    Peers().clear();
 }
 
 // Compares mechanisms by measuring them in turn, block after block (after

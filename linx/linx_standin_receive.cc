@@ -357,8 +357,7 @@ bool jSettleBell(StandinSocket &S, bool bRang)
         return true;
     if (!bRang && RingSetArmed(&S.Rings))
         return false;
-    uint64_t Count;
-    (void)!read(S.BellFd, &Count, sizeof Count);
+    linxd_bell_silence(S.BellFd);
     if (!RingSetArm(&S.Rings))
         return false;
     const uint64_t One = 1;
@@ -516,10 +515,8 @@ int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen, bool *pOutletReady, bo
     }
     if (Ready < 0)
         return -1;
-    if (Fds[1].revents != 0) {
-        uint64_t Count;
-        (void)!read(S.ArrivalFd, &Count, sizeof Count);
-    }
+    if (Fds[1].revents != 0)
+        linxd_bell_silence(S.ArrivalFd);
     *pOutletReady = Fds[0].revents != 0;
     *pRang = Fds[2].revents != 0;
     // What reached the queues before linxd went is still taken.

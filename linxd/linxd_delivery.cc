@@ -213,8 +213,7 @@ void Service::jRoomRang(uint32_t Spid)
     Socket *pS = jFindSocket(Spid);
     if (pS == nullptr)
         return;
-    uint64_t Count;
-    (void)!read(pS->RoomFd, &Count, sizeof Count);
+    linxd_bell_silence(pS->RoomFd);
     jFlushLinkRing(*pS);
 }
 

@@ -192,8 +192,7 @@ void Service::jRingBell(uint32_t Spid)
     Socket *pS = jFindSocket(Spid);
     if (pS == nullptr)
         return;
-    uint64_t Count;
-    (void)!read(pS->BellFd, &Count, sizeof Count);
+    linxd_bell_silence(pS->BellFd);
     jDrainPhantom(*pS);
 }
 

@@ -59,6 +59,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #define LINXD_PROTOCOL_MAGIC 0x4C584431u /* "LXD1" */
 #define LINXD_VERSION_WORD   0x02000501u /* 2.5.1 */
@@ -269,6 +270,14 @@ struct linxd_ready_set {
     struct linxd_counters counters;
     struct linxd_index_set marks;
 };
+
+/* Silences a bell (an eventfd) that rang, so that it rings again only for
+ * what comes next. */
+static inline void linxd_bell_silence(int Fd)
+{
+    uint64_t Count;
+    (void)!read(Fd, &Count, sizeof Count);
+}
 
 /* Maps a shared region of exactly Bytes that linxd handed over (a ready
  * or retired set); null when the descriptor is not one of that size. */
