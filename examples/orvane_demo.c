@@ -245,13 +245,27 @@ static int stop(uint32_t Id, pid_t Child)
     return !WIFEXITED(Status) || WEXITSTATUS(Status) != 0;
 }
 
+/* The server and the relay alone, for a client of another program (the
+ * Python example): each stops at its quit request or after 10 s idle. */
+static int serve(void)
+{
+    const pid_t ServerPid = start(run_server), RelayPid = start(run_relay);
+    int ServerStatus = 0, RelayStatus = 0;
+    waitpid(ServerPid, &ServerStatus, 0);
+    waitpid(RelayPid, &RelayStatus, 0);
+    return !WIFEXITED(ServerStatus) || WEXITSTATUS(ServerStatus) != 0 || !WIFEXITED(RelayStatus) ||
+           WEXITSTATUS(RelayStatus) != 0;
+}
+
 int main(int Argc, char **ppArgv)
 {
-    if (Argc > 1 && strcmp(ppArgv[1], "--telemetry") == 0) {
+    if (Argc > 1 && strcmp(ppArgv[1], "--serve") == 0) {
+        return serve();
+    } else if (Argc > 1 && strcmp(ppArgv[1], "--telemetry") == 0) {
         MSG_DebugSetFlag(MSG_DebugGetFlag() | MSG_DEBUG_TELEMETRY_SEND | MSG_DEBUG_TELEMETRY_RECV);
         say("client", "telemetry on: traffic is copied to \"Telemetry\"");
     } else if (Argc > 1) {
-        fprintf(stderr, "usage: orvane_demo [--telemetry]\n");
+        fprintf(stderr, "usage: orvane_demo [--telemetry | --serve]\n");
         return 2;
     }
     struct Peer Server = {"weather-server", 0, 0, 0, 0}, Relay = {"relay", 0, 0, 0, 0};
