@@ -25,3 +25,7 @@ echo
 echo "== The capture through tools/orvane.lua (first 12 records)"
 tshark -X lua_script:"$root/tools/orvane.lua" -r "$capture" 2>/dev/null | head -n 12
 echo "   ... every field: tshark -X lua_script:tools/orvane.lua -r build/demo-telemetry.pcap -V"
+
+echo
+echo "== The client again, in Python (examples/weather_client.py), against the C server and relay"
+PYTHONPATH="$build/python" /usr/bin/python3 "$root/examples/weather_client.py" "$build/examples/orvane_demo"

@@ -39,6 +39,9 @@ check_install() {
   linxd=$(pgrep -f "linxd --instance $instance" | head -n 1)
   [ "$(readlink "/proc/$linxd/exe")" = "$prefix/bin/linxd" ] || fail "the library did not start the installed linxd"
   grep -q '^[0-9]' <<<"$("$prefix/bin/orvane" --version)" || fail "the installed orvane does not run"
+  [ "$(PYTHONDONTWRITEBYTECODE=1 PYTHONPATH="$prefix/lib/python3/dist-packages" LD_LIBRARY_PATH="$prefix/lib" \
+       /usr/bin/python3 -c 'import orvane; e = orvane.Endpoint("py"); print(e.fileno() > 0); e.close()')" = True ] ||
+    fail "the installed Python package does not open an endpoint"
   echo "install_check: installed, built both ways and run"
 }
 
