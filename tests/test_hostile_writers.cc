@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hostile writers of this user and hostile peer nodes against real linxd
 // nodes and real processes: rings kept full into an endpoint behind a link
 // and into one that never reads, hunts across a link beyond the bound, a
@@ -213,14 +214,13 @@ TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
     Here.Instance = TestInstance();
     const pid_t Flooder = StartFlooder(Here, "picky", Refused[1], ScribbleOnReadySets);
     ASSERT_TRUE(AwaitRefusals(Refused[0], 1));
+    const std::string Line = "left the signals of process " + std::to_string(Flooder) + " in its ring";
+    EXPECT_TRUE(WaitFor([&] { return ReadFile(Said).find(Line) != std::string::npos; }, 10000)) << ReadFile(Said);
     EXPECT_LT(RssKiB(Picky) - Before, 8 * 1024) << "the receiver grew by KiB";
     LINX *pHonest = linx_open("honest", 0, nullptr);
     union LINX_SIGNAL *pSig = NewSignal(pHonest, 0xA, 1);
     ASSERT_EQ(0, linx_send(pHonest, &pSig, HuntAndWait(pHonest, "picky", 5000)));
     EXPECT_EQ(0, WaitChild(Picky));
-    EXPECT_NE(std::string::npos, ReadFile(Said).find("left the signals of process " + std::to_string(Flooder) +
-                                                     " in its ring"))
-        << ReadFile(Said);
     kill(Flooder, SIGKILL);
     WaitChild(Flooder);
     linx_close(pHonest);
