@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Makes the man pages of orvane and linxd with help2man from their --help,
+# SPDX-License-Identifier: Apache-2.0
+# Makes the man pages of orvane, linxd and orvane-collector with help2man from their --help,
 # so that they say what the programs say: orvane's page gets a section with
 # the --help of every subcommand.
-#   man_pages.sh ORVANE LINXD OUTDIR
+#   man_pages.sh ORVANE LINXD COLLECTOR OUTDIR
 set -euo pipefail
-orvane=$1 linxd=$2 out=$3
+orvane=$1 linxd=$2 collector=$3 out=$4
 mkdir -p "$out"
 include=$(mktemp)
 trap 'rm -f "$include"' EXIT
@@ -43,4 +44,6 @@ help2man --no-info --section 1 --name "look at and talk to the LINX endpoints of
   --include "$include" --output "$out/orvane.1" "$orvane"
 help2man --no-info --section 1 --name "the LINX stand-in service for hosts without the LINX kernel module" \
   --output "$out/linxd.1" "$linxd"
-echo "man pages: $out/orvane.1 $out/linxd.1"
+help2man --no-info --section 1 --name "collect the telemetry of liborvane programs into a pcap capture" \
+  --include <(printf '[SEE ALSO]\n.BR orvane (1),\n.BR wireshark (1)\n') --output "$out/orvane-collector.1" "$collector"
+echo "man pages: $out/orvane.1 $out/linxd.1 $out/orvane-collector.1"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* orvane-collector: the telemetry collector as a program of its own
  * (collector.h says what it collects and how it writes the capture):
  *
@@ -16,6 +17,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "collector.h"
@@ -53,11 +55,33 @@ static int parse_options(int Argc, char **ppArgv, struct CollectorOptions *pOpti
     return optind == Argc ? 0 : -1;
 }
 
+static const char kUsage[] = "usage: orvane-collector [-w FILE|-] [-c COUNT] [-t SECONDS]\n";
+static const char kHelp[] =
+    "Collects the telemetry records of the liborvane programs of this host (they\n"
+    "send copies of their traffic to the public endpoint \"Telemetry\" while it\n"
+    "exists) and writes them as a pcap capture that Wireshark decodes with\n"
+    "orvane.lua.  Stops on SIGINT or SIGTERM, and prints one line per record type.\n"
+    "\n"
+    "  -w FILE     the capture file (default telemetry.pcap); \"-\" writes to\n"
+    "              standard output: orvane-collector -w - | wireshark -k -i -\n"
+    "  -c COUNT    stop after COUNT records\n"
+    "  -t SECONDS  stop after SECONDS\n"
+    "  --help      show this text\n"
+    "  --version   show the version\n";
+
 int main(int Argc, char **ppArgv)
 {
     struct CollectorOptions Options = {"orvane-collector", "telemetry.pcap", 0, 0, NULL, NULL};
+    if (Argc == 2 && strcmp(ppArgv[1], "--help") == 0) {
+        printf("%s\n%s", kUsage, kHelp);
+        return 0;
+    }
+    if (Argc == 2 && strcmp(ppArgv[1], "--version") == 0) {
+        printf("orvane-collector %s\n", ORVANE_VERSION);
+        return 0;
+    }
     if (parse_options(Argc, ppArgv, &Options) != 0) {
-        fprintf(stderr, "usage: orvane-collector [-w FILE|-] [-c COUNT] [-t SECONDS]\n");
+        fputs(kUsage, stderr);
         return 2;
     }
     if (stop_signals_install() != 0) {
