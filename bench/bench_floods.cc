@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What floods from a hostile or careless peer cost the others, measured
 // with real processes on linxd instances of their own:
 //  - a receiver blocked on one signal number while a peer floods it with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a link between two linxd nodes costs, against raw TCP on localhost,
 // every comparison in alternating blocks in one run (bench_util.h's
 // Compare: each mechanism's pair in the better of its two placements on the

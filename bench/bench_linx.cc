@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messaging on the LINX stand-in against a raw AF_UNIX SOCK_SEQPACKET
 // socket pair.  Every comparison alternates its mechanisms in blocks in one
 // run (bench_util.h's Compare: a warm-up, then rounds of one block each,

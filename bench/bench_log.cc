@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost of the diagnostic log: a filtered outcome line (must not format) and
 // a typical outcome line with four tokens (syslog itself replaced by a no-op
 // in this program, so only the library's work is measured).

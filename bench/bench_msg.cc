@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message layer's hot paths: an allocate+release pair on the thread's
 // private endpoint for sizes from 8 B to the largest signal (the LINX
 // handle's shelves serve every size again, so after warm-up it costs no heap

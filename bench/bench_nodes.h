@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the benchmarks that run linxd nodes of their own: starting a
 // node (its standard error kept in a log), reaching one, a free TCP port,
 // and what a process holds in memory.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Peers and subscriptions on the LINX stand-in, measured in one run:
 //   - death detection: SIGKILL of a peer to its close callback running in
 //     the observer's receive loop (median and p99 over many kills),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What other processes cost a server on one stand-in instance: a 64-byte
 // round trip with a server that 100 or 1000 idle processes have sent to,
 // and with one that 1000 processes sent to and left (closing their socket,

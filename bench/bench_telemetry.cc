@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What telemetry adds to a send, measured side by side in one run: a
 // stream of 64-byte MSG_SendMsg calls to a receiving process, timed call
 // by call (allocation included),

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers the benchmark programs share: a clock, percentiles, giving up,
 // comparisons in alternating blocks, and the raw linx_ steps every
 // comparison needs.

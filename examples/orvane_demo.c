@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* orvane_demo: what a program does all day with liborvane, in three
  * processes.
  *

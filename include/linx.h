@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linx.h - the linx_ interface of liborvane: LINX sockets, signals, hunts,
  * attaches, timeouts and information queries.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * orvane.h - the MSG_ interface of liborvane.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The LINX user library: handles, signal buffers and the module's requests.
 //
 // A signal buffer is one heap block: a hidden header, the payload the caller

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module seam: the kernel's LINX socket where it exists, the linxd
 // stand-in everywhere else.  Chosen once per process.
 #include "linx_module.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linx_module.h - the one seam between the LINX user library and the LINX
  * module: open a module socket, issue a request on it, close it.

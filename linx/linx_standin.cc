@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stand-in client's core: reaching linxd (starting it when none
 // runs), opening and closing emulated sockets, the requests that carry
 // no signal, the socket tables and what a fork leaves the child.

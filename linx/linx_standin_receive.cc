@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Receiving: the process-local queue (what linxd delivered, what senders
 // of this process handed over, and what a receive set aside unselected),
 // the rings the socket reads, the outlet, and waiting for the bell.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending: the routes of this process (one ring into each socket it sends
 // to, made on the first send and cached) and the send itself, a copy into
 // the ring and a store.  Sends to a socket of this process hand the buffer

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linx_standin_socket.h - what the three parts of the linxd stand-in's
  * client share: the record of an emulated socket, the calls to linxd, and

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What the linxd fuzz harnesses check after each input: that the service
 // left no descriptor open.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness of linxd's link frames, in process: each input is the byte
 // stream a peer node sends over a link to a fresh service, after a valid
 // hello when the first byte is odd (so that the frames past the hello are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness of linxd's request handling, in process: each input is a
 // script for up to four clients of a fresh service, which connect, send
 // requests (well-formed ones built from the input, or raw datagrams), read

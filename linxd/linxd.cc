@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The linxd service loop: requests of the control connections, delivery of
 // linxd's own signals (hunt, attach, timeout) and of what links bring, and
 // cleanup of closed sockets.  The links themselves are linxd_nodes.cc's.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd.h - the LINX stand-in service: plays the LINX kernel module's part
  * for every process of one user on a host without the module.

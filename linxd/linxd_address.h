@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_address.h - where an instance of linxd listens.  Part of the wire
  * protocol: the client library and linxd both derive the address from the

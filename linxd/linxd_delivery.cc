@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Delivery to the sockets of this node: linxd's own signals (hunt answers,
 // attach and timeout signals) and what links bring.  linxd's own signals
 // go through the owner's outlet, waiting in the socket's backlog while the

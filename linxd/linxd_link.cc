@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Link transport: addresses, Unix and TCP connections, TLS with a
 // pre-shared key, framing.
 #include "linxd_link.h"

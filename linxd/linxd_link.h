@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_link.h - the transport of links between linxd nodes: addresses,
  * connections, TLS, framing.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // linxd: the LINX stand-in service.  Clients start it on demand; run it by
 // hand with --foreground to watch it.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The links to other nodes as the service sees them: listening, dialling
 // and taking connections, the hello, a link coming up and going down,
 // heartbeats and redials, and the frames a peer sends (hunts, endpoint

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Phantoms: the sockets that stand here for endpoints behind a link.
 //
 // linxd reads the rings processes write into a phantom, as a receiving

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_protocol.h - the wire protocol between LINX stand-in clients and
  * the linxd service.  It is the only thing the two sides share.

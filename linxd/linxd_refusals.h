@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_refusals.h - lines that say what was refused, without a flood:
  * linxd and the stand-in client refuse what other processes and nodes

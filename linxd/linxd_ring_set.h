@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_ring_set.h - the rings one socket reads, as its reader sees them:
  * a receiving process for its own sockets, linxd for its phantoms.

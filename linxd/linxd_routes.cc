@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rings and routes: where each ring a process makes sits among its
 // receiver's rings, and how long it lives.
 //

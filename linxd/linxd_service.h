@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_service.h - the state of the linxd service, shared by the files
  * that implement it: the loop, clients and requests (linxd.cc), the rings

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness of the configuration file parser: each input is the
 // content of a configuration file, read and parsed as the library reads
 // /system/etc/orvane.pb.  A file the parser refuses is a status and a log

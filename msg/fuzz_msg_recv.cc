@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz harness of the receive path: each input is a signal that another
 // process could send to a public endpoint (its first word the signal
 // number, the rest its bytes, header included), sent through a raw LINX

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages: the header accessors, allocation, cloning and release.
 //
 // A message is a LINX signal buffer owned by one local endpoint: the one

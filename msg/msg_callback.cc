@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Callbacks for ranges of message types on a local endpoint.
 //
 // One list per endpoint, newest first, under its CallbackMutex.  A dispatch

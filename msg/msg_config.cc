@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Endpoint configuration: the full LINX path of a remote endpoint's name.
 #include "msg_config.h"
 

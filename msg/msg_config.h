@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_config.h - remote endpoint names to LINX paths, from the device's
  * configuration file /system/etc/orvane.pb (one OrvaneCfg message).

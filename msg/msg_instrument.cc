@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The outstanding-message tracker: an open-addressing table keyed by the
 // message's address that follows every buffer the process holds, reporting
 // double allocations, double releases, evictions of held buffers and the

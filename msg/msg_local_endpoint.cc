@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The local endpoint registry, the per-thread current endpoint and the
 // queries on an endpoint's LINX socket.
 #include "msg_local_endpoint.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_local_endpoint.h - the registry of the process's local endpoints and
  * each thread's current endpoint.

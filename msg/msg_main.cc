@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Status codes, the diagnostic log with its $-token formatter, the debug
 // flag word and the small helpers every module shares.
 //

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_main.h - the library's frame: assertions, log shorthands and the
  * debug-flag read used by every module.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Notifications: subscriptions to a publisher's user types, made locally or
 // by request from another process, and the publishing of a message to every
 // subscriber whose range covers its type.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_notification.h - subscriptions to a public endpoint's messages.
  *

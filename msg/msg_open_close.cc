@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening and closing local endpoints.  The first open of the process runs
 // MSG_Init.  Opening checks for a name conflict, opens the LINX socket and
 // enters the endpoint in the registry; a private endpoint gets a name made

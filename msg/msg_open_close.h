@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_open_close.h - the library's own entry to opening endpoints: the
  * calling thread's private endpoint, opened on demand by the operations

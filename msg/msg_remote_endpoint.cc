@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The remote endpoint table of a local endpoint: records, their states and
 // open/close type pairs, lookups, and the LINX attach that supervises an
 // open peer.

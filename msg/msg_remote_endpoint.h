@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_remote_endpoint.h - each local endpoint's table of remote endpoints.
  *

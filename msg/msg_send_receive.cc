@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending and receiving messages, with answers routed back along the
 // sender stack.
 //

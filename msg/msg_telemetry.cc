@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Process identity, and the telemetry reporting that carries it with
 // copies of the process's traffic to the collector.
 #include "msg_telemetry.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_telemetry.h - process identity, and telemetry: copies of the
  * process's traffic and announcements of its endpoints, sent to the one

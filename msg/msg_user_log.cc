@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The user message log: a process-wide ring of short records of the most
 // recent messages sent and received, dumped to the diagnostic log or, raw
 // and oldest first, to a file.  LogMutex guards the ring and its

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # build.sh DIR [cmake options...]: configures and builds the project in DIR.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

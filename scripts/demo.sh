@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Sets up what is missing, builds, and runs the demo; then runs it again with
 # telemetry on, captured by the collector, and shows the capture as the
 # Wireshark dissector decodes it.

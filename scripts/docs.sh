@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the API reference (build/docs/api/html/index.html) and the man
 # pages of orvane and linxd (build/docs/man); `man build/docs/man/orvane.1`
 # shows one.  cmake --install installs the man pages once they are built.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the libFuzzer harnesses with clang (ASan+UBSan) into build-fuzz and
 # runs each one, starting from its seed corpus in fuzz/corpus/NAME:
 #   scripts/fuzz.sh              a short bounded run of each (part of the tests)

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the whole project for i386 (-m32 with Debian's g++-multilib) into
 # build-i386 and runs the 32-bit demo under qemu-i386 against a 64-bit
 # linxd: 32-bit processes of one device on a 64-bit service.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every test case of the plain build under valgrind memcheck, one case
 # per process as ctest runs them, the processes they fork and exec included
 # (but linxd, which outlives them: its fuzz harness checks it for leaks, and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every test: the plain build, then the same tests under
 # AddressSanitizer+UndefinedBehaviorSanitizer, then the threaded tests under
 # ThreadSanitizer, then the project built for i386 with its demo run under

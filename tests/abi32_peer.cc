@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The 32-bit side of the ABI test: a process built for i386 (run under
 // qemu-i386) that speaks to 64-bit processes through one linxd with the
 // LINX user library alone.  It answers one library message the way the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Both public headers compile in strict C99, with no POSIX feature macro,
  * and link from a C program. */
 #include <stdio.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Runs part of a test in a forked child, for state that a process sets up
 // once (identity, configuration).  The child's gtest failures come back
 // through its exit code.

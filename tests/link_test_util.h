@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the tests that join linxd instances into nodes: a node run
 // by the test (killed when the test ends, however it ends), a pair of
 // linked nodes, endpoints on a node, an echo process, and a peer speaking

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "linx_test_util.h"
 
 #include <dirent.h>

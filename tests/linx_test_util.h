@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the LINX tests: a private linxd instance per test process,
 // child processes, and small signals carrying one number.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Captures what the library writes to syslog, by interposing syslog in the
 // test program: the library's calls resolve to the executable's definition,
 // so production code stays untouched.  Optionally fakes CLOCK_MONOTONIC.

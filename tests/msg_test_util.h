@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the message-layer tests that involve other processes.
 #pragma once
 

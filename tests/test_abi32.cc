@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A 32-bit process and a 64-bit process of one device, through one linxd:
 // the 64-bit side uses the library, the 32-bit side (tests/abi32_peer.cc,
 // built for i386 and run under qemu-i386) the LINX user library.  They

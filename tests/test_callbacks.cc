@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Callback dispatch: order, one-shot entries, internal and user kinds,
 // unregistration by all five fields, purging a remote's open/close pair.
 #include <gtest/gtest.h>

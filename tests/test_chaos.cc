@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Chaos: a peer is killed with SIGKILL again and again at random moments,
 // idle, in the middle of sending large messages, or busy hunting and
 // attaching.  Every death must reach the watcher's close callback and its

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Endpoint configuration: lookups through the device file.  The test
 // program interposes stat and open so that each case feeds its own file at
 // the fixed path; each case runs in a fresh child process because the file

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Local endpoints: opening and closing, the registry and its lookups, the
 // thread's private endpoint and its end with the thread, and the queries
 // on an endpoint's socket.

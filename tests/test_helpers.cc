@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared helpers: elapsed time, sequence numbers and the extra-flag bits of
 // a message header.
 #include <gtest/gtest.h>

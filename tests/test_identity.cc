@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Process identity, read from the kernel's and the program's command lines.
 // The test program interposes fopen and open so that each case can feed its
 // own command lines while the library keeps reading /proc/cmdline and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signal buffers, sends and receives within one process: allocation and the
 // spare buffer, resizing, the end mark, selection, adoption without a copy,
 // timeouts, attributes and the information queries.

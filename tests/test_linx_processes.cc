@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LINX between real processes through the stand-in: hunts, attaches on
 // close and on kill -9, order under load, the queue limit, queue counts,
 // the socket list, large signals and racing starts of linxd.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared-memory rings between processes: senders killed in the middle
 // of a flood, many senders of several processes into one receiver, a full
 // ring and a receiver that dies with one, exact poll readiness, large and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LINX sockets of one process used from many threads: delivery without a
 // copy between threads, per-sender order with several senders, and sends
 // racing with the receiver's close.

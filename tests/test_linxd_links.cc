@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // linxd instances joined by links, on this host over Unix sockets and over
 // TCP with TLS: hunts across one and two hops, ordered signals and answers,
 // deaths seen across a link, a link cut and its return, heartbeats, and the

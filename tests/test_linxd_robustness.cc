@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // linxd and its clients facing broken or hostile peers, with real
 // processes: garbage and truncated requests, floods, forged and endless
 // signal rings, more senders than a socket takes, a linxd that dies or

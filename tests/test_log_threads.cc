@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Logging, sequence numbers and the debug flag used from many threads at once.
 #include <gtest/gtest.h>
 

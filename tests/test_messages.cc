@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages: header accessors, allocation through the thread's private
 // endpoint, cloning, header copies and the two release paths.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message layer used from many threads at once: allocation, cloning and
 // release on private endpoints, deferred releases into a public endpoint,
 // registration and dispatch on a shared endpoint, and the tracker created

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Publishing from several threads while subscribers come and go: local and
 // remote subscriptions change under the walk, subscribers close with copies
 // in flight, and every subscription of a closed subscriber is purged.  All

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Notifications: subscriptions made by the publisher and by request from
 // other processes, publishing to several subscribers when one is gone,
 // subscribers that die, and requests another process malformed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The orvane command, run as a user runs it, against real peer processes:
 // each subcommand's output (--json field by field) and its failures, with
 // their exit status (0 done, 1 failed, 2 usage).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening and closing remote endpoints between real processes: asynchronous
 // opens with their callbacks across the peer's restarts and kill -9,
 // synchronous opens with their timeouts, and closing a peer.

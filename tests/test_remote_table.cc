@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The remote endpoint table: states, type pairs, lookups by name and id,
 // and the $remote token that reads it.
 #include <gtest/gtest.h>

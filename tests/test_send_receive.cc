@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending and receiving between real processes: request and answer, the
 // sender stack across three processes, owner rules, timeouts, the receive
 // loop's handling of internal messages and of malformed signals.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Telemetry: the records processes send to the collector "Telemetry", the
 // queue that holds them while it is absent, the collector program and its
 // capture as the Wireshark dissector decodes it, and the endpoint dump.

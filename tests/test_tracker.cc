@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The outstanding-message tracker on a table of its own: state changes,
 // double reports, eviction, the 500th held message, statistics and removal.
 #include <gtest/gtest.h>

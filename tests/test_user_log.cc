@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The user message log: configuration rules, record sizes, dropping the
 // oldest records, wrap-around, and both dumps.
 #include <gtest/gtest.h>

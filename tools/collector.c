@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The telemetry collector: see collector.h. */
 #define _POSIX_C_SOURCE 200809L
 #include "collector.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * collector.h - the telemetry collector, shared by orvane-collector and
  * `orvane capture`.

@@ -1,3 +1,4 @@
+-- SPDX-License-Identifier: Apache-2.0
 -- orvane.lua: Wireshark dissector for liborvane telemetry captures.
 --
 -- orvane-collector writes what processes report to the endpoint

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * stop_signals.h - how the tools stop on SIGINT and SIGTERM.
  *

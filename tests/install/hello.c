@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A program built out of the tree against an installed liborvane: one
  * message to itself through the installed library and the linxd it finds. */
 #include <stdio.h>

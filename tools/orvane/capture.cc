@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // orvane capture: the telemetry collector (collector.h), with a live count
 // of records per type when standard error is a terminal.
 #include <unistd.h>

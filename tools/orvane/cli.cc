@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The helpers every subcommand shares: see cli.h.
 #include "cli.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * cli.h - what the subcommands of the orvane command share.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // orvane config: the endpoint configuration in protobuf text format, to and
 // from the binary file the library reads (/system/etc/orvane.pb).  Text
 // format is protobuf's own; the classes are generated from the library's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // orvane: the command-line tool of liborvane.  Exit status 0 when the
 // subcommand did what it was asked, 1 when it failed (said on standard
 // error), 2 for a usage error.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message-level subcommands: send and subscribe.  They speak MSG_
 // through a public endpoint of their own, "orvane.<pid>", so that peers
 // are found by name through the endpoint configuration as the library's

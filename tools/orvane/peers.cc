@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The LINX-level subcommands: list, hunt, watch and stat.  They speak
 // linx_ directly through one socket of their own, named "orvane", which
 // they leave out of what they show; names are LINX names as given.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // orvane userlog: a user-log dump file (MSG_UserLogDump with a file name)
 // as readable lines.  The file holds raw ring records, oldest first, in
 // the writer's byte order: nine 32-bit words (magic, time in ms, from, to,
