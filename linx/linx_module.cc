@@ -10,7 +10,7 @@
 
 #include <atomic>
 
-#include "linx_standin.h"
+#include "standin/standin.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
  * Two backends sit behind it.  Where the kernel has the LINX address family
  * (29) the requests are ioctls on a real LINX socket.  Where it has none
  * (socket() fails with EAFNOSUPPORT) they go to the linxd stand-in service
- * through its client (linx_standin.h), which answers the same requests
+ * through its client (standin/standin.h), which answers the same requests
  * with the same results.  The choice is made once per process.
  *
  * The request numbers are the module's.  Records whose module layout has a

@@ -20,7 +20,7 @@
 #include "fuzz_descriptors.h"
 #include "linxd.h"
 #include "linxd_link.h"
-#include "linxd_protocol.h"
+#include "standin/protocol.h"
 
 namespace {
 

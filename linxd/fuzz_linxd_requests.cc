@@ -29,7 +29,7 @@
 
 #include "fuzz_descriptors.h"
 #include "linxd.h"
-#include "linxd_protocol.h"
+#include "standin/protocol.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 
 #include <algorithm>
 
-#include "linxd_address.h"
+#include "standin/address.h"
 
 int64_t jNowMs()
 {

@@ -9,7 +9,7 @@
  * SPIDs, hunts, attaches, timeouts and new-link tokens, passes the
  * senders' rings on to their receivers and retires them when their
  * senders go; signals between processes flow through those shared-memory
- * rings and never through it (see linxd_protocol.h).  Its state is
+ * rings and never through it (see standin/protocol.h).  Its state is
  * declared in linxd_service.h.  Nothing a client sends can stop the loop: every
  * request is checked and answered, and a client that misbehaves or
  * vanishes is dropped with everything it held, firing its attaches.

@@ -24,7 +24,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-#include "linxd_address.h"
+#include "standin/address.h"
 
 namespace {
 

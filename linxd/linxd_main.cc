@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "linxd.h"
-#include "linxd_address.h"
+#include "standin/address.h"
 #include "linxd_link.h"
 
 namespace {

@@ -13,7 +13,7 @@
 
 #include <algorithm>
 
-#include "linxd_address.h"
+#include "standin/address.h"
 #include "linxd_service.h"
 
 int64_t Service::jHeartbeatMs() const

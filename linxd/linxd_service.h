@@ -24,9 +24,9 @@
 #include "linx.h"
 #include "linxd.h"
 #include "linxd_link.h"
-#include "linxd_protocol.h"
-#include "linxd_refusals.h"
-#include "linxd_ring_set.h"
+#include "standin/protocol.h"
+#include "standin/refusals.h"
+#include "standin/ring_set.h"
 
 
 constexpr uint32_t kDefaultHuntSigNo = LINX_OS_HUNT_SIG;

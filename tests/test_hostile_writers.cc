@@ -28,7 +28,7 @@
 #include "link_test_util.h"
 #include "linx_test_util.h"
 #include "linxd_link.h"
-#include "linxd_protocol.h"
+#include "standin/protocol.h"
 
 namespace {
 

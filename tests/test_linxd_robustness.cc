@@ -29,7 +29,7 @@
 #include <vector>
 
 #include "linx_test_util.h"
-#include "linxd_address.h"
+#include "standin/address.h"
 
 namespace {
 

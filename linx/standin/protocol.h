@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * linxd_protocol.h - the wire protocol between LINX stand-in clients and
+ * protocol.h - the wire protocol between LINX stand-in clients and
  * the linxd service.  It is the only thing the two sides share.
  *
  * Control: each emulated LINX socket is one SOCK_SEQPACKET connection to

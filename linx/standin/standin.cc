@@ -2,8 +2,8 @@
 // The stand-in client's core: reaching linxd (starting it when none
 // runs), opening and closing emulated sockets, the requests that carry
 // no signal, the socket tables and what a fork leaves the child.
-// Sending and receiving have files of their own (linx_standin_socket.h).
-#include "linx_standin.h"
+// Sending and receiving have files of their own (standin_socket.h).
+#include "standin.h"
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -21,8 +21,8 @@
 #include <unordered_map>
 
 #include "linx.h"
-#include "linx_standin_socket.h"
-#include "linxd_address.h"
+#include "standin_socket.h"
+#include "address.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reader's side of a socket's rings: adopting, dropping and retiring
 // rings, taking the senders' marks, and serving the rings in turn.
-#include "linxd_ring_set.h"
+#include "ring_set.h"
 
 #include <unistd.h>
 

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * linxd_ring_set.h - the rings one socket reads, as its reader sees them:
+ * ring_set.h - the rings one socket reads, as its reader sees them:
  * a receiving process for its own sockets, linxd for its phantoms.
  *
  * Rings sit at the index linxd gave them among the socket's rings.  The
  * reader never walks all of them: senders mark a ring in the socket's
- * ready set when they publish into it (linxd_protocol.h), the reader takes
+ * ready set when they publish into it (protocol.h), the reader takes
  * the marks into its turn list, serves the ring at the front one signal at
  * a time and puts it back behind the others while it holds more, so no
  * sender is starved and the cost of looking does not grow with the number
@@ -34,7 +34,7 @@
 #include <deque>
 #include <vector>
 
-#include "linxd_protocol.h"
+#include "protocol.h"
 
 // An index is unused, holds a live ring, or held one that was dropped as
 // broken and waits for linxd to retire it.

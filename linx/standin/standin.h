@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * linx_standin.h - the client of the linxd stand-in service: the module
+ * standin.h - the client of the linxd stand-in service: the module
  * seam's backend on hosts without the LINX kernel module.
  *
  * Each emulated socket is a control connection to linxd (names, hunts,

@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <new>
 
-#include "linx_standin_socket.h"
-#include "linxd_refusals.h"
+#include "standin_socket.h"
+#include "refusals.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * linxd_address.h - where an instance of linxd listens.  Part of the wire
+ * address.h - where an instance of linxd listens.  Part of the wire
  * protocol: the client library and linxd both derive the address from the
  * instance name this way.
  */
@@ -14,7 +14,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "linxd_protocol.h"
+#include "protocol.h"
 
 /* Instance names are 1 to 64 characters of [A-Za-z0-9._-]. */
 static inline int linxd_instance_valid(const char *name)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * linxd_refusals.h - lines that say what was refused, without a flood:
+ * refusals.h - lines that say what was refused, without a flood:
  * linxd and the stand-in client refuse what other processes and nodes
  * send them, and say so on standard error.
  *

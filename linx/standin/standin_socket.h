@@ -1,17 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * linx_standin_socket.h - what the three parts of the linxd stand-in's
+ * standin_socket.h - what the three parts of the linxd stand-in's
  * client share: the record of an emulated socket, the calls to linxd, and
  * the steps one part takes for another.
  *
- *   linx_standin.cc          reaching linxd, opening and closing sockets,
+ *   standin.cc          reaching linxd, opening and closing sockets,
  *                            requests, the socket tables and fork
- *   linx_standin_send.cc     routes (the rings this process writes) and
+ *   standin_send.cc     routes (the rings this process writes) and
  *                            sending
- *   linx_standin_receive.cc  the process-local queue, the rings a socket
+ *   standin_receive.cc  the process-local queue, the rings a socket
  *                            reads, the outlet, waiting and receiving
  *
- * Locks are listed in linx_standin.h.  Everything here is private to the
+ * Locks are listed in standin.h.  Everything here is private to the
  * library.
  */
 #ifndef LINX_STANDIN_SOCKET_H
@@ -30,8 +30,8 @@
 #include <vector>
 
 #include "linx_module.h"
-#include "linxd_protocol.h"
-#include "linxd_ring_set.h"
+#include "protocol.h"
+#include "ring_set.h"
 
 // A signal waiting in the process-local queue: either taken from the outlet
 // (Data holds it) or handed over by a sender of this process (pTaken is the
@@ -151,7 +151,7 @@ struct StandinRequest {
     int Fds[5] = {-1, -1, -1, -1, -1};
 };
 
-// The moments of a fork() each part takes care of (linx_standin.cc
+// The moments of a fork() each part takes care of (standin.cc
 // registers them once).
 enum class ForkStage { Prepare, Parent, Child };
 
@@ -177,7 +177,7 @@ inline void StandinCountSent(StandinSocket &S, uint32_t Bytes)
     StandinCount(&StandinCounters(S).sent_bytes, Bytes);
 }
 
-// linx_standin.cc
+// standin.cc
 // One request to linxd and its reply: 0, or -1 with errno (linxd's answer,
 // or ENOTCONN once linxd is gone).
 int StandinCall(int ConnFd, StandinRequest *pCall);
@@ -192,7 +192,7 @@ void StandinCloseIf(int Fd);
 // The socket of this process that the SPID names, or null.
 SocketRef StandinFindBySpid(InstanceSpid Spid);
 
-// linx_standin_send.cc
+// standin_send.cc
 int StandinSend(StandinSocket &S, const struct linx_transfer_rec *pRec);
 // Lets go the routes to sockets that closed, once linxd says one did.
 void StandinForgetClosedRoutes(StandinSocket &S);
@@ -203,7 +203,7 @@ void StandinForgetAllRoutes();
 void StandinMakeSpareRing(uint32_t QueueBytes);
 void StandinRoutesAtFork(ForkStage Stage);
 
-// linx_standin_receive.cc
+// standin_receive.cc
 int StandinReceive(StandinSocket &S, struct linx_transfer_rec *pRec);
 // The socket's descriptor is polled from now on (S's handle's thread).
 void StandinWatch(StandinSocket &S);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Refusal lines, each kind and source written at most once a second with
 // a count of the rest.
-#include "linxd_refusals.h"
+#include "refusals.h"
 
 #include <stdio.h>
 #include <time.h>

@@ -11,7 +11,7 @@
 
 #include <unordered_map>
 
-#include "linx_standin_socket.h"
+#include "standin_socket.h"
 
 namespace {
 
