@@ -1,9 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
  * linxd_service.h - the state of the linxd service, shared by the files
- * that implement it: the loop, clients and requests (linxd.cc), the rings
- * and routes between processes (linxd_routes.cc), the links to other nodes
- * (linxd_nodes.cc) and the phantoms of their endpoints (linxd_phantoms.cc).
+ * that implement it: the loop, clients and requests (linxd.cc), sockets,
+ * names, hunts, attaches, timeouts and queries (linxd_names.cc), delivery
+ * of linxd's own signals and of what links bring (linxd_delivery.cc), the
+ * rings and routes between processes (linxd_routes.cc), the links to
+ * other nodes (linxd_nodes.cc) and the phantoms of their endpoints
+ * (linxd_phantoms.cc).
  *
  * Everything here belongs to the service's one thread: nothing is locked.
  * The counter region and the ready sets are shared with the clients, and
