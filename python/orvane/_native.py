@@ -56,6 +56,7 @@ _PROTOTYPES = {
     "MSG_GetNextSequence": (_u32, []),
     "MSG_SendMsg": (_u32, [_name, _u32, _msg]),
     "MSG_RecvAnyMsg": (_msg, [_name, c_int32]),
+    "MSG_RecvMsg": (_msg, [_name, _u32, c_int32]),
     "MSG_ProcessCallback": (_u32, [_name, _msg]),
     "MSG_RegisterCallbackHelper": (_u32, [_name, CALLBACK, c_void_p, _u32, _u32, _u32]),
     "MSG_UnregisterCallbackHelper": (_u32, [_name, CALLBACK, c_void_p, _u32, _u32, _u32]),

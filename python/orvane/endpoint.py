@@ -11,7 +11,12 @@ lets an exception unwind through C: the exception is logged on the
 
 A receive for some types sets the messages of other types aside, in
 order, for a later receive of this endpoint: nothing is lost, and the
-receive loop keeps running while a caller waits for one answer.
+receive loop keeps running while a caller waits for one answer.  What is
+set aside is bounded, so that a peer flooding other types cannot grow this
+process: with 1024 messages aside, a receive for one type waits for it
+alone (the rest stay in the LINX queue, whose limits hold the peer back,
+and the receive loop's own messages wait too), and a receive for several
+types raises :class:`OrvaneError` (201) until those set aside are taken.
 """
 import asyncio
 import collections
@@ -28,6 +33,7 @@ _log = logging.getLogger("orvane")
 _MSG_ERR_MEMORY = 201
 _MSG_ERR_LINX = 202
 _MSG_ERR_NTFY_NOT_FOUND = 305
+_HELD_AT_MOST = 1024  # messages of other types that receives set aside
 _KEEPS_MESSAGE = {301, 302, 104, 307, 308}  # after these the caller still owns what it sent
 
 Types = Union[None, int, Collection[int]]
@@ -103,7 +109,7 @@ class Endpoint:
     def reply(self, request: Message, payload: bytes = b"", type: Optional[int] = None) -> None:
         """Answers request along its sender stack, with the response type
         (the request's type with the low four bits 1) unless one is given."""
-        answer_type = request.type | 0x1 if type is None else type
+        answer_type = (request.type & ~0xF) | 0x1 if type is None else type
         pointer = lib.MSG_AllocMsgCopyHdr(request._address(), answer_type, len(payload))
         if not pointer:
             raise OrvaneError(_MSG_ERR_MEMORY, f"an answer of {len(payload)} bytes")
@@ -132,7 +138,10 @@ class Endpoint:
         deadline = None if timeout is None else time.monotonic() + timeout
         while True:
             remaining = None if deadline is None else max(0.0, deadline - time.monotonic())
-            pointer = lib.MSG_RecvAnyMsg(self._name, milliseconds(remaining))
+            if len(self._held) < _HELD_AT_MOST or wanted is None:
+                pointer = lib.MSG_RecvAnyMsg(self._name, milliseconds(remaining))
+            else:
+                pointer = self._receive_only(wanted, remaining)
             if not pointer:
                 check(0 if lib.MSG_IsLocalOpen(self._name) else 302, f"receiving on {self.name!r}")
                 if deadline is not None and time.monotonic() >= deadline - 0.001:
@@ -142,6 +151,13 @@ class Endpoint:
             if wanted is None or message.type in wanted:
                 return message
             self._held.append(message)
+
+    def _receive_only(self, wanted, remaining: Optional[float]) -> int:
+        """Waits for the one wanted type alone, once enough is set aside."""
+        if len(wanted) != 1:
+            raise OrvaneError(_MSG_ERR_MEMORY, f"{len(self._held)} messages of other types wait on "
+                                               f"{self.name!r}: receive them before waiting for several types")
+        return lib.MSG_RecvMsg(self._name, next(iter(wanted)), milliseconds(remaining))
 
     def dispatch(self, message: Message) -> None:
         """Runs the callbacks registered for the message's type."""

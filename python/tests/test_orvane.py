@@ -119,6 +119,18 @@ def test_a_python_peer_answers_is_seen_dying_and_returning_and_a_raising_callbac
         with watcher.receive([WEATHER_RSP], timeout=0) as answer:  # was set aside, not lost
             assert bytes(answer.payload) == b"SET ASIDE"
 
+        # A peer that floods other types: what is set aside stays bounded,
+        # a receive for one type still gets it, and nothing is lost.
+        for number in range(1100):
+            watcher.send("echo", orvane.Message(WEATHER_REQ, sequence=number))
+        watcher.send("echo", orvane.Message(ECHO_REQ, b"after the flood"))
+        with watcher.receive(ECHO_REQ | 1, timeout=10) as answer:
+            assert bytes(answer.payload) == b"AFTER THE FLOOD"
+        with pytest.raises(orvane.OrvaneError) as full:
+            watcher.receive([0x901, 0x903], timeout=0)
+        assert full.value.code == 201
+        assert [watcher.receive(WEATHER_RSP, timeout=5).sequence for _ in range(1100)] == list(range(1100))
+
         echo.send_signal(signal.SIGKILL)
         echo.wait()
         serve_until(watcher, lambda: len(events) == 2)
