@@ -63,7 +63,7 @@ check_unit() { # unit prefix
   command=$(sed -n "s/^ExecStart=//p" "$unit" | sed "s/%i/$instance/g")
   $command --config "$work/node.conf" 2>"$work/unit.log" &
   local node=$!
-  sleep 1
+  for _ in $(seq 200); do grep -q "serving instance" "$work/unit.log" && break; sleep 0.05; done
   grep -q "sockets" <<<"$("$orvane" stat 2>&1)" || fail "orvane stat did not reach the unit's linxd"
   sleep 1.5
   kill -0 "$node" 2>/dev/null || fail "the unit's linxd did not stay: $(cat "$work/unit.log")"
