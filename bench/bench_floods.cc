@@ -234,7 +234,7 @@ void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTa
     printf("  honest pings across the link, 10 ms apart: %d of %d answered within 1 s, median %.0f us (quiet "
            "%.0f us)\n",
            During.Answered, During.Sent, During.MedianUs, Quiet);
-    printf("  lines \"link b is down\" on a: %d\n", CountLines(ReadWhole(N.A.Log), "link b is down"));
+    printf("  lines \"link b is down\" on a: %d\n", CountLines(ReadFile(N.A.Log), "link b is down"));
     linx_close(pLinx);
     StopLinked(N, {Sink, Echo}, Pipe);
 }
@@ -270,7 +270,7 @@ void HuntsBeyondTheBound(const std::string &Tag)
     printf("70000 hunts for absent names behind a link, from one process over 18 sockets:\n");
     printf("  %ld taken, %ld refused; lines \"link b is down\" on a within 2.5 s: %d; linxd of a %ld KiB, of b "
            "%ld KiB\n",
-           Counts[0], Counts[1], CountLines(ReadWhole(N.A.Log), "link b is down"), RssKiB(N.A.Pid),
+           Counts[0], Counts[1], CountLines(ReadFile(N.A.Log), "link b is down"), RssKiB(N.A.Pid),
            RssKiB(N.B.Pid));
     if (bAnswered)
         printf("  another process's hunt across the link answered in %.0f us\n", Took);
@@ -284,8 +284,10 @@ void HalfOpenConnections(const std::string &Tag)
 {
     const std::string Secret = "/tmp/" + Tag + ".secret";
     unlink(Secret.c_str());
-    waitpid(Spawn({LinxdPath(), "--make-secret", Secret}), nullptr, 0);
+    waitpid(Spawn({LinxdBesideLibrary(), "--make-secret", Secret}), nullptr, 0);
     const uint16_t Port = FreePort();
+    if (Port == 0)
+        Fail("no free port");
     BenchNode Node =
         StartNode(Tag, {"--secret", Secret, "--listen", "tcp:127.0.0.1:" + std::to_string(Port), "--link-timeout",
                         "3000"});
@@ -313,7 +315,7 @@ void HalfOpenConnections(const std::string &Tag)
     printf("3000 TCP connections that never finish the TLS hello, closed after 1 s:\n");
     printf("  %zu connected; linxd %ld KiB before, %ld KiB at most, %ld KiB 4 s after they went; %d lines "
            "about them\n",
-           Fds.size(), Before, Most, RssKiB(Node.Pid), CountLines(ReadWhole(Node.Log), "link connection"));
+           Fds.size(), Before, Most, RssKiB(Node.Pid), CountLines(ReadFile(Node.Log), "link connection"));
     StopNode(Node);
     unlink(Secret.c_str());
 }

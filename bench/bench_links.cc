@@ -168,8 +168,11 @@ int main()
     signal(SIGPIPE, SIG_IGN);
     const std::string Tag = "bench-links-" + std::to_string(getpid());
     const std::string Secret = "/tmp/" + Tag + ".secret";
-    const std::string Listen = "tcp:127.0.0.1:" + std::to_string(FreePort());
-    waitpid(Spawn({LinxdPath(), "--make-secret", Secret}), nullptr, 0);
+    const uint16_t Port = FreePort();
+    if (Port == 0)
+        Fail("no free port");
+    const std::string Listen = "tcp:127.0.0.1:" + std::to_string(Port);
+    waitpid(Spawn({LinxdBesideLibrary(), "--make-secret", Secret}), nullptr, 0);
     BenchNode B = StartNode(Tag + "-b", {"--secret", Secret, "--listen", Listen});
     BenchNode A = StartNode(Tag + "-a", {"--link", "b=unix:" + B.Instance});
     BenchNode C = StartNode(Tag + "-c", {"--secret", Secret, "--link", "b=" + Listen});

@@ -80,19 +80,6 @@ pid_t StartEcho(const Node &N, const char *pName)
 
 namespace {
 
-uint16_t FreePort()
-{
-    const int Fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in Addr = {};
-    Addr.sin_family = AF_INET;
-    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t Len = sizeof Addr;
-    bind(Fd, (struct sockaddr *)&Addr, sizeof Addr);
-    getsockname(Fd, (struct sockaddr *)&Addr, &Len);
-    close(Fd);
-    return ntohs(Addr.sin_port);
-}
-
 } // namespace
 
 std::string MakeSecret(const std::string &Tag)

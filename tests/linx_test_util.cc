@@ -2,7 +2,6 @@
 #include "linx_test_util.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
@@ -46,14 +45,6 @@ int WaitChild(pid_t Child)
     while (waitpid(Child, &Status, 0) < 0) {
     }
     return WIFEXITED(Status) ? WEXITSTATUS(Status) : 128 + WTERMSIG(Status);
-}
-
-std::string LinxdBesideLibrary()
-{
-    Dl_info Info;
-    dladdr((void *)&linx_open, &Info);
-    std::string Path = Info.dli_fname;
-    return Path.substr(0, Path.rfind('/') + 1) + "linxd";
 }
 
 std::vector<pid_t> FindLinxd(const std::string &Instance)
@@ -124,16 +115,6 @@ LINX_SPID HuntAndWait(LINX *pLinx, const char *pName, int TimeoutMs)
     return ReceiveOne(pLinx, TimeoutMs, nullptr, &Peer, Sel) == 0x4E7 ? Peer : 0;
 }
 
-long RssKiB(pid_t Pid)
-{
-    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
-    std::string Word;
-    while (Status >> Word)
-        if (Word == "VmRSS:" && Status >> Word)
-            return std::stol(Word);
-    return -1;
-}
-
 int64_t NowMs()
 {
     struct timespec Now;
@@ -148,12 +129,6 @@ int RingMappings(pid_t Pid)
     for (std::string Line; std::getline(Maps, Line);)
         Count += Line.find("/memfd:linx-ring") != std::string::npos;
     return Count;
-}
-
-std::string ReadFile(const std::string &Path)
-{
-    std::ifstream In(Path);
-    return std::string((std::istreambuf_iterator<char>(In)), std::istreambuf_iterator<char>());
 }
 
 bool WaitFor(const std::function<bool()> &Done, int TimeoutMs)

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "host_kit.h"
 #include "linx.h"
 
 // The linxd instance this test process uses (set at load, unique per process).
@@ -18,8 +19,6 @@ pid_t StartChild(const std::function<int()> &Body);
 // Waits for the child; its exit code, or 128 + signal number.
 int WaitChild(pid_t Child);
 
-// The linxd program beside the library under test.
-std::string LinxdBesideLibrary();
 // Pids of the linxd processes serving Instance.
 std::vector<pid_t> FindLinxd(const std::string &Instance);
 // Starts linxd for Instance in the foreground with Args, its standard
@@ -27,16 +26,12 @@ std::vector<pid_t> FindLinxd(const std::string &Instance);
 // it serves: until the log says so for the Starts-th time.
 pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Args, const std::string &LogPath,
                  int Starts = 1);
-// Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
-long RssKiB(pid_t Pid);
 // Signal rings mapped into process Pid: those of other processes it reads,
 // its own it writes, and its spare.
 int RingMappings(pid_t Pid);
 
 // The monotonic clock in milliseconds.
 int64_t NowMs();
-// The whole of a file ("" when it cannot be read).
-std::string ReadFile(const std::string &Path);
 // Whether Done() came true within TimeoutMs (asked every 10 ms).
 bool WaitFor(const std::function<bool()> &Done, int TimeoutMs);
 

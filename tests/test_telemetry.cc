@@ -261,14 +261,6 @@ struct Collector {
     std::string Capture, Log;
 };
 
-std::string ReadFile(const std::string &Path)
-{
-    std::ifstream In(Path, std::ios::binary);
-    std::stringstream Text;
-    Text << In.rdbuf();
-    return Text.str();
-}
-
 Collector StartCollector(const std::string &Tag)
 {
     Collector C;
