@@ -79,14 +79,8 @@ void ReadReplies(FuzzClient &C)
         Msg.msg_controllen = sizeof Control;
         if (recvmsg(C.Fd, &Msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) <= 0)
             return;
-        for (struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg); pCmsg != nullptr; pCmsg = CMSG_NXTHDR(&Msg, pCmsg)) {
-            const size_t Count = (pCmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < Count; i++) {
-                int Fd;
-                memcpy(&Fd, CMSG_DATA(pCmsg) + i * sizeof(int), sizeof Fd);
-                C.Received.push_back(Fd);
-            }
-        }
+        int Fds[5];
+        C.Received.insert(C.Received.end(), Fds, Fds + linxd_take_fds(&Msg, Fds, 5));
     }
 }
 

@@ -213,20 +213,8 @@ ssize_t jReceiveRequest(int Fd, std::vector<char> &Buffer, int *pPassedFd)
     Msg.msg_controllen = sizeof Control;
     const ssize_t Got = recvmsg(Fd, &Msg, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
     *pPassedFd = -1;
-    if (Got < 0)
-        return Got;
-    for (struct cmsghdr *p = CMSG_FIRSTHDR(&Msg); p != nullptr; p = CMSG_NXTHDR(&Msg, p)) {
-        if (p->cmsg_level != SOL_SOCKET || p->cmsg_type != SCM_RIGHTS)
-            continue;
-        for (size_t i = 0; i < (p->cmsg_len - CMSG_LEN(0)) / sizeof(int); i++) {
-            int Passed;
-            memcpy(&Passed, CMSG_DATA(p) + i * sizeof(int), sizeof Passed);
-            if (*pPassedFd < 0)
-                *pPassedFd = Passed;
-            else
-                close(Passed);
-        }
-    }
+    if (Got >= 0)
+        linxd_take_fds(&Msg, pPassedFd, 1);
     return Got;
 }
 

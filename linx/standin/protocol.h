@@ -185,6 +185,27 @@ static inline void linxd_pass_fds(struct msghdr *pMsg, void *pControl, const int
     memcpy(CMSG_DATA(pCmsg), pFds, (size_t)Count * sizeof(int));
 }
 
+/* The other side: stores the descriptors that came with pMsg in pFds, at
+ * most Room of them, and closes the rest (a peer may send more than it
+ * should: none may stay open unseen).  Returns how many were stored. */
+static inline int linxd_take_fds(struct msghdr *pMsg, int *pFds, int Room)
+{
+    int Count = 0;
+    for (struct cmsghdr *p = CMSG_FIRSTHDR(pMsg); p != NULL; p = CMSG_NXTHDR(pMsg, p)) {
+        if (p->cmsg_level != SOL_SOCKET || p->cmsg_type != SCM_RIGHTS)
+            continue;
+        for (size_t i = 0; i < (p->cmsg_len - CMSG_LEN(0)) / sizeof(int); i++) {
+            int Fd;
+            memcpy(&Fd, CMSG_DATA(p) + i * sizeof(int), sizeof Fd);
+            if (Count < Room)
+                pFds[Count++] = Fd;
+            else
+                close(Fd);
+        }
+    }
+    return Count;
+}
+
 #define LINXD_REGION_BYTES ((uint64_t)LINXD_MAX_SOCKETS * sizeof(struct linxd_slot))
 
 /* A ring: this header, then capacity bytes of entries.  An entry is a

@@ -203,24 +203,6 @@ int jConnectOnce()
 
 } // namespace
 
-void StandinTakeFds(struct msghdr *pMsg, int *pFds, int Room)
-{
-    int Count = 0;
-    for (struct cmsghdr *p = CMSG_FIRSTHDR(pMsg); p != nullptr; p = CMSG_NXTHDR(pMsg, p)) {
-        if (p->cmsg_level != SOL_SOCKET || p->cmsg_type != SCM_RIGHTS)
-            continue;
-        const size_t N = (p->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < N; i++) {
-            int Fd;
-            memcpy(&Fd, CMSG_DATA(p) + i * sizeof(int), sizeof Fd);
-            if (Count < Room)
-                pFds[Count++] = Fd;
-            else
-                close(Fd);
-        }
-    }
-}
-
 // Returns 0, or -1 with errno: linxd's answer, or ENOTCONN once linxd is gone.
 int StandinCall(int ConnFd, StandinRequest *pCall)
 {
@@ -253,7 +235,7 @@ int StandinCall(int ConnFd, StandinRequest *pCall)
         errno = ENOTCONN;
         return -1;
     }
-    StandinTakeFds(&Msg, pCall->Fds, 5);
+    linxd_take_fds(&Msg, pCall->Fds, 5);
     if (Msg.msg_flags & MSG_CTRUNC) {
         // The kernel could not give us the descriptors linxd sent: this
         // process is out of them.

@@ -445,7 +445,7 @@ int jPullOutlet(StandinSocket &S, bool bForce)
         if (Got < 0)
             return errno == EAGAIN ? 0 : -1;
         int Fds[2] = {-1, -1}; // a ring, and linxd's room bell with its own
-        StandinTakeFds(&Msg, Fds, 2);
+        linxd_take_fds(&Msg, Fds, 2);
         if (Got == 0) {
             errno = ENOTCONN; // linxd closed its end: it is gone
             return -1;

@@ -185,9 +185,7 @@ int StandinCall(int ConnFd, StandinRequest *pCall);
 int StandinNumbersCall(int ConnFd, StandinRequest *pCall, uint32_t Op, uint32_t Arg0, uint32_t Arg1 = 0);
 // A request that carries only numbers; stores value[0] of the reply.
 int StandinSimpleCall(int ConnFd, uint32_t Op, uint32_t Arg0, uint32_t Arg1, uint32_t *pValue);
-// The descriptors that came with a message, up to Room of them (the rest
-// are closed).
-void StandinTakeFds(struct msghdr *pMsg, int *pFds, int Room);
+// Closes Fd unless it is -1 (no descriptor came).
 void StandinCloseIf(int Fd);
 // The socket of this process that the SPID names, or null.
 SocketRef StandinFindBySpid(InstanceSpid Spid);
