@@ -188,7 +188,7 @@ LinkedNodes StartLinked(const std::string &Tag, const std::vector<std::string> &
     LinkedNodes N;
     N.B = StartNode(Tag + "-b", BArgs);
     N.A = StartNode(Tag + "-a", {"--link", "b=unix:" + Tag + "-b"});
-    if (!AwaitLine(N.A, "link b is up"))
+    if (!AwaitText(N.A.Log, "link b is up"))
         Fail("link");
     return N;
 }
@@ -284,7 +284,7 @@ void HalfOpenConnections(const std::string &Tag)
 {
     const std::string Secret = "/tmp/" + Tag + ".secret";
     unlink(Secret.c_str());
-    waitpid(Spawn({LinxdBesideLibrary(), "--make-secret", Secret}), nullptr, 0);
+    waitpid(Spawn({LinxdBesideLibrary(), "--make-secret", Secret}, "", ""), nullptr, 0);
     const uint16_t Port = FreePort();
     if (Port == 0)
         Fail("no free port");

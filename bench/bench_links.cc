@@ -172,11 +172,11 @@ int main()
     if (Port == 0)
         Fail("no free port");
     const std::string Listen = "tcp:127.0.0.1:" + std::to_string(Port);
-    waitpid(Spawn({LinxdBesideLibrary(), "--make-secret", Secret}), nullptr, 0);
+    waitpid(Spawn({LinxdBesideLibrary(), "--make-secret", Secret}, "", ""), nullptr, 0);
     BenchNode B = StartNode(Tag + "-b", {"--secret", Secret, "--listen", Listen});
     BenchNode A = StartNode(Tag + "-a", {"--link", "b=unix:" + B.Instance});
     BenchNode C = StartNode(Tag + "-c", {"--secret", Secret, "--link", "b=" + Listen});
-    if (!AwaitLine(A, "link b is up") || !AwaitLine(C, "link b is up"))
+    if (!AwaitText(A.Log, "link b is up") || !AwaitText(C.Log, "link b is up"))
         Fail("links");
 
     const Peer TcpEcho = StartTcpPeer(true);

@@ -17,25 +17,6 @@
 #include "host_kit.h"
 #include "linx.h"
 
-// Runs Args[0] with Args; its standard error goes to LogPath (appended),
-// or nowhere when LogPath is empty.
-inline pid_t Spawn(const std::vector<std::string> &Args, const std::string &LogPath = "")
-{
-    const pid_t Child = fork();
-    if (Child == 0) {
-        std::vector<char *> Raw;
-        for (const std::string &Arg : Args)
-            Raw.push_back((char *)Arg.c_str());
-        Raw.push_back(nullptr);
-        const int Log = LogPath.empty() ? open("/dev/null", O_WRONLY)
-                                        : open(LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(Log, 2);
-        execv(Raw[0], Raw.data());
-        _exit(127);
-    }
-    return Child;
-}
-
 inline LINX *OpenOn(const std::string &Instance, const char *pName)
 {
     setenv("LINXD_INSTANCE", Instance.c_str(), 1);
@@ -60,21 +41,9 @@ inline BenchNode StartNode(const std::string &Instance, const std::vector<std::s
     std::vector<std::string> All = {LinxdBesideLibrary(), "--foreground", "--idle-exit", "0", "--config", "/dev/null",
                                     "--instance", Instance};
     All.insert(All.end(), Args.begin(), Args.end());
-    N.Pid = Spawn(All, N.Log);
-    for (int i = 0; i < 500 && ReadFile(N.Log).find("serving instance") == std::string::npos; i++)
-        usleep(10000);
+    N.Pid = Spawn(All, "", N.Log);
+    AwaitText(N.Log, "serving instance", 5000);
     return N;
-}
-
-// Waits up to 10 s for Text in the node's log.
-inline bool AwaitLine(const BenchNode &N, const std::string &Text)
-{
-    for (int i = 0; i < 1000; i++) {
-        if (ReadFile(N.Log).find(Text) != std::string::npos)
-            return true;
-        usleep(10000);
-    }
-    return false;
 }
 
 inline void StopNode(BenchNode &N)

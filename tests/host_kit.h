@@ -1,12 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 // What the tests and the benchmarks both ask of the host, written once:
-// the linxd program beside the library, a free TCP port on loopback, a
-// process's resident memory and a file's text.  Header-only, so that the
+// the linxd program beside the library, a program started with its output
+// in files, a free TCP port on loopback, a process's resident memory and a
+// file's text.  Header-only, so that the
 // benchmarks (built without the tests) include it as they are.
 #pragma once
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -15,6 +17,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "linx.h"
 
@@ -58,4 +61,42 @@ inline std::string ReadFile(const std::string &Path)
 {
     std::ifstream In(Path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(In)), std::istreambuf_iterator<char>());
+}
+
+// Runs Args[0] with Args.  Its standard output goes to OutPath and its
+// standard error to ErrPath (each appended to; "" for /dev/null, and the
+// error goes with the output when both name one file).
+inline pid_t Spawn(const std::vector<std::string> &Args, const std::string &OutPath, const std::string &ErrPath)
+{
+    const pid_t Child = fork();
+    if (Child != 0)
+        return Child;
+    std::vector<char *> Raw;
+    for (const std::string &Arg : Args)
+        Raw.push_back((char *)Arg.c_str());
+    Raw.push_back(nullptr);
+    const std::string Paths[2] = {OutPath, ErrPath};
+    for (int Fd = 1; Fd <= 2; Fd++) {
+        const std::string &Path = Paths[Fd - 1].empty() ? "/dev/null" : Paths[Fd - 1];
+        const int Opened = Fd == 2 && ErrPath == OutPath ? dup(1) : open(Path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        dup2(Opened, Fd);
+    }
+    execv(Raw[0], Raw.data());
+    _exit(127);
+}
+
+// Whether the file at Path holds Text at least Times times within TimeoutMs.
+inline bool AwaitText(const std::string &Path, const std::string &Text, int TimeoutMs = 10000, int Times = 1)
+{
+    for (int Waited = 0;; Waited += 10) {
+        const std::string Now = ReadFile(Path);
+        int Seen = 0;
+        for (size_t At = Now.find(Text); At != std::string::npos && Seen < Times; At = Now.find(Text, At + 1))
+            Seen++;
+        if (Seen >= Times)
+            return true;
+        if (Waited >= TimeoutMs)
+            return false;
+        usleep(10000);
+    }
 }

@@ -35,8 +35,7 @@ void Start(Node &N)
 void Kill(Node &N)
 {
     if (N.Pid > 0) {
-        kill(N.Pid, SIGKILL);
-        WaitChild(N.Pid);
+        StopChild(N.Pid);
     }
     N.Pid = -1;
 }

@@ -2,6 +2,7 @@
 #include "linx_test_util.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
@@ -42,9 +43,18 @@ pid_t StartChild(const std::function<int()> &Body)
 int WaitChild(pid_t Child)
 {
     int Status = 0;
-    while (waitpid(Child, &Status, 0) < 0) {
+    while (Child > 0 && waitpid(Child, &Status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
     }
-    return WIFEXITED(Status) ? WEXITSTATUS(Status) : 128 + WTERMSIG(Status);
+    return Child <= 0 ? -1 : WIFEXITED(Status) ? WEXITSTATUS(Status) : 128 + WTERMSIG(Status);
+}
+
+int StopChild(pid_t Child, int Signal)
+{
+    if (Child > 0) // never -1: that would reach every process of the user
+        kill(Child, Signal);
+    return WaitChild(Child);
 }
 
 std::vector<pid_t> FindLinxd(const std::string &Instance)
@@ -144,28 +154,13 @@ bool WaitFor(const std::function<bool()> &Done, int TimeoutMs)
 pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Args, const std::string &LogPath,
                  int Starts)
 {
-    std::vector<std::string> Argv = {"linxd", "--foreground", "--instance", Instance};
+    std::vector<std::string> Argv = {LinxdBesideLibrary(), "--foreground", "--instance", Instance};
     Argv.insert(Argv.end(), Args.begin(), Args.end());
-    const std::string Path = LinxdBesideLibrary();
-    const int Log = open(LogPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (Starts == 1 ? O_TRUNC : 0), 0600);
-    const pid_t Pid = StartChild([&] {
-        std::vector<char *> Raw;
-        for (std::string &Arg : Argv)
-            Raw.push_back(&Arg[0]);
-        Raw.push_back(nullptr);
-        dup2(Log, 2);
-        dup2(Log, 1);
-        execv(Path.c_str(), Raw.data());
-        return 127;
-    });
-    close(Log);
-    WaitFor([&] {
-        const std::string Text = ReadFile(LogPath);
-        int Seen = 0;
-        for (size_t At = Text.find("serving"); At != std::string::npos; At = Text.find("serving", At + 1))
-            Seen++;
-        return Seen >= Starts;
-    }, 5000);
+    if (Starts == 1)
+        unlink(LogPath.c_str());
+    fflush(nullptr);
+    const pid_t Pid = Spawn(Argv, LogPath, LogPath);
+    AwaitText(LogPath, "serving", 5000, Starts);
     return Pid;
 }
 

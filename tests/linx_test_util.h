@@ -3,6 +3,8 @@
 // child processes, and small signals carrying one number.
 #pragma once
 
+#include <signal.h>
+
 #include <functional>
 #include <string>
 #include <sys/types.h>
@@ -16,8 +18,11 @@ const std::string &TestInstance();
 
 // Runs Body in a forked child that exits with Body's result.
 pid_t StartChild(const std::function<int()> &Body);
-// Waits for the child; its exit code, or 128 + signal number.
+// Waits for the child; its exit code, or 128 + signal number (-1 when
+// Child is no child: a start that failed).
 int WaitChild(pid_t Child);
+// Sends Signal to the child, if one was started, and waits for it.
+int StopChild(pid_t Child, int Signal = SIGKILL);
 
 // Pids of the linxd processes serving Instance.
 std::vector<pid_t> FindLinxd(const std::string &Instance);

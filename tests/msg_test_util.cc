@@ -46,8 +46,7 @@ pid_t StartPeer(const char *pName)
     const bool bReady = read(Ready[0], &Byte, 1) == 1;
     close(Ready[0]);
     if (!bReady) {
-        kill(Child, SIGKILL);
-        WaitChild(Child);
+        StopChild(Child);
         return -1;
     }
     return Child;

@@ -146,8 +146,7 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
         MostB = std::max(MostB, RssKiB(P.B.Pid));
     }
     for (const pid_t Flooder : Flooders) {
-        kill(Flooder, SIGKILL);
-        WaitChild(Flooder);
+        StopChild(Flooder);
     }
     if (kRssIsMemory) {
         EXPECT_LT(MostA - BeforeA, 16 * 1024) << "linxd of a grew by KiB";
@@ -158,14 +157,12 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
 
     // The receiver that never read dies with linxd's ring into it full and
     // signals waiting for room: its node lets them go and serves on.
-    kill(Deaf, SIGKILL);
-    WaitChild(Deaf);
+    StopChild(Deaf);
     ExpectAnswered(pHonest, EchoSpid, 51);
     EXPECT_EQ(std::string::npos, ReadFile(P.A.LogPath).find("is down")) << ReadFile(P.A.LogPath);
     linx_close(pHonest);
     for (const pid_t Child : {Sink, Echo}) {
-        kill(Child, SIGKILL);
-        WaitChild(Child);
+        StopChild(Child);
     }
     close(Refused[0]);
     close(Refused[1]);
@@ -221,8 +218,7 @@ TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
     union LINX_SIGNAL *pSig = NewSignal(pHonest, 0xA, 1);
     ASSERT_EQ(0, linx_send(pHonest, &pSig, HuntAndWait(pHonest, "picky", 5000)));
     EXPECT_EQ(0, WaitChild(Picky));
-    kill(Flooder, SIGKILL);
-    WaitChild(Flooder);
+    StopChild(Flooder);
     linx_close(pHonest);
     for (const int Fd : {Ready[0], Ready[1], Refused[0], Refused[1]})
         close(Fd);

@@ -108,8 +108,7 @@ TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
     });
     const LINX_SPID VictimSpid = WaitForGo();
     ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
-    kill(Victim, SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, WaitChild(Victim));
+    EXPECT_EQ(128 + SIGKILL, StopChild(Victim));
     EXPECT_EQ(252u, ReceiveOne(pParent, 5000, nullptr, &From));
     EXPECT_EQ(VictimSpid, From);
 

@@ -129,8 +129,7 @@ TEST_F(LinxRings, SendersKilledMidFloodNeverCorruptWhatComesNext)
                 ASSERT_EQ(Expected++, Seq) << "round " << Round;
             }
         }
-        kill(Victim, SIGKILL);
-        ASSERT_EQ(128 + SIGKILL, WaitChild(Victim));
+        ASSERT_EQ(128 + SIGKILL, StopChild(Victim));
         for (int64_t Seq; (Seq = ReceivePattern(pParent, 0)) != -1;)
             ASSERT_EQ(Expected++, Seq) << "round " << Round;
     }
@@ -234,8 +233,7 @@ TEST_F(LinxRings, AFullRingRefusesRecoversAndNeverBlocks)
             Refused = errno;
     }
     EXPECT_EQ(ENOBUFS, Refused);
-    kill(Sink, SIGKILL);
-    WaitChild(Sink);
+    StopChild(Sink);
     const int64_t Deadline = NowMs() + 5000;
     while (Refused == ENOBUFS && NowMs() < Deadline) {
         union LINX_SIGNAL *pSig = PatternSignal(pControl, 0, 4096);
@@ -314,8 +312,7 @@ TEST_F(LinxRings, RingsLeaveWithTheirSenders)
         return linx_receive_w_tmo(pParent, &pNone, 0, kNothing) == 0 && RingMappings(getpid()) == Before + 4 * kEach;
     }, 5000)) << RingMappings(getpid()) - Before << " rings mapped";
     for (int i = 2 * kEach; i < 3 * kEach; i++) { // the killed, dead before the others may go
-        kill(Children[i], SIGKILL);
-        WaitChild(Children[i]);
+        StopChild(Children[i]);
     }
     ASSERT_EQ(kEach, write(Go[1], std::string(kEach, 'g').data(), kEach));
     for (int i = kEach; i < 2 * kEach; i++)

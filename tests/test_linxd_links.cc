@@ -96,8 +96,7 @@ TEST_P(LinkedPair, HuntsSignalsAnswersAndDeathsCrossTheLink)
     const LINX_SPID Beta = HuntAndWait(pClient, "b/beta", 10000);
     ASSERT_NE(0u, Beta);
     ASSERT_NE(0u, linx_attach(pClient, nullptr, Beta));
-    kill(Doomed, SIGKILL);
-    WaitChild(Doomed);
+    StopChild(Doomed);
     EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 5000, nullptr, &Gone));
     EXPECT_EQ(Beta, Gone);
     union LINX_SIGNAL *pLate = NewSignal(pClient, kPing, 1);
@@ -141,7 +140,7 @@ TEST(LinkLoss, EveryAttachFiresOnceAndTheLinkReturns)
     EXPECT_EQ(3u, Fired.size());
     EXPECT_NE(std::string::npos, ReadFile(P.A.LogPath).find("link b is down"));
     for (const pid_t Echo : Echoes)
-        kill(Echo, SIGKILL), WaitChild(Echo);
+        StopChild(Echo);
 
     Start(P.B);
     EXPECT_EQ(LINX_OS_NEW_LINK_SIG, ReceiveOne(pClient, 10000, nullptr, nullptr, NewLink)) << ReadFile(P.A.LogPath);
@@ -155,8 +154,7 @@ TEST(LinkLoss, EveryAttachFiresOnceAndTheLinkReturns)
     EXPECT_EQ(Back, From);
     EXPECT_NE(std::string::npos, ReadFile(P.A.LogPath).find("nothing heard for 900 ms"));
     kill(P.B.Pid, SIGCONT);
-    kill(Echo, SIGKILL);
-    WaitChild(Echo);
+    StopChild(Echo);
     linx_close(pClient);
 }
 
@@ -231,8 +229,7 @@ TEST(LinkMessages, RemoteOpenRequestAndAnswer)
         return MSG_CloseLocal("asker") == MSG_OK ? 0 : 3;
     });
     EXPECT_EQ(0, WaitChild(Client));
-    kill(Server, SIGKILL);
-    WaitChild(Server);
+    StopChild(Server);
 }
 
 } // namespace

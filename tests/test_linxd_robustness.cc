@@ -72,8 +72,7 @@ RawReply RawExchange(int Fd, const void *pData, size_t Len, int PassFd = -1)
     Msg.msg_controllen = sizeof Control;
     if (recvmsg(Fd, &Msg, MSG_CMSG_CLOEXEC) >= (ssize_t)sizeof R.Header) {
         memcpy(&R.Header, Buffer, sizeof R.Header);
-        if (struct cmsghdr *pCmsg = CMSG_FIRSTHDR(&Msg))
-            memcpy(R.Fds, CMSG_DATA(pCmsg), pCmsg->cmsg_len - CMSG_LEN(0));
+        linxd_take_fds(&Msg, R.Fds, 5);
     }
     return R;
 }
@@ -369,8 +368,7 @@ TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
     EXPECT_EQ(0, WaitChild(Linxd));
     usleep(500 * 1000); // the node started with it: it would be gone by now
     EXPECT_EQ(0, waitpid(Linked, nullptr, WNOHANG)) << "the node with a link stays";
-    kill(Linked, SIGKILL);
-    WaitChild(Linked);
+    StopChild(Linked);
 }
 
 TEST(LinxdLifetime, AnImpostorOfAnotherUserIsNeverTalkedTo)
@@ -431,7 +429,7 @@ TEST(LinxdLimits, OutOfDescriptorsNewClientsFailAtOnceAndLinxdRests)
     });
     struct Reaper {
         pid_t Pid;
-        ~Reaper() { kill(Pid, SIGKILL), WaitChild(Pid); }
+        ~Reaper() { StopChild(Pid); }
     } Reap{Linxd};
     // More connections than linxd has descriptors: the rest wait in its backlog.
     std::vector<int> Connections;
@@ -526,8 +524,7 @@ TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
         ASSERT_EQ((ssize_t)sizeof Error, read(Results[0], &Error, sizeof Error));
         EXPECT_EQ(i < 3 ? 0 : ENOBUFS, Error) << "sender " << i;
     }
-    kill(Senders[0], SIGKILL);
-    WaitChild(Senders[0]);
+    StopChild(Senders[0]);
     ASSERT_EQ(1, write(Go[1], "g", 1));
     EXPECT_EQ(0, WaitChild(Senders[3])) << "taken once a place was free";
     std::set<uint32_t> Values;
@@ -542,7 +539,7 @@ TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
         << ReadFile(Log);
     EXPECT_LE(Lines, 2 * ((NowMs() - Start) / 1000 + 1));
     for (pid_t Sender : {Senders[1], Senders[2], Linxd})
-        kill(Sender, SIGKILL), WaitChild(Sender);
+        StopChild(Sender);
     linx_close(pCapped);
     setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
     for (int Fd : {Results[0], Results[1], Go[0], Go[1]})
@@ -627,10 +624,8 @@ TEST(LinxVersion, OnlyMajorVersionTwoIsAccepted)
     linx_close(pLinx);
 
     setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
-    kill(Linxd3, SIGTERM);
-    kill(Linxd2, SIGTERM);
-    WaitChild(Linxd3);
-    WaitChild(Linxd2);
+    StopChild(Linxd3, SIGTERM);
+    StopChild(Linxd2, SIGTERM);
 }
 
 } // namespace

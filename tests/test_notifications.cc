@@ -163,8 +163,7 @@ TEST_F(Notifications, RemoteSubscribersAreServedAndPurgedWhenTheyDie)
 
     EXPECT_EQ(0u, Publish(kNews, 42));
     EXPECT_EQ(0, WaitChild(Reader)) << "its copy came from the publisher";
-    kill(Sleeper, SIGKILL);
-    WaitChild(Sleeper);
+    StopChild(Sleeper);
     EXPECT_TRUE(Pump("pub", 5000, [] { return MSG_CountNotifications_Private("pub") == 0; }))
         << "both purged by their close messages";
 }

@@ -19,6 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host_kit.h"
 #include "msg_test_util.h"
 
 extern char **environ;
@@ -33,12 +34,6 @@ struct Outcome {
     std::string Err;
 };
 
-std::string ReadAll(const std::string &Path)
-{
-    std::ifstream In(Path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(In), std::istreambuf_iterator<char>());
-}
-
 void WriteAll(const std::string &Path, const std::string &Bytes)
 {
     std::ofstream(Path, std::ios::binary) << Bytes;
@@ -52,71 +47,58 @@ std::string TempPath(const std::string &Leaf)
 // One run of orvane in the background, its output going to two files.
 class OrvaneRun {
 public:
-    explicit OrvaneRun(const std::vector<std::string> &Args)
-        : mOutPath(TempPath("out" + std::to_string(sCount))), mErrPath(TempPath("err" + std::to_string(sCount++)))
+    explicit OrvaneRun(std::vector<std::string> Args)
+        : mOut(TempPath("out" + std::to_string(sCount))), mErr(TempPath("err" + std::to_string(sCount++)))
     {
-        std::vector<char *> Argv = {(char *)ORVANE_CLI};
-        for (const std::string &A : Args)
-            Argv.push_back((char *)A.c_str());
-        Argv.push_back(nullptr);
-        posix_spawn_file_actions_t Actions;
-        posix_spawn_file_actions_init(&Actions);
-        posix_spawn_file_actions_addopen(&Actions, 1, mOutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&Actions, 2, mErrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&mPid, ORVANE_CLI, &Actions, nullptr, Argv.data(), environ) != 0)
-            mPid = -1;
-        posix_spawn_file_actions_destroy(&Actions);
+        Args.insert(Args.begin(), ORVANE_CLI);
+        mPid = Spawn(Args, mOut, mErr);
     }
     ~OrvaneRun()
     {
-        if (mPid > 0) {
-            kill(mPid, SIGKILL);
-            waitpid(mPid, nullptr, 0);
-        }
-        unlink(mOutPath.c_str());
-        unlink(mErrPath.c_str());
+        if (mPid > 0)
+            StopChild(mPid);
+        unlink(mOut.c_str());
+        unlink(mErr.c_str());
     }
-
     // Waits until the standard output or error holds Text.
     bool Shows(const std::string &Text, int TimeoutMs = 10000) const
     {
-        for (int Waited = 0; Waited < TimeoutMs; Waited += 10) {
-            if (ReadAll(mOutPath).find(Text) != std::string::npos || ReadAll(mErrPath).find(Text) != std::string::npos)
-                return true;
-            usleep(10000);
-        }
-        return false;
+        return WaitFor([&] { return (ReadFile(mOut) + ReadFile(mErr)).find(Text) != std::string::npos; }, TimeoutMs);
     }
-
     // Waits for the end (a kill after 30 s: it must stop by itself).
     Outcome Finish(int Signal = 0)
     {
         if (Signal != 0)
             kill(mPid, Signal);
         Outcome O;
-        for (int Waited = 0; mPid > 0 && Waited < 30000; Waited += 5) {
-            int Raw;
-            if (waitpid(mPid, &Raw, WNOHANG) == mPid) {
-                O.Status = WIFEXITED(Raw) ? WEXITSTATUS(Raw) : 128 + WTERMSIG(Raw);
-                mPid = -1;
-            } else {
-                usleep(5000);
-            }
-        }
-        O.Out = ReadAll(mOutPath);
-        O.Err = ReadAll(mErrPath);
+        siginfo_t Info = {};
+        if (!WaitFor([&] { return waitid(P_PID, mPid, &Info, WEXITED | WNOHANG | WNOWAIT) == 0 && Info.si_pid == mPid; },
+                     30000))
+            kill(mPid, SIGKILL);
+        O.Status = WaitChild(mPid);
+        mPid = -1;
+        O.Out = ReadFile(mOut);
+        O.Err = ReadFile(mErr);
         return O;
     }
 
 private:
     static inline int sCount = 0;
     pid_t mPid = -1;
-    std::string mOutPath, mErrPath;
+    std::string mOut, mErr;
 };
 
 Outcome Orvane(const std::vector<std::string> &Args)
 {
     return OrvaneRun(Args).Finish();
+}
+
+// Whether the run ended with Status and said Text on its standard error.
+testing::AssertionResult Fails(const Outcome &O, int Status, const std::string &Text)
+{
+    if (O.Status == Status && O.Err.find(Text) != std::string::npos)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "status " << O.Status << ", said: " << O.Err;
 }
 
 std::string Hex(uint32_t Value)
@@ -163,27 +145,19 @@ protected:
     void TearDown() override { MSG_CloseLocal("cli-test"); }
     void Stop(pid_t Child)
     {
-        kill(Child, SIGKILL);
-        WaitChild(Child);
+        StopChild(Child);
     }
 };
 
+// The command's own checks of its arguments (CLI11's are CLI11's).
 TEST_F(OrvaneCli, UsageErrorsExitWithTwoAndSayWhy)
 {
-    EXPECT_EQ(0, Orvane({"--help"}).Status);
-    EXPECT_EQ(0, Orvane({"send", "--help"}).Status);
-    EXPECT_EQ(2, Orvane({}).Status);
-    EXPECT_EQ(2, Orvane({"frobnicate"}).Status);
-    const Outcome BigType = Orvane({"send", "peer", "0x1000000"});
-    EXPECT_EQ(2, BigType.Status);
-    EXPECT_NE(std::string::npos, BigType.Err.find("0 to 0xffffff")) << BigType.Err;
-    const Outcome BadHex = Orvane({"send", "peer", "1", "--payload", "01:2g"});
-    EXPECT_EQ(2, BadHex.Status);
-    EXPECT_NE(std::string::npos, BadHex.Err.find("'g' at position 5 is not a hex digit")) << BadHex.Err;
-    EXPECT_EQ(2, Orvane({"send", "peer", "1", "--payload", "012"}).Status);
-    EXPECT_EQ(2, Orvane({"send", "peer", "1", "--payload", "01", "--file", "/etc/hostname"}).Status);
-    EXPECT_EQ(2, Orvane({"subscribe", "peer", "0x300", "0x200"}).Status);
-    EXPECT_EQ(2, Orvane({"hunt", "peer", "--timeout", "soon"}).Status);
+    EXPECT_TRUE(Fails(Orvane({"send", "peer", "0x1000000"}), 2, "0 to 0xffffff"));
+    EXPECT_TRUE(Fails(Orvane({"send", "peer", "1", "--payload", "01:2g"}), 2, "'g' at position 5 is not a hex digit"));
+    for (auto Args : std::vector<std::vector<std::string>>{{"send", "peer", "1", "--payload", "012"},
+                                                           {"send", "peer", "1", "--payload", "01", "--file", "/etc/hostname"},
+                                                           {"subscribe", "peer", "0x300", "0x200"}})
+        EXPECT_EQ(2, Orvane(Args).Status) << Args.back();
 }
 
 TEST_F(OrvaneCli, ListAndStatShowEveryEndpoint)
@@ -207,7 +181,7 @@ TEST_F(OrvaneCli, ListAndStatShowEveryEndpoint)
     ASSERT_FALSE(Row.is_null()) << Listed.Out;
     EXPECT_EQ(AlphaSpid, Row["spid"]);
     EXPECT_EQ(Alpha, Row["pid"]);
-    EXPECT_EQ(ReadAll("/proc/" + std::to_string(Alpha) + "/comm"), Row["process"].get<std::string>() + "\n");
+    EXPECT_EQ(ReadFile("/proc/" + std::to_string(Alpha) + "/comm"), Row["process"].get<std::string>() + "\n");
     EXPECT_EQ(2, Row["queued"]);
     for (const json &E : Endpoints)
         EXPECT_NE("orvane", E["name"]) << "the command's own socket is left out";
@@ -317,16 +291,10 @@ TEST_F(OrvaneCli, SendPrintsTheResponseDecoded)
     EXPECT_NE(std::string::npos, Text.Out.find("|hello|")) << Text.Out;
     unlink(Payload.c_str());
 
-    const Outcome Unreadable = Orvane({"send", "echo", "0x130", "--file", "/nonexistent/payload"});
-    EXPECT_EQ(1, Unreadable.Status);
-    EXPECT_NE(std::string::npos, Unreadable.Err.find("cannot read /nonexistent/payload: No such file")) << Unreadable.Err;
-    const Outcome Unknown = Orvane({"send", "nobody", "0x130", "--timeout", "100"});
-    EXPECT_EQ(1, Unknown.Status);
-    EXPECT_NE(std::string::npos, Unknown.Err.find("no endpoint named \"nobody\"")) << Unknown.Err;
+    EXPECT_TRUE(Fails(Orvane({"send", "echo", "0x130", "--file", "/nonexistent/payload"}), 1, "cannot read /nonexistent/payload: No such file"));
+    EXPECT_TRUE(Fails(Orvane({"send", "nobody", "0x130", "--timeout", "100"}), 1, "no endpoint named \"nobody\""));
     const pid_t Mute = StartPeer("mute");
-    const Outcome Silent = Orvane({"send", "mute", "0x130", "--wait-response", "200"});
-    EXPECT_EQ(1, Silent.Status);
-    EXPECT_NE(std::string::npos, Silent.Err.find("no response from \"mute\" within 200 ms")) << Silent.Err;
+    EXPECT_TRUE(Fails(Orvane({"send", "mute", "0x130", "--wait-response", "200"}), 1, "no response from \"mute\" within 200 ms"));
     Stop(Mute);
 
     EXPECT_EQ(0, Orvane({"send", "echo", std::to_string(kQuitType)}).Status);
@@ -372,7 +340,7 @@ TEST_F(OrvaneCli, CaptureCollectsTelemetryAndRefusesAPathItCannotWrite)
     const Outcome Captured = Capture.Finish();
     ASSERT_EQ(0, Captured.Status) << Captured.Err;
     EXPECT_NE(std::string::npos, Captured.Err.find("UserMsgNtfy      1")) << Captured.Err;
-    const std::string Bytes = ReadAll(Path);
+    const std::string Bytes = ReadFile(Path);
     ASSERT_GT(Bytes.size(), 24u + 16u);
     uint32_t Magic, LinkType, RecordType;
     memcpy(&Magic, Bytes.data(), 4);
@@ -383,9 +351,7 @@ TEST_F(OrvaneCli, CaptureCollectsTelemetryAndRefusesAPathItCannotWrite)
     EXPECT_EQ(0xFF0013u, RecordType);
     unlink(Path.c_str());
 
-    const Outcome Unwritable = Orvane({"capture", "/nonexistent/dir/x.pcap", "-t", "1"});
-    EXPECT_EQ(1, Unwritable.Status);
-    EXPECT_NE(std::string::npos, Unwritable.Err.find("cannot write /nonexistent/dir/x.pcap")) << Unwritable.Err;
+    EXPECT_TRUE(Fails(Orvane({"capture", "/nonexistent/dir/x.pcap", "-t", "1"}), 1, "cannot write /nonexistent/dir/x.pcap"));
 }
 
 TEST_F(OrvaneCli, UserLogDecodesADumpAndNamesTheByteWhereItBreaks)
@@ -418,7 +384,7 @@ TEST_F(OrvaneCli, UserLogDecodesADumpAndNamesTheByteWhereItBreaks)
         << Text.Out;
 
     // A cut file: the first record is shown, then where the file breaks.
-    const std::string Whole = ReadAll(Dump);
+    const std::string Whole = ReadFile(Dump);
     WriteAll(Dump, Whole.substr(0, Whole.size() - 3));
     const Outcome Cut = Orvane({"userlog", Dump});
     EXPECT_EQ(1, Cut.Status);
@@ -437,22 +403,17 @@ TEST_F(OrvaneCli, ConfigCompilesTextFormatAndShowsItBack)
     const Outcome Compiled = Orvane({"config", "compile", Text, Binary});
     ASSERT_EQ(0, Compiled.Status) << Compiled.Err;
     EXPECT_NE(std::string::npos, Compiled.Err.find("\"a\" is configured more than once")) << Compiled.Err;
-    EXPECT_EQ(std::string("\x0a\x06\x0a\x01" "a\x12\x01" "b\x0a\x03\x0a\x01" "a", 13), ReadAll(Binary));
+    EXPECT_EQ(std::string("\x0a\x06\x0a\x01" "a\x12\x01" "b\x0a\x03\x0a\x01" "a", 13), ReadFile(Binary));
     const Outcome Shown = Orvane({"config", "show", Binary});
     ASSERT_EQ(0, Shown.Status);
     EXPECT_EQ("endpoint {\n  name: \"a\"\n  link: \"b\"\n}\nendpoint {\n  name: \"a\"\n}\n", Shown.Out);
 
     WriteAll(Text, "endpoint {\n  nmae: \"a\"\n}\n");
-    const Outcome Typo = Orvane({"config", "compile", Text, Binary});
-    EXPECT_EQ(1, Typo.Status);
-    EXPECT_NE(std::string::npos, Typo.Err.find(Text + ":2:")) << Typo.Err;
-    EXPECT_NE(std::string::npos, Typo.Err.find("nmae")) << Typo.Err;
+    EXPECT_TRUE(Fails(Orvane({"config", "compile", Text, Binary}), 1, Text + ":2:"));
     WriteAll(Text, "endpoint { link: \"b\" }\n");
     EXPECT_EQ(1, Orvane({"config", "compile", Text, Binary}).Status) << "an endpoint needs its name";
     WriteAll(Binary, std::string("\x0a\x02\x12\x00", 4));
-    const Outcome Nameless = Orvane({"config", "show", Binary});
-    EXPECT_EQ(1, Nameless.Status);
-    EXPECT_NE(std::string::npos, Nameless.Err.find("is not an endpoint configuration")) << Nameless.Err;
+    EXPECT_TRUE(Fails(Orvane({"config", "show", Binary}), 1, "is not an endpoint configuration"));
     unlink(Text.c_str());
     unlink(Binary.c_str());
 }

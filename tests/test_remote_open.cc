@@ -29,8 +29,7 @@ uint32_t Record(void *pContext, MSG_Msg *pMsg)
 
 void Kill(pid_t Peer)
 {
-    kill(Peer, SIGKILL);
-    WaitChild(Peer);
+    StopChild(Peer);
 }
 
 // Pending hunts LINX holds on behalf of the endpoint (by default the

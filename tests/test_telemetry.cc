@@ -325,8 +325,7 @@ std::vector<std::string> Tshark(const std::string &Capture, const std::string &F
 
 int StopCollector(const Collector &C)
 {
-    kill(C.Pid, SIGTERM);
-    return WaitChild(C.Pid);
+    return StopChild(C.Pid, SIGTERM);
 }
 
 TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
@@ -401,8 +400,7 @@ TEST(TelemetryCapture, CollectorKilledAndRestartedWhileTrafficFlows)
         return write(Sent[1], &Copies, sizeof Copies) == sizeof Copies ? 0 : 1;
     });
     usleep(300 * 1000);
-    kill(First.Pid, SIGKILL);
-    WaitChild(First.Pid);
+    StopChild(First.Pid);
     usleep(200 * 1000);
     const Collector Second = StartCollector("second");
     ASSERT_EQ(1, write(SecondUp[1], "", 1));
@@ -509,8 +507,7 @@ TEST(Dump, EveryEndpointWithItsListsWhateverTheDebugFlag)
     ASSERT_EQ(Expected.size(), Lines.size());
     for (size_t i = 0; i < Lines.size(); i++)
         EXPECT_TRUE(Matches(Lines[i].c_str(), Expected[i].c_str())) << Lines[i] << "\n  vs " << Expected[i];
-    kill(Peer, SIGKILL);
-    WaitChild(Peer);
+    StopChild(Peer);
 }
 
 } // namespace
