@@ -1,42 +1,94 @@
 // SPDX-License-Identifier: Apache-2.0
-// LINX between real processes through the stand-in: hunts, attaches on
-// close and on kill -9, order under load, the queue limit, queue counts,
-// the socket list, large signals and racing starts of linxd.
+// LINX between real processes through the stand-in and its shared-memory
+// rings: hunts, attaches on close and on kill -9, queue counts and the
+// socket list, senders killed in the middle of a flood, many senders of
+// several processes into one receiver, a full ring (only its receiver is
+// refused) and a receiver that dies with one, exact poll readiness, large
+// and small signals in one stream, senders that come and go, and racing
+// starts of linxd.
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "linx_test_util.h"
 
 namespace {
 
-constexpr uint32_t kGo = 0x60;
-constexpr uint32_t kData = 0x61;
-constexpr uint32_t kDone = 0x62;
+constexpr uint32_t kData = 0x70;
+constexpr uint32_t kFull = 0x71;
+constexpr uint32_t kDrained = 0x72;
+constexpr uint32_t kGone = 0x73;
+constexpr uint32_t kDone = 0x74;
 
-// A child that opens Name, tells Parent it is there, then runs Body.
-pid_t StartPeer(const char *pName, const std::function<int(LINX *, LINX_SPID Parent)> &Body)
+// A signal whose every byte after the number and sequence follows from
+// them, so any torn or shifted copy shows.
+union LINX_SIGNAL *PatternSignal(LINX *pLinx, uint32_t Seq, uint32_t Size)
 {
-    return StartChild([=] {
-        LINX *pLinx = linx_open(pName, 0, nullptr);
-        if (pLinx == nullptr)
-            return 10;
-        const LINX_SPID Parent = HuntAndWait(pLinx, "parent", 5000);
-        if (Parent == 0)
-            return 11;
-        union LINX_SIGNAL *pSig = NewSignal(pLinx, kGo, 0);
-        if (linx_send(pLinx, &pSig, Parent) != 0)
-            return 12;
-        const int Result = Body(pLinx, Parent);
-        linx_close(pLinx);
-        return Result;
-    });
+    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, kData);
+    auto *pBytes = (unsigned char *)pSig;
+    memcpy(pBytes + 4, &Seq, sizeof Seq);
+    for (uint32_t i = 8; i < Size; i++)
+        pBytes[i] = (unsigned char)(Seq * 31 + i);
+    return pSig;
+}
+
+uint32_t PatternSize(uint32_t Seq)
+{
+    return 8 + Seq * 37 % 700;
+}
+
+// Sends PatternSignal Seq until the receiver takes it; false on any other error.
+bool SendPattern(LINX *pLinx, LINX_SPID To, uint32_t Seq, uint32_t Size)
+{
+    for (;;) {
+        union LINX_SIGNAL *pSig = PatternSignal(pLinx, Seq, Size);
+        if (linx_send(pLinx, &pSig, To) == 0)
+            return true;
+        if (errno != ENOBUFS)
+            return false;
+        sched_yield();
+    }
+}
+
+// Receives one signal and checks it against its pattern; returns its
+// sequence, or -1 when none came within TimeoutMs (-2: a damaged one).
+int64_t ReceivePattern(LINX *pLinx, int TimeoutMs, uint32_t *pSize = nullptr, LINX_SPID *pFrom = nullptr)
+{
+    union LINX_SIGNAL *pSig = nullptr;
+    const LINX_OSBUFSIZE Size = linx_receive_w_tmo(pLinx, &pSig, TimeoutMs, nullptr);
+    if (Size <= 0)
+        return -1;
+    const auto *pBytes = (const unsigned char *)pSig;
+    uint32_t Seq;
+    memcpy(&Seq, pBytes + 4, sizeof Seq);
+    uint32_t SigNo;
+    memcpy(&SigNo, pBytes, sizeof SigNo);
+    bool bIntact = SigNo == kData && Size >= 8;
+    for (uint32_t i = 8; bIntact && i < (uint32_t)Size; i++)
+        bIntact = pBytes[i] == (unsigned char)(Seq * 31 + i);
+    if (pSize)
+        *pSize = (uint32_t)Size;
+    if (pFrom)
+        *pFrom = linx_sender(pLinx, &pSig);
+    linx_free_buf(pLinx, &pSig);
+    return bIntact ? Seq : -2;
+}
+
+bool Readable(LINX *pLinx, int TimeoutMs)
+{
+    struct pollfd P = {linx_get_descriptor(pLinx), POLLIN, 0};
+    return poll(&P, 1, TimeoutMs) == 1;
 }
 
 class LinxProcesses : public testing::Test {
@@ -47,17 +99,21 @@ protected:
         ASSERT_NE(nullptr, pParent) << strerror(errno);
     }
     void TearDown() override { linx_close(pParent); }
-
-    LINX_SPID WaitForGo(int TimeoutMs = 5000)
-    {
-        const LINX_SIGSELECT Go[] = {1, kGo};
-        LINX_SPID Child = 0;
-        EXPECT_EQ(kGo, ReceiveOne(pParent, TimeoutMs, nullptr, &Child, Go));
-        return Child;
-    }
-
     LINX *pParent = nullptr;
 };
+
+// A child that opens Name and runs Body with the parent's SPID.
+pid_t StartSender(const char *pName, const std::function<int(LINX *, LINX_SPID)> &Body)
+{
+    return StartChild([=] {
+        LINX *pLinx = linx_open(pName, 0, nullptr);
+        const LINX_SPID Parent = pLinx ? HuntAndWait(pLinx, "parent", 5000) : 0;
+        const int Result = Parent == 0 ? 10 : Body(pLinx, Parent);
+        if (pLinx)
+            linx_close(pLinx);
+        return Result;
+    });
+}
 
 TEST_F(LinxProcesses, HuntFindsAPeerBeforeAndAfterItOpens)
 {
@@ -65,13 +121,11 @@ TEST_F(LinxProcesses, HuntFindsAPeerBeforeAndAfterItOpens)
     union LINX_SIGNAL *pHunt = NewSignal(pParent, 0x70, 0);
     ASSERT_EQ(0, linx_hunt(pParent, "late-peer", &pHunt));
     EXPECT_EQ(nullptr, pHunt);
-    const pid_t Child = StartPeer("late-peer", [](LINX *pLinx, LINX_SPID) {
+    const pid_t Child = StartSender("late-peer", [](LINX *pLinx, LINX_SPID) {
         return ReceiveOne(pLinx, 5000) == kDone ? 0 : 1;
     });
     LINX_SPID Found = 0;
-    const LINX_SIGSELECT Hunted[] = {1, 0x70};
-    ASSERT_EQ(0x70u, ReceiveOne(pParent, 5000, nullptr, &Found, Hunted));
-    EXPECT_EQ(Found, WaitForGo());
+    ASSERT_EQ(0x70u, ReceiveOne(pParent, 5000, nullptr, &Found));
     EXPECT_EQ(Child, linx_get_owner(pParent, Found));
 
     // Hunt now: the peer exists, the answer comes at once.
@@ -88,10 +142,10 @@ TEST_F(LinxProcesses, HuntFindsAPeerBeforeAndAfterItOpens)
 
 TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
 {
-    const pid_t Closer = StartPeer("closer", [](LINX *pLinx, LINX_SPID) {
+    const pid_t Closer = StartSender("closer", [](LINX *pLinx, LINX_SPID) {
         return ReceiveOne(pLinx, 5000) == kDone ? 0 : 1; // then closes
     });
-    const LINX_SPID CloserSpid = WaitForGo();
+    const LINX_SPID CloserSpid = HuntAndWait(pParent, "closer", 5000);
     union LINX_SIGNAL *pSig = NewSignal(pParent, 0x80, 1);
     ASSERT_NE(0u, linx_attach(pParent, &pSig, CloserSpid));
     EXPECT_EQ(nullptr, pSig);
@@ -102,11 +156,11 @@ TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
     EXPECT_EQ(CloserSpid, From);
     EXPECT_EQ(0, WaitChild(Closer));
 
-    const pid_t Victim = StartPeer("victim", [](LINX *, LINX_SPID) {
+    const pid_t Victim = StartSender("victim", [](LINX *, LINX_SPID) {
         pause();
         return 0;
     });
-    const LINX_SPID VictimSpid = WaitForGo();
+    const LINX_SPID VictimSpid = HuntAndWait(pParent, "victim", 5000);
     ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
     EXPECT_EQ(128 + SIGKILL, StopChild(Victim));
     EXPECT_EQ(252u, ReceiveOne(pParent, 5000, nullptr, &From));
@@ -115,61 +169,6 @@ TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
     // Attaching to a socket that is gone fires at once.
     ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
     EXPECT_EQ(252u, ReceiveOne(pParent, 1000));
-}
-
-TEST_F(LinxProcesses, SignalsArriveInOrderUnderLoad)
-{
-    constexpr uint32_t kCount = 20000;
-    const pid_t Sender = StartPeer("sender", [](LINX *pLinx, LINX_SPID Parent) {
-        for (uint32_t i = 0; i < kCount; i++) {
-            union LINX_SIGNAL *pSig = NewSignal(pLinx, kData, i, 8 + i % 200);
-            while (linx_send(pLinx, &pSig, Parent) != 0) {
-                if (errno != ENOBUFS)
-                    return 2;
-                usleep(200); // the parent's queue is full: let it read
-                pSig = NewSignal(pLinx, kData, i, 8 + i % 200);
-            }
-        }
-        return 0;
-    });
-    WaitForGo();
-    const LINX_SIGSELECT Data[] = {1, kData};
-    for (uint32_t i = 0; i < kCount; i++) {
-        uint32_t Value = ~0u;
-        ASSERT_EQ(kData, ReceiveOne(pParent, 5000, &Value, nullptr, Data)) << i;
-        ASSERT_EQ(i, Value);
-    }
-    EXPECT_EQ(0, WaitChild(Sender));
-}
-
-TEST_F(LinxProcesses, FullQueueRefusesOnlyThatReceiver)
-{
-    LINX *pOther = linx_open("other", 0, nullptr);
-    ASSERT_NE(nullptr, pOther);
-    const LINX_SPID Other = linx_get_spid(pOther);
-    const pid_t Sender = StartPeer("flooder", [Other](LINX *pLinx, LINX_SPID Parent) {
-        uint32_t Sent = 0;
-        for (;; Sent++) {
-            union LINX_SIGNAL *pSig = NewSignal(pLinx, kData, Sent, 1024);
-            if (linx_send(pLinx, &pSig, Parent) != 0)
-                break;
-        }
-        if (errno != ENOBUFS || Sent < 50)
-            return 3;
-        union LINX_SIGNAL *pSig = NewSignal(pLinx, kDone, Sent);
-        return linx_send(pLinx, &pSig, Other) == 0 ? 0 : 4; // others still served
-    });
-    WaitForGo();
-    EXPECT_EQ(0, WaitChild(Sender));
-    uint32_t Sent = 0;
-    EXPECT_EQ(kDone, ReceiveOne(pOther, 1000, &Sent));
-    for (uint32_t i = 0; i < Sent; i++) {
-        uint32_t Value = ~0u;
-        ASSERT_EQ(kData, ReceiveOne(pParent, 0, &Value)) << i;
-        ASSERT_EQ(i, Value);
-    }
-    EXPECT_EQ(0u, ReceiveOne(pParent, 0));
-    linx_close(pOther);
 }
 
 uint32_t QueueCount(LINX *pLinx, LINX_SPID Spid)
@@ -185,12 +184,12 @@ uint32_t QueueCount(LINX *pLinx, LINX_SPID Spid)
 TEST_F(LinxProcesses, QueueCountsAndTheSocketListAreSeenByEveryProcess)
 {
     const LINX_SPID Parent = linx_get_spid(pParent);
-    const pid_t Child = StartPeer("counter", [Parent](LINX *pLinx, LINX_SPID) {
+    const pid_t Child = StartSender("counter", [Parent](LINX *pLinx, LINX_SPID) {
         for (uint32_t i = 0; i < 5; i++) {
             union LINX_SIGNAL *pSig = NewSignal(pLinx, kData, i);
             linx_send(pLinx, &pSig, Parent);
         }
-        // Seen from this process: the parent's queue holds go + 5.
+        // Seen from this process: the parent's queue holds 5.
         const uint32_t Seen = QueueCount(pLinx, Parent);
         union LINX_SIGNAL *pSig = NewSignal(pLinx, kDone, Seen);
         linx_send(pLinx, &pSig, Parent);
@@ -200,8 +199,8 @@ TEST_F(LinxProcesses, QueueCountsAndTheSocketListAreSeenByEveryProcess)
     uint32_t SeenByChild = 0;
     LINX_SPID ChildSpid = 0;
     ASSERT_EQ(kDone, ReceiveOne(pParent, 5000, &SeenByChild, &ChildSpid, Done));
-    EXPECT_EQ(6u, SeenByChild);
-    EXPECT_EQ(6u, QueueCount(pParent, Parent));
+    EXPECT_EQ(5u, SeenByChild);
+    EXPECT_EQ(5u, QueueCount(pParent, Parent));
 
     // The whole instance: both sockets listed in ascending order, the
     // queued signals among its totals.
@@ -215,8 +214,7 @@ TEST_F(LinxProcesses, QueueCountsAndTheSocketListAreSeenByEveryProcess)
     struct linx_info_summary Summary = {};
     ASSERT_EQ(0, linx_get_summary(pParent, &Summary));
     EXPECT_EQ((uint32_t)Listed, Summary.sockets);
-    EXPECT_GE(Summary.queued_signals, 6u);
-    WaitForGo();
+    EXPECT_GE(Summary.queued_signals, 5u);
     EXPECT_EQ(kData, ReceiveOne(pParent, 0));
     EXPECT_EQ(4u, QueueCount(pParent, Parent));
     union LINX_SIGNAL *pSig = NewSignal(pParent, kDone, 0);
@@ -224,30 +222,234 @@ TEST_F(LinxProcesses, QueueCountsAndTheSocketListAreSeenByEveryProcess)
     EXPECT_EQ(0, WaitChild(Child));
 }
 
-TEST_F(LinxProcesses, LargeSignalsArriveWhole)
+TEST_F(LinxProcesses, SendersKilledMidFloodNeverCorruptWhatComesNext)
 {
-    const pid_t Child = StartPeer("big", [](LINX *pLinx, LINX_SPID Parent) {
-        for (uint32_t Size : {4096u, 4097u, 65536u, 200000u}) {
-            union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, kData);
-            for (uint32_t i = 4; i < Size; i++)
-                ((unsigned char *)pSig)[i] = (unsigned char)(i * 7);
-            if (linx_send(pLinx, &pSig, Parent) != 0)
-                return 1;
+    std::mt19937 Random(getpid());
+    for (int Round = 0; Round < 200; Round++) {
+        const pid_t Victim = StartSender("victim", [](LINX *pLinx, LINX_SPID Parent) {
+            for (uint32_t Seq = 0;; Seq++)
+                if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
+                    return 1;
+        });
+        // Take some of the flood while it runs, so the kill lands in the
+        // middle of sends rather than on a sender waiting for room.
+        const int64_t FloodMs = NowMs() + 1 + Random() % 3;
+        int64_t Expected = 0;
+        while (NowMs() < FloodMs && Expected >= 0) {
+            const int64_t Seq = ReceivePattern(pParent, 5);
+            if (Seq != -1) {
+                ASSERT_EQ(Expected++, Seq) << "round " << Round;
+            }
         }
+        ASSERT_EQ(128 + SIGKILL, StopChild(Victim));
+        for (int64_t Seq; (Seq = ReceivePattern(pParent, 0)) != -1;)
+            ASSERT_EQ(Expected++, Seq) << "round " << Round;
+    }
+    const pid_t Healthy = StartSender("healthy", [](LINX *pLinx, LINX_SPID Parent) {
+        for (uint32_t Seq = 0; Seq < 100; Seq++)
+            if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
+                return 1;
         return 0;
     });
-    WaitForGo();
-    for (uint32_t Size : {4096u, 4097u, 65536u, 200000u}) {
-        union LINX_SIGNAL *pSig = nullptr;
-        ASSERT_EQ((int)Size, linx_receive_w_tmo(pParent, &pSig, 5000, nullptr));
-        ASSERT_EQ(Size, linx_sigsize(pParent, &pSig));
-        int Wrong = 0;
-        for (uint32_t i = 4; i < Size; i++)
-            Wrong += ((unsigned char *)pSig)[i] != (unsigned char)(i * 7);
-        EXPECT_EQ(0, Wrong) << Size;
-        linx_free_buf(pParent, &pSig);
+    for (int64_t Seq = 0; Seq < 100; Seq++)
+        ASSERT_EQ(Seq, ReceivePattern(pParent, 5000));
+    EXPECT_EQ(0, WaitChild(Healthy));
+}
+
+// Three processes with two sending sockets each (their threads share the
+// process's ring): every sender's signals arrive in its order.
+TEST_F(LinxProcesses, ManySendersKeepTheirOwnOrder)
+{
+    constexpr uint32_t kPerSender = 3000;
+    std::vector<pid_t> Children;
+    for (int i = 0; i < 3; i++)
+        Children.push_back(StartSender("sender", [](LINX *pFirst, LINX_SPID Parent) {
+            LINX *pSecond = linx_open("sender", 0, nullptr);
+            bool bOk[2] = {false, false};
+            auto Flood = [Parent](LINX *pLinx, bool *pOk) {
+                for (uint32_t Seq = 0; Seq < kPerSender; Seq++)
+                    if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
+                        return;
+                *pOk = true;
+            };
+            std::thread Other(Flood, pSecond, &bOk[1]);
+            Flood(pFirst, &bOk[0]);
+            Other.join();
+            linx_close(pSecond);
+            return bOk[0] && bOk[1] ? 0 : 1;
+        }));
+    std::map<LINX_SPID, int64_t> Next;
+    for (uint32_t Taken = 0; Taken < 6 * kPerSender; Taken++) {
+        LINX_SPID From = 0;
+        const int64_t Seq = ReceivePattern(pParent, 5000, nullptr, &From);
+        ASSERT_GE(Seq, 0) << "after " << Taken;
+        ASSERT_EQ(Next[From]++, Seq) << "sender " << From;
     }
+    EXPECT_EQ(6u, Next.size());
+    for (pid_t Child : Children)
+        EXPECT_EQ(0, WaitChild(Child));
+    EXPECT_FALSE(Readable(pParent, 0));
+}
+
+// A flood fills the ring: sends are refused with ENOBUFS, the descriptor
+// stays readable while anything waits and not a moment longer, and sends
+// succeed again once the receiver has drained it.  A receiver killed with
+// a full ring never blocks its sender: the sender learns it is gone.
+TEST_F(LinxProcesses, AFullRingRefusesRecoversAndNeverBlocks)
+{
+    LINX *pControl = linx_open("control", 0, nullptr);
+    ASSERT_NE(nullptr, pControl);
+    const pid_t Flooder = StartSender("flooder", [](LINX *pLinx, LINX_SPID Parent) {
+        uint32_t Sent = 0;
+        for (;; Sent++) {
+            union LINX_SIGNAL *pSig = PatternSignal(pLinx, Sent, 1024);
+            if (linx_send(pLinx, &pSig, Parent) != 0)
+                break;
+        }
+        if (errno != ENOBUFS || Sent < 100)
+            return 2;
+        const LINX_SPID Control = HuntAndWait(pLinx, "control", 5000);
+        union LINX_SIGNAL *pFull = NewSignal(pLinx, kFull, Sent);
+        if (linx_send(pLinx, &pFull, Control) != 0)
+            return 3;
+        const LINX_SIGSELECT Drained[] = {1, kDrained};
+        if (ReceiveOne(pLinx, 5000, nullptr, nullptr, Drained) != kDrained)
+            return 4;
+        return SendPattern(pLinx, Parent, Sent, 1024) ? 0 : 5;
+    });
+    uint32_t Sent = 0;
+    LINX_SPID FlooderSpid = 0;
+    ASSERT_EQ(kFull, ReceiveOne(pControl, 5000, &Sent, &FlooderSpid));
+    for (uint32_t Seq = 0; Seq < Sent; Seq++) {
+        EXPECT_TRUE(Readable(pParent, 0)) << Seq;
+        ASSERT_EQ((int64_t)Seq, ReceivePattern(pParent, 0));
+    }
+    EXPECT_FALSE(Readable(pParent, 0)) << "readable with nothing waiting";
+    union LINX_SIGNAL *pDrained = NewSignal(pControl, kDrained, 0);
+    ASSERT_EQ(0, linx_send(pControl, &pDrained, FlooderSpid));
+    EXPECT_TRUE(Readable(pParent, 5000));
+    EXPECT_EQ((int64_t)Sent, ReceivePattern(pParent, 0));
+    EXPECT_FALSE(Readable(pParent, 0));
+    EXPECT_EQ(0, WaitChild(Flooder));
+
+    const pid_t Sink = StartChild([] {
+        linx_open("sink", 0, nullptr);
+        pause();
+        return 0;
+    });
+    const LINX_SPID SinkSpid = HuntAndWait(pControl, "sink", 5000);
+    int Refused = 0;
+    for (uint32_t Seq = 0; Refused == 0; Seq++) {
+        union LINX_SIGNAL *pSig = PatternSignal(pControl, Seq, 4096);
+        if (linx_send(pControl, &pSig, SinkSpid) != 0)
+            Refused = errno;
+    }
+    EXPECT_EQ(ENOBUFS, Refused);
+    StopChild(Sink);
+    const int64_t Deadline = NowMs() + 5000;
+    while (Refused == ENOBUFS && NowMs() < Deadline) {
+        union LINX_SIGNAL *pSig = PatternSignal(pControl, 0, 4096);
+        Refused = linx_send(pControl, &pSig, SinkSpid) == 0 ? 0 : errno;
+        usleep(1000);
+    }
+    EXPECT_EQ(ECONNRESET, Refused);
+    linx_close(pControl);
+}
+
+// Signals of every size from one sender arrive in the order sent, each one
+// whole, whether it fits the receive buffer or needs a larger one.
+TEST_F(LinxProcesses, LargeAndSmallSignalsKeepTheirOrder)
+{
+    static const uint32_t kSizes[] = {8, 65536, 12, 200000, 4097, 64, 250000, 16, 131072, 9};
+    const pid_t Child = StartSender("mixed", [](LINX *pLinx, LINX_SPID Parent) {
+        for (uint32_t Round = 0; Round < 5; Round++)
+            for (uint32_t i = 0; i < sizeof kSizes / sizeof kSizes[0]; i++)
+                if (!SendPattern(pLinx, Parent, Round * 100 + i, kSizes[i]))
+                    return 1;
+        return 0;
+    });
+    for (uint32_t Round = 0; Round < 5; Round++)
+        for (uint32_t i = 0; i < sizeof kSizes / sizeof kSizes[0]; i++) {
+            uint32_t Size = 0;
+            ASSERT_EQ(Round * 100 + i, ReceivePattern(pParent, 5000, &Size));
+            EXPECT_EQ(kSizes[i], Size);
+        }
     EXPECT_EQ(0, WaitChild(Child));
+}
+
+// Senders that close their socket, exit with it open, or are killed: what
+// each sent arrives in order (before the attach signal that tells of its
+// end, for those the receiver watches), and the rings they made leave the
+// receiver once it has read them, also when nothing but their signals
+// ever reached it; so do the rings the receiver made to answer them.
+TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
+{
+    constexpr int kEach = 20; // senders per way of leaving
+    enum Way { Closes, Exits, Killed };
+    const int Before = RingMappings(getpid());
+    int Ready[2], Go[2];
+    ASSERT_EQ(0, pipe(Ready));
+    ASSERT_EQ(0, pipe(Go));
+    std::vector<pid_t> Children;
+    for (int i = 0; i < 3 * kEach; i++)
+        Children.push_back(StartSender("leaver", [&, i](LINX *pLinx, LINX_SPID Parent) {
+            for (uint32_t Seq = 0; Seq < 3; Seq++)
+                SendPattern(pLinx, Parent, Seq, PatternSize(Seq));
+            const LINX_SPID Mine[2] = {linx_get_spid(pLinx), (LINX_SPID)(i / kEach)};
+            char Byte;
+            if (write(Ready[1], Mine, sizeof Mine) != sizeof Mine || (i >= kEach && read(Go[0], &Byte, 1) != 1))
+                return 1;
+            if (i / kEach == Exits)
+                _exit(0); // the socket is left open
+            return 0;     // closed by StartSender
+        }));
+    for (int i = 0; i < 3 * kEach; i++) {
+        LINX_SPID SpidAndWay[2] = {0, 0};
+        ASSERT_EQ((ssize_t)sizeof SpidAndWay, read(Ready[0], SpidAndWay, sizeof SpidAndWay));
+        union LINX_SIGNAL *pGone = NewSignal(pParent, kGone, 0);
+        if (SpidAndWay[1] != Closes)
+            ASSERT_NE(0u, linx_attach(pParent, &pGone, SpidAndWay[0]));
+        else
+            linx_free_buf(pParent, &pGone);
+        union LINX_SIGNAL *pAnswer = NewSignal(pParent, kDrained, 0);
+        linx_send(pParent, &pAnswer, SpidAndWay[0]); // to one that closed already: refused
+    }
+    for (int i = 0; i < kEach; i++)
+        EXPECT_EQ(0, WaitChild(Children[i]));
+    // Receives that take nothing (what the rings hold waits aside) let the
+    // rings of those that closed go.
+    const LINX_SIGSELECT kNothing[] = {1, 0x7FFF};
+    EXPECT_TRUE(WaitFor([&] {
+        union LINX_SIGNAL *pNone = nullptr;
+        return linx_receive_w_tmo(pParent, &pNone, 0, kNothing) == 0 && RingMappings(getpid()) == Before + 4 * kEach;
+    }, 5000)) << RingMappings(getpid()) - Before << " rings mapped";
+    for (int i = 2 * kEach; i < 3 * kEach; i++) { // the killed, dead before the others may go
+        StopChild(Children[i]);
+    }
+    ASSERT_EQ(kEach, write(Go[1], std::string(kEach, 'g').data(), kEach));
+    for (int i = kEach; i < 2 * kEach; i++)
+        EXPECT_EQ(0, WaitChild(Children[i]));
+
+    std::map<LINX_SPID, uint32_t> Taken; // per sender: patterns, then 4 once its end was told
+    for (int n = 0; n < kEach * (3 + 4 + 4); n++) {
+        union LINX_SIGNAL *pSig = nullptr;
+        ASSERT_GT(linx_receive_w_tmo(pParent, &pSig, 5000, nullptr), 0) << "after " << n;
+        const LINX_SPID From = linx_sender(pParent, &pSig);
+        const uint32_t SigNo = SigNoOf(pSig), Seq = ValueOf(pSig);
+        linx_free_buf(pParent, &pSig);
+        if (SigNo == kGone) {
+            EXPECT_EQ(3u, Taken[From]) << "the end of 0x" << std::hex << From << " told before its signals";
+            Taken[From] = 4;
+        } else {
+            EXPECT_EQ(Taken[From]++, Seq) << "from 0x" << std::hex << From;
+        }
+    }
+    EXPECT_EQ(size_t(3 * kEach), Taken.size());
+    EXPECT_TRUE(WaitFor([&] { return ReceiveOne(pParent, 0) == 0 && RingMappings(getpid()) == Before; }, 5000))
+        << RingMappings(getpid()) - Before << " rings of senders that left are still mapped";
+    EXPECT_FALSE(Readable(pParent, 0));
+    for (int Fd : {Ready[0], Ready[1], Go[0], Go[1]})
+        close(Fd);
 }
 
 TEST(LinxStart, RacingClientsStartExactlyOneLinxd)
