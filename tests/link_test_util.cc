@@ -2,21 +2,12 @@
 #include "link_test_util.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
+#include "test_kit.h"
 #include <netinet/in.h>
-#include <signal.h>
 #include <stddef.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include "linx_test_util.h"
 #include "linxd_link.h"
 
 Node::~Node()

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "log_capture.h"
+#include "test_kit.h"
 
 #include <dlfcn.h>
 #include <mutex>

@@ -4,13 +4,7 @@
 // built for i386 and run under qemu-i386) the LINX user library.  They
 // hunt and attach each other and exchange a message with its 56-byte
 // header, answered along the sender stack.
-#include <gtest/gtest.h>
-
-#include <signal.h>
-#include <string.h>
-#include <unistd.h>
-
-#include "msg_test_util.h"
+#include "test_kit.h"
 
 namespace {
 

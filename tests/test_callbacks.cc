@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Callback dispatch: order, one-shot entries, internal and user kinds,
 // unregistration by all five fields, purging a remote's open/close pair.
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "linx_test_util.h"
-#include "orvane.h"
+#include "test_kit.h"
 
 namespace {
 

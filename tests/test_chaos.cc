@@ -4,16 +4,9 @@
 // attaching.  Every death must reach the watcher's close callback and its
 // raw attach exactly once each, never before the kill, and linxd must end
 // with the memory and descriptors it started with.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
 #include <dirent.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <string>
-
-#include "msg_test_util.h"
 
 namespace {
 

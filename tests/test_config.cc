@@ -3,25 +3,11 @@
 // program interposes stat and open so that each case feeds its own file at
 // the fixed path; each case runs in a fresh child process because the file
 // is read once per process.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
 #include <dlfcn.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "in_child.h"
-#include "log_capture.h"
-#include "orvane.h"
 
 extern "C" MSG_Status MSG_LoadConfigUnconditionally(const char *pPath, void *pCfg);
 
@@ -86,7 +72,6 @@ std::string Lookup(const char *pName)
     EXPECT_EQ(0u, MSG_GetFullEndpointPath(pName, Out, sizeof Out));
     return Out;
 }
-
 
 bool Logged(const std::vector<LoggedLine> &Lines, const std::string &Text)
 {

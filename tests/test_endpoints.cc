@@ -2,19 +2,10 @@
 // Local endpoints: opening and closing, the registry and its lookups, the
 // thread's private endpoint and its end with the thread, and the queries
 // on an endpoint's socket.
-#include <gtest/gtest.h>
-
-#include <string.h>
-#include <unistd.h>
+#include "test_kit.h"
 
 #include <condition_variable>
 #include <mutex>
-#include <thread>
-#include <vector>
-
-#include "msg_test_util.h"
-#include "log_capture.h"
-#include "orvane.h"
 
 namespace {
 

@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Shared helpers: elapsed time, sequence numbers and the extra-flag bits of
 // a message header.
-#include <gtest/gtest.h>
-
-#include <string.h>
-
-#include "orvane.h"
+#include "test_kit.h"
 
 namespace {
 

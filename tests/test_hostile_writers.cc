@@ -8,25 +8,13 @@
 // them, connections that never finish their handshake).  Each checks the
 // bound (through /proc), the refusal, and that an honest pair beside it
 // keeps working.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <string.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "link_test_util.h"
-#include "linx_test_util.h"
 #include "linxd_link.h"
 #include "standin/protocol.h"
 

@@ -4,23 +4,11 @@
 // own command lines while the library keeps reading /proc/cmdline and
 // /proc/self/cmdline; each case runs in a fresh child process, since the
 // identity is loaded once per process.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <atomic>
 #include <dlfcn.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/mman.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
-
-#include "in_child.h"
-#include "log_capture.h"
-#include "orvane.h"
 
 namespace {
 
@@ -95,7 +83,6 @@ Identity jRead()
     Id.ProgName = pName;
     return Id;
 }
-
 
 std::string jArgv(const std::string &Argv0)
 {

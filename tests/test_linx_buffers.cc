@@ -2,16 +2,10 @@
 // Signal buffers, sends and receives within one process: allocation and the
 // spare buffer, resizing, the end mark, selection, adoption without a copy,
 // timeouts, attributes and the information queries.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/time.h>
-#include <string.h>
-#include <unistd.h>
-
-#include "linx_test_util.h"
 
 namespace {
 

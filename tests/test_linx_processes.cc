@@ -6,22 +6,11 @@
 // refused) and a receiver that dies with one, exact poll readiness, large
 // and small signals in one stream, senders that come and go, and racing
 // starts of linxd.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <signal.h>
-#include <string.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <map>
 #include <random>
-#include <thread>
-#include <vector>
-
-#include "linx_test_util.h"
 
 namespace {
 

@@ -3,15 +3,7 @@
 // with several senders (delivery between threads hands the buffer over, and
 // the sink's answers go back the same way), and sends racing with the
 // receiver's close.
-#include <gtest/gtest.h>
-
-#include <errno.h>
-
-#include <atomic>
-#include <thread>
-#include <vector>
-
-#include "linx_test_util.h"
+#include "test_kit.h"
 
 namespace {
 

@@ -5,24 +5,12 @@
 // message layer across a link.  (Peers that do not belong are the hostile
 // writers' suite's.)  Every node and every endpoint process is a real
 // process.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "link_test_util.h"
-#include "linx_test_util.h"
-#include "orvane.h"
 
 namespace {
 

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The diagnostic log: status texts, the outcome filter, the formatter's
 // conversions and tokens, the 511-character cut and the standard-error copy.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <string.h>
 #include <syslog.h>
-
-#include "log_capture.h"
-#include "orvane.h"
 
 namespace {
 

@@ -1,15 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Logging, sequence numbers and the debug flag used from many threads at once.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <set>
-#include <thread>
-#include <vector>
-
-#include "log_capture.h"
-#include "orvane.h"
+#include "test_kit.h"
 
 namespace {
 

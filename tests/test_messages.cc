@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Messages: header accessors, allocation through the thread's private
 // endpoint, cloning, header copies and the two release paths.
-#include <gtest/gtest.h>
-
-#include <string.h>
-
-#include "msg_test_util.h"
-#include "log_capture.h"
-#include "orvane.h"
+#include "test_kit.h"
 
 namespace {
 

@@ -3,15 +3,7 @@
 // release on private endpoints, deferred releases into a public endpoint,
 // registration and dispatch on a shared endpoint, and the tracker created
 // once by racing first allocations.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-#include <vector>
-
-#include "msg_test_util.h"
-#include "log_capture.h"
-#include "orvane.h"
+#include "test_kit.h"
 
 namespace {
 

@@ -4,17 +4,7 @@
 // in flight, and every subscription of a closed subscriber is purged.  All
 // traffic is copied to a telemetry collector meanwhile, and another thread
 // dumps every endpoint: neither may deadlock against a publisher.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "log_capture.h"
-#include "msg_test_util.h"
+#include "test_kit.h"
 
 namespace {
 

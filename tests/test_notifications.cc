@@ -2,16 +2,9 @@
 // Notifications: subscriptions made by the publisher and by request from
 // other processes, publishing to several subscribers when one is gone,
 // subscribers that die, and requests another process malformed.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <signal.h>
-#include <string.h>
-
-#include <string>
-
-#include "log_capture.h"
 #include "msg_local_endpoint.h"
-#include "msg_test_util.h"
 
 namespace {
 

@@ -2,25 +2,14 @@
 // The orvane command, run as a user runs it, against real peer processes:
 // each subcommand's output (--json field by field) and its failures, with
 // their exit status (0 done, 1 failed, 2 usage).
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
-#include <string.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
-
-#include "host_kit.h"
-#include "msg_test_util.h"
 
 extern char **environ;
 

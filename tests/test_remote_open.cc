@@ -2,17 +2,9 @@
 // Opening and closing remote endpoints between real processes: asynchronous
 // opens with their callbacks across the peer's restarts and kill -9,
 // synchronous opens with their timeouts, and closing a peer.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <signal.h>
-#include <stdio.h>
-
-#include <string>
-#include <vector>
-
-#include "log_capture.h"
 #include "msg_local_endpoint.h"
-#include "msg_test_util.h"
 
 namespace {
 
@@ -194,7 +186,6 @@ TEST_F(RemoteOpen, AsyncOpenChecksItsArgumentsAndUndoesARefusedHunt)
     EXPECT_EQ(0u, MSG_CloseRemote("watcher", "absent0"));
     EXPECT_EQ(105u, MSG_CloseRemote("watcher", "one-too-many"));
 }
-
 
 // A peer opened and closed again and again while it is down keeps one hunt
 // pending in LINX, and that hunt opens the record open when the peer comes.

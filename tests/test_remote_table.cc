@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The remote endpoint table: states, type pairs, lookups by name and id,
 // and the $remote token that reads it.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <string.h>
-
-#include "log_capture.h"
 #include "msg_remote_endpoint.h"
-#include "msg_test_util.h"
 
 namespace {
 

@@ -2,18 +2,9 @@
 // Sending and receiving between real processes: request and answer, the
 // sender stack across three processes, owner rules, timeouts, the receive
 // loop's handling of internal messages and of malformed signals.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <signal.h>
-#include <string.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <thread>
-
-#include "log_capture.h"
 #include "msg_local_endpoint.h"
-#include "msg_test_util.h"
 
 namespace {
 

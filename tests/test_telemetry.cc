@@ -2,25 +2,11 @@
 // Telemetry: the records processes send to the collector "Telemetry", the
 // queue that holds them while it is absent, the collector program and its
 // capture as the Wireshark dissector decodes it, and the endpoint dump.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <stdio.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "log_capture.h"
 #include "msg_local_endpoint.h"
 #include "msg_telemetry.h"
 #include "msg_telemetry_lite.pb.h"
-#include "msg_test_util.h"
 
 namespace {
 

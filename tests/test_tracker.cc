@@ -1,15 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The outstanding-message tracker on a table of its own: state changes,
 // double reports, eviction, the 500th held message, statistics and removal.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <string.h>
 #include <syslog.h>
-
-#include <vector>
-
-#include "log_capture.h"
-#include "orvane.h"
 
 namespace {
 

@@ -1,20 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The user message log: configuration rules, record sizes, dropping the
 // oldest records, wrap-around, and both dumps.
-#include <gtest/gtest.h>
+#include "test_kit.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <iterator>
-#include <vector>
-
-#include "log_capture.h"
-#include "orvane.h"
 
 namespace {
 
