@@ -98,15 +98,6 @@ unsigned jServerKey(SSL *pSsl, const char *pIdentity, unsigned char *pKey, unsig
     return sizeof pSecret->Key;
 }
 
-socklen_t jUnixLinkAddress(const std::string &Instance, struct sockaddr_un *pAddr)
-{
-    memset(pAddr, 0, sizeof *pAddr);
-    pAddr->sun_family = AF_UNIX;
-    const int Len = snprintf(pAddr->sun_path + 1, sizeof pAddr->sun_path - 1, "linxd-link/%u/%s",
-                             (unsigned)geteuid(), Instance.c_str());
-    return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + (size_t)Len);
-}
-
 struct addrinfo *jResolve(const LinkAddress &Address, bool bPassive, std::string *pWhy)
 {
     struct addrinfo Hints = {};
@@ -347,7 +338,7 @@ int LinkListen(const LinkAddress &Address, std::string *pWhy)
     if (!Address.bTcp) {
         const int Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         struct sockaddr_un Addr;
-        const socklen_t Len = jUnixLinkAddress(Address.Instance, &Addr);
+        const socklen_t Len = linxd_link_address(Address.Instance.c_str(), &Addr);
         if (Fd >= 0 && bind(Fd, (struct sockaddr *)&Addr, Len) == 0 && listen(Fd, SOMAXCONN) == 0)
             return Fd;
         *pWhy = "cannot listen on " + LinkAddressText(Address) + ": " + strerror(errno);
@@ -381,7 +372,7 @@ bool LinkDial(const LinkAddress &Address, SSL_CTX *pTls, LinkConn *pConn, std::s
     if (!Address.bTcp) {
         pConn->Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         struct sockaddr_un Addr;
-        const socklen_t Len = jUnixLinkAddress(Address.Instance, &Addr);
+        const socklen_t Len = linxd_link_address(Address.Instance.c_str(), &Addr);
         struct ucred Peer = {};
         socklen_t CredLen = sizeof Peer;
         if (pConn->Fd < 0 || connect(pConn->Fd, (struct sockaddr *)&Addr, Len) != 0) {

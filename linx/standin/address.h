@@ -31,15 +31,27 @@ static inline int linxd_instance_valid(const char *name)
     return 1;
 }
 
-/* Fills addr with the abstract address "\0linxd/<uid>/<instance>" and
+/* Fills addr with the abstract address "\0<service>/<uid>/<instance>" and
  * returns its length for bind/connect. */
-static inline socklen_t linxd_address(const char *instance, struct sockaddr_un *addr)
+static inline socklen_t linxd_service_address(const char *service, const char *instance, struct sockaddr_un *addr)
 {
     memset(addr, 0, sizeof *addr);
     addr->sun_family = AF_UNIX;
-    int len = snprintf(addr->sun_path + 1, sizeof addr->sun_path - 1, "linxd/%u/%s",
+    int len = snprintf(addr->sun_path + 1, sizeof addr->sun_path - 1, "%s/%u/%s", service,
                        (unsigned)geteuid(), instance);
     return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + (size_t)len);
+}
+
+/* Where clients reach the instance. */
+static inline socklen_t linxd_address(const char *instance, struct sockaddr_un *addr)
+{
+    return linxd_service_address("linxd", instance, addr);
+}
+
+/* Where other nodes of this host reach the instance over a Unix link. */
+static inline socklen_t linxd_link_address(const char *instance, struct sockaddr_un *addr)
+{
+    return linxd_service_address("linxd-link", instance, addr);
 }
 
 #endif /* LINXD_ADDRESS_H */
