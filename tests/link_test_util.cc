@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "link_test_util.h"
 
-#include <arpa/inet.h>
 #include "test_kit.h"
-#include <netinet/in.h>
-#include <stddef.h>
+
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include "linxd_link.h"
+#include "standin/address.h"
 
 Node::~Node()
 {
@@ -25,9 +23,7 @@ void Start(Node &N)
 
 void Kill(Node &N)
 {
-    if (N.Pid > 0) {
-        StopChild(N.Pid);
-    }
+    StopChild(N.Pid);
     N.Pid = -1;
 }
 
@@ -68,19 +64,11 @@ pid_t StartEcho(const Node &N, const char *pName)
     });
 }
 
-namespace {
-
-} // namespace
-
 std::string MakeSecret(const std::string &Tag)
 {
     const std::string Path = "/tmp/" + TestInstance() + "-" + Tag + ".secret";
     unlink(Path.c_str());
-    const std::string Linxd = LinxdBesideLibrary();
-    EXPECT_EQ(0, WaitChild(StartChild([&] {
-        execl(Linxd.c_str(), "linxd", "--make-secret", Path.c_str(), (char *)nullptr);
-        return 127;
-    })));
+    EXPECT_EQ(0, WaitChild(Spawn({LinxdBesideLibrary(), "--make-secret", Path}, "", "")));
     struct stat Stat = {};
     EXPECT_EQ(0, stat(Path.c_str(), &Stat));
     EXPECT_EQ(0600u, Stat.st_mode & 0777);
@@ -108,11 +96,8 @@ void MakePair(Pair &P, bool bTcp, const std::string &Tag)
 int ConnectUnixLink(const std::string &Instance)
 {
     const int Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un Addr = {};
-    Addr.sun_family = AF_UNIX;
-    const int Len = snprintf(Addr.sun_path + 1, sizeof Addr.sun_path - 1, "linxd-link/%u/%s", (unsigned)geteuid(),
-                             Instance.c_str());
-    connect(Fd, (struct sockaddr *)&Addr, (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + Len));
+    struct sockaddr_un Addr;
+    connect(Fd, (struct sockaddr *)&Addr, linxd_link_address(Instance.c_str(), &Addr));
     return Fd;
 }
 

@@ -35,6 +35,22 @@ std::vector<LoggedLine> TakeLoggedLines()
     return Lines;
 }
 
+std::string TakeLoggedText()
+{
+    std::string Text;
+    for (const LoggedLine &L : TakeLoggedLines())
+        Text += L.Text;
+    return Text;
+}
+
+int Occurrences(const std::string &Text, const std::string &What)
+{
+    int Count = 0;
+    for (size_t At = Text.find(What); At != std::string::npos; At = Text.find(What, At + 1))
+        Count++;
+    return Count;
+}
+
 void EchoLoggedLinesToStderr(bool bEcho)
 {
     std::lock_guard<std::mutex> Lock(gMutex);

@@ -112,6 +112,10 @@ struct LoggedLine {
 
 // Lines written since the last call, oldest first; clears the capture.
 std::vector<LoggedLine> TakeLoggedLines();
+// The text of those lines, one after the other; clears the capture.
+std::string TakeLoggedText();
+// How often What occurs in Text.
+int Occurrences(const std::string &Text, const std::string &What);
 // Also copy each captured line to standard error (for death tests, whose
 // child dies before the parent could read its capture).
 void EchoLoggedLinesToStderr(bool bEcho);

@@ -115,10 +115,7 @@ TEST_F(Messages, CloneAndHeaderCopy)
     MSG_DebugSetFlag(MSG_DEBUG_LOG_SUCCESS);
     for (MSG_Msg *p : {pOrig, pClone, pAnswer})
         EXPECT_EQ(0u, MSG_ReleaseMsg(p));
-    int Named = 0;
-    for (const LoggedLine &L : TakeLoggedLines())
-        Named += L.Text.find("MSG_ReleaseMsg_Private: result 0/") != std::string::npos;
-    EXPECT_EQ(6, Named);
+    EXPECT_EQ(6, Occurrences(TakeLoggedText(), "MSG_ReleaseMsg_Private: result 0/"));
 }
 
 TEST_F(Messages, PublicEndpointReleasesAreDeferredUntilClose)

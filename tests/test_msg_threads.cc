@@ -61,10 +61,7 @@ TEST(MsgThreads, RacingFirstAllocationsCreateOneTracker)
     for (std::thread &T : Threads)
         T.join();
     MSG_DebugSetFlag(0);
-    int Creations = 0;
-    for (const LoggedLine &L : TakeLoggedLines())
-        Creations += L.Text.find("MSG_CreateHash: result 0/OK") != std::string::npos;
-    EXPECT_EQ(1, Creations);
+    EXPECT_EQ(1, Occurrences(TakeLoggedText(), "MSG_CreateHash: result 0/OK"));
 }
 
 } // namespace

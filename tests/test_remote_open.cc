@@ -179,10 +179,7 @@ TEST_F(RemoteOpen, AsyncOpenChecksItsArgumentsAndUndoesARefusedHunt)
     TakeLoggedLines();
     EXPECT_EQ(202u, OpenAsync("one-too-many", 0));
     EXPECT_EQ(202u, OpenAsync("one-too-many", 0));
-    bool bSaid = false;
-    for (const LoggedLine &L : TakeLoggedLines())
-        bSaid |= L.Text.find("linx_hunt(Linx handle") != std::string::npos;
-    EXPECT_TRUE(bSaid);
+    EXPECT_GT(Occurrences(TakeLoggedText(), "linx_hunt(Linx handle"), 0);
     EXPECT_EQ(0u, MSG_CloseRemote("watcher", "absent0"));
     EXPECT_EQ(105u, MSG_CloseRemote("watcher", "one-too-many"));
 }

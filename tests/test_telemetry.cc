@@ -63,6 +63,15 @@ std::vector<Record> TakeRecords(size_t Count)
     return Records;
 }
 
+// Copies pMsg until the first record reaches this process's collector.
+Record FirstRecord(uint32_t From, uint32_t To, MSG_Msg *pMsg, uint32_t bReceived)
+{
+    Record First;
+    for (int i = 0; i < 500 && !TakeRecord(&First, 10); i++)
+        MSG_ResendToGlobalTelemetry(From, To, pMsg, bReceived);
+    return First;
+}
+
 uint32_t SpidOf(const char *pName)
 {
     return MSG_GetLocalEndpoint(pName)->Spid;
@@ -176,31 +185,26 @@ TEST(Telemetry, CopiesAndAnnouncementsOfTwoProcesses)
     }
 }
 
+// Without a collector the newest 1024 records wait and the rest are
+// reported; closing the sender counts what it held as lost.
 TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
     MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND); // after the opening: no announcement
     MSG_Msg *pMsg = NewMsg(kRequest, 0, 8);
-    struct timespec First;
+    struct timespec First, Last;
     clock_gettime(CLOCK_REALTIME, &First);
     for (uint32_t i = 1; i <= 1030; i++) {
         MSG_SetSequence(pMsg, i);
         const MSG_Status Status = MSG_ResendToGlobalTelemetry(SpidOf("alpha"), 0x1234, pMsg, 0);
         ASSERT_TRUE(Status == MSG_ERR_OPEN_REMOTE_TIMEOUT || Status == MSG_ERR_OPEN_IN_PROGRESS) << Status;
     }
-    MSG_ReleaseMsg(pMsg);
-    struct timespec Last;
     clock_gettime(CLOCK_REALTIME, &Last);
     usleep(1200 * 1000);
     ASSERT_EQ(0u, MSG_OpenLocal("Telemetry"));
     // A received message is not copied with only the send bit set, but it
     // still delivers what waits once the hunt has found the collector.
-    MSG_Msg *pReceived = MSG_AllocMsg(kRequest, 0, 0);
-    Record Report;
-    for (int i = 0; i < 500 && !TakeRecord(&Report, 10); i++)
-        MSG_ResendToGlobalTelemetry(0x1234, SpidOf("alpha"), pReceived, 1);
-    MSG_ReleaseMsg(pReceived);
-
+    const Record Report = FirstRecord(0x1234, SpidOf("alpha"), pMsg, 1);
     ASSERT_EQ(kDropMsgNtfy, Report.Type) << "the report comes first";
     const hdr::DropMsgNtfy Drop = Report.As<hdr::DropMsgNtfy>();
     EXPECT_EQ(6u, Drop.qty());
@@ -217,24 +221,17 @@ TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
         ASSERT_EQ(7 + i, Queued[i].As<hdr::UserMsgNtfy>().sequence()) << "in order, the oldest 6 given up";
     Record Extra;
     EXPECT_FALSE(TakeRecord(&Extra, 50)) << "nothing was copied of the received message";
-}
 
-TEST(Telemetry, ClosingTheSenderCountsItsQueueAsLost)
-{
-    ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
-    MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND);
-    MSG_Msg *pMsg = NewMsg(kRequest, 0, 8);
+    ASSERT_EQ(0u, MSG_CloseLocal("Telemetry"));
     for (uint32_t i = 1; i <= 3; i++)
         MSG_ResendToGlobalTelemetry(SpidOf("alpha"), 0x1234, pMsg, 0);
     ASSERT_EQ(0u, MSG_CloseLocal("TelemSender")); // its queued messages go with it
     ASSERT_EQ(0u, MSG_OpenLocal("Telemetry"));
     MSG_SetSequence(pMsg, 4);
-    Record First;
-    for (int i = 0; i < 500 && !TakeRecord(&First, 10); i++)
-        MSG_ResendToGlobalTelemetry(SpidOf("alpha"), 0x1234, pMsg, 0);
+    const Record Lost = FirstRecord(SpidOf("alpha"), 0x1234, pMsg, 0);
     MSG_ReleaseMsg(pMsg);
-    ASSERT_EQ(kDropMsgNtfy, First.Type);
-    EXPECT_EQ(3u, First.As<hdr::DropMsgNtfy>().qty());
+    ASSERT_EQ(kDropMsgNtfy, Lost.Type);
+    EXPECT_EQ(3u, Lost.As<hdr::DropMsgNtfy>().qty());
     Record Next;
     ASSERT_TRUE(TakeRecord(&Next));
     EXPECT_EQ(4u, Next.As<hdr::UserMsgNtfy>().sequence());
