@@ -28,70 +28,55 @@ protected:
         MSG_CloseLocal("E");
         MSG_CloseLocal(nullptr);
     }
-    MSG_Status Dispatch(MSG_Type Type, uint32_t bInternal = 0)
+    // Dispatches Type and returns which callbacks ran, or the failure.
+    std::string Ran(MSG_Type Type, uint32_t bInternal = 0)
     {
+        gCalls.clear();
         pMsg->MsgType = Type;
-        return bInternal ? MSG_ProcessCallback_Private(pEndpoint, pMsg, 1) : MSG_ProcessCallback("E", pMsg);
+        const MSG_Status Status = bInternal ? MSG_ProcessCallback_Private(pEndpoint, pMsg, 1)
+                                            : MSG_ProcessCallback("E", pMsg);
+        return Status == MSG_OK ? gCalls : "status " + std::to_string(Status);
     }
     LocalEndpoint *pEndpoint = nullptr;
     MSG_Msg *pMsg = nullptr;
 };
 
-TEST_F(Callbacks, MatchingCallbacksRunOldestFirst)
+// Matching callbacks run oldest first; one-shot entries once; internal and
+// user callbacks never mix.
+TEST_F(Callbacks, DispatchOrderOneShotEntriesAndKinds)
 {
     MSG_RegisterCallbackHelper("E", Record, (void *)"A", 5, 9, 0);
-    MSG_RegisterCallbackHelper("E", Record, (void *)"B", 5, 9, 0);
+    MSG_RegisterCallbackHelper("E", Record, (void *)"B", 5, 7, 1);
     MSG_RegisterCallbackHelper("E", Record, (void *)"C", 8, 9, 0);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("AB", gCalls);
-    EXPECT_EQ(304u, Dispatch(10));
-}
-
-TEST_F(Callbacks, OneShotRunsOnce)
-{
-    MSG_RegisterCallbackHelper("E", Record, (void *)"X", 7, 7, 0);
-    MSG_RegisterCallbackHelper("E", Record, (void *)"Y", 7, 7, 1);
-    MSG_RegisterCallbackHelper("E", Record, (void *)"Z", 7, 7, 0);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("XYZ", gCalls);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("XYZXZ", gCalls);
-
-    MSG_UnregisterCallbackHelper("E", Record, (void *)"X", 7, 7, 0);
-    MSG_UnregisterCallbackHelper("E", Record, (void *)"Z", 7, 7, 0);
+    EXPECT_EQ("AB", Ran(7));
+    EXPECT_EQ("A", Ran(7));
+    EXPECT_EQ("status 304", Ran(10));
+    MSG_UnregisterCallbackHelper("E", Record, (void *)"A", 5, 9, 0);
     MSG_RegisterCallbackHelper("E", Record, (void *)"O", 7, 7, 1);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ(304u, Dispatch(7));
-}
+    EXPECT_EQ("O", Ran(7));
+    EXPECT_EQ("status 304", Ran(7));
 
-TEST_F(Callbacks, InternalAndUserCallbacksNeverMix)
-{
     MSG_RegisterCallbackHelper("E", Record, (void *)"U", 0, 0xFFFFFFFF, 0);
     MSG_RegisterCallbackHelper("E", Record, (void *)"I", 0x10000002, 0x10000003, 0);
-    EXPECT_EQ(0u, Dispatch(0x10000002, 1));
-    EXPECT_EQ("I", gCalls);
-    EXPECT_EQ(0u, Dispatch(0x10000002)); // user dispatch of an internal type: nothing, no error
-    EXPECT_EQ("IU", gCalls) << "the all-types user callback is a user callback";
-    EXPECT_EQ(0u, Dispatch(0x10000010, 1)) << "an internal message matching nothing is fine";
+    EXPECT_EQ("I", Ran(0x10000002, 1));
+    EXPECT_EQ("U", Ran(0x10000002)) << "the all-types user callback is a user callback";
+    EXPECT_EQ("", Ran(0x10000010, 1)) << "an internal message matching nothing is fine";
 }
 
-TEST_F(Callbacks, UnregisterMatchesAllFiveFieldsOneAtATime)
+// Unregistration matches all five fields, one entry at a time; bad
+// registrations are refused; a purge removes exactly a remote's open and
+// close entries.
+TEST_F(Callbacks, RegistrationRulesAndPurges)
 {
     MSG_RegisterCallbackHelper("E", Record, (void *)"D", 1, 9, 0);
     MSG_RegisterCallbackHelper("E", Record, (void *)"D", 1, 9, 0);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("DD", gCalls);
+    EXPECT_EQ("DD", Ran(7));
     EXPECT_EQ(304u, MSG_UnregisterCallbackHelper("E", Record, (void *)"D", 1, 9, 1));
     EXPECT_EQ(304u, MSG_UnregisterCallbackHelper("E", Record, (void *)"d", 1, 9, 0));
     EXPECT_EQ(304u, MSG_UnregisterCallbackHelper("E", Record, (void *)"D", 1, 8, 0));
     EXPECT_EQ(0u, MSG_UnregisterCallbackHelper("E", Record, (void *)"D", 1, 9, 0));
-    gCalls.clear();
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("D", gCalls);
-}
+    EXPECT_EQ("D", Ran(7));
 
-TEST_F(Callbacks, BadRegistrationsAreRefused)
-{
     EXPECT_EQ(301u, MSG_RegisterCallbackHelper("E", Record, nullptr, 9, 5, 0));
     EXPECT_EQ(301u, MSG_RegisterCallbackHelper("E", Record, nullptr, 5, 9, 2));
     EXPECT_EQ(301u, MSG_RegisterCallbackHelper("E", nullptr, nullptr, 5, 9, 0));
@@ -101,17 +86,13 @@ TEST_F(Callbacks, BadRegistrationsAreRefused)
     EXPECT_EQ(301u, MSG_UnregisterCallback("E", nullptr));
     EXPECT_EQ(302u, MSG_ProcessCallback("nosuch", pMsg));
     EXPECT_EQ(301u, MSG_ProcessCallback("E", nullptr));
-}
 
-TEST_F(Callbacks, PurgeRemovesExactlyTheOpenAndCloseEntries)
-{
     MSG_RegisterCallbackHelper("E", Record, (void *)"o", 0x10000004, 0x10000004, 0);
     MSG_RegisterCallbackHelper("E", Record, (void *)"c", 0x10000005, 0x10000005, 0);
     MSG_RegisterCallbackHelper("E", Record, (void *)"b", 0x10000004, 0x10000005, 0);
     EXPECT_EQ(0u, MSG_PurgeOpenCloseCallbacks(pEndpoint, 0x10000004));
-    Dispatch(0x10000004, 1);
-    Dispatch(0x10000005, 1);
-    EXPECT_EQ("bb", gCalls);
+    EXPECT_EQ("b", Ran(0x10000004, 1));
+    EXPECT_EQ("b", Ran(0x10000005, 1));
 }
 
 uint32_t Reentrant(void *pContext, MSG_Msg *pMsg)
@@ -128,10 +109,8 @@ TEST_F(Callbacks, CallbacksMayChangeTheListWhileTheyRun)
 {
     MSG_RegisterCallbackHelper("E", Reentrant, nullptr, 7, 7, 0);
     MSG_RegisterCallbackHelper("E", Record, (void *)"S", 7, 7, 0);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("RS", gCalls);
-    EXPECT_EQ(0u, Dispatch(7));
-    EXPECT_EQ("RSSN", gCalls);
+    EXPECT_EQ("RS", Ran(7));
+    EXPECT_EQ("SN", Ran(7));
 }
 
 } // namespace

@@ -19,7 +19,7 @@ protected:
     }
 };
 
-TEST_F(Messages, AllocationFillsTheHeader)
+TEST_F(Messages, AllocationFillsTheHeaderThroughOnePrivateEndpointPerThread)
 {
     MSG_Msg *pMsg = MSG_AllocMsg(0xFFFFFF, 7, 0);
     ASSERT_NE(nullptr, pMsg);
@@ -43,10 +43,9 @@ TEST_F(Messages, AllocationFillsTheHeader)
     ASSERT_GE(Lines.size(), 2u);
     EXPECT_NE(std::string::npos,
               Lines[Lines.size() - 2].Text.find("MSG_AllocMsg: result 301/wrong parameter: msg type 0x1000000, seq 7, size 0\n"));
-}
+    MSG_CloseLocal(nullptr);
 
-TEST_F(Messages, AllocationOpensOnePrivateEndpointPerThread)
-{
+    // Allocation opens one private endpoint per thread.
     EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
     MSG_Msg *pFirst = NewMsg(1, 0, 8);
     LocalEndpoint *pMine = MSG_GetMyEndpoint();
@@ -57,17 +56,11 @@ TEST_F(Messages, AllocationOpensOnePrivateEndpointPerThread)
     EXPECT_EQ(104u, MSG_GetOwnerName(pFirst, Name, sizeof Name)) << "private endpoints keep their names";
     MSG_ReleaseMsg(pFirst);
     MSG_ReleaseMsg(pSecond);
-}
 
-TEST_F(Messages, FillFlagMarksEveryPayloadByte)
-{
+    // The fill flag marks every payload byte.
     MSG_DebugSetFlag(MSG_DEBUG_FILL_PAYLOAD);
-    MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 300);
-    const unsigned char *p = (const unsigned char *)MSG_GetPayload(pMsg);
-    int NotCC = 0;
-    for (int i = 0; i < 300; i++)
-        NotCC += p[i] != 0xCC;
-    EXPECT_EQ(0, NotCC);
+    pMsg = MSG_AllocMsg(1, 0, 300);
+    EXPECT_EQ(std::string(300, '\xCC'), std::string((const char *)MSG_GetPayload(pMsg), 300));
     MSG_ReleaseMsg(pMsg);
 }
 
@@ -118,7 +111,7 @@ TEST_F(Messages, CloneAndHeaderCopy)
     EXPECT_EQ(6, Occurrences(TakeLoggedText(), "MSG_ReleaseMsg_Private: result 0/"));
 }
 
-TEST_F(Messages, PublicEndpointReleasesAreDeferredUntilClose)
+TEST_F(Messages, PublicEndpointReleasesAreDeferredUntilClosePrivateOnesAreNot)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("public-owner"));
     LocalEndpoint *pPublic = MSG_GetLocalEndpoint("public-owner");
@@ -137,12 +130,10 @@ TEST_F(Messages, PublicEndpointReleasesAreDeferredUntilClose)
     EXPECT_EQ(301u, MSG_ReleaseMsg_Private(MSG_GetMyEndpoint(), &pCopy));
     EXPECT_EQ(pMsg, pCopy);
     EXPECT_EQ(0u, MSG_CloseLocal("public-owner")); // drains (the sanitizer build checks the free)
-}
 
-TEST_F(Messages, ImmediateReleaseClearsThePointer)
-{
-    MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
-    MSG_Msg *pCopy = pMsg;
+    // A private owner releases at once, and clears the pointer.
+    pMsg = MSG_AllocMsg(1, 0, 0);
+    pCopy = pMsg;
     EXPECT_EQ(0u, MSG_ReleaseMsg_Private(MSG_GetMyEndpoint(), &pCopy));
     EXPECT_EQ(nullptr, pCopy);
 }
