@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "msg_local_endpoint.h"
+#include "msg_dump.h"
 #include "msg_main.h"
 
 struct CallbackEntry {

@@ -260,24 +260,15 @@ MSG_Status MSG_DeleteLocalEndpoint(LocalEndpoint *pLocalEndpoint)
     return Status;
 }
 
-MSG_Status MSG_DebugDumpLocalEndpoint(void)
+void jVisitEndpoints(void (*pVisit)(LocalEndpoint *pEndpoint, void *pContext), void *pContext)
 {
-    LocalEndpoint *const pMine = MSG_GetMyEndpoint();
-    MSG_GetProcessInfo(nullptr, nullptr, nullptr); // loaded before any lock is held
     pthread_rwlock_rdlock(&gCloseGate);
     pthread_mutex_lock(&gRegistryMutex);
     LocalEndpoint *const pHead = gpRegistryHead;
     pthread_mutex_unlock(&gRegistryMutex);
-    for (LocalEndpoint *p = pHead; p != nullptr; p = p->pNext) {
-        MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "LocalEndpoint={\"%s\", Linx handle %p, SPID 0x%x}%s\n", p->Name,
-                   (void *)p->pLinx, p->Spid, p == pMine ? " ***" : "");
-        jDumpCallbacks(p);
-        jDumpNotifications(p);
-        jDumpRemotes(p);
-    }
+    for (LocalEndpoint *p = pHead; p != nullptr; p = p->pNext)
+        pVisit(p, pContext);
     pthread_rwlock_unlock(&gCloseGate);
-    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "pMyEndpoint=%p\n", (void *)pMine);
-    return MSG_OK;
 }
 
 LocalEndpoint *MSG_GetLocalEndpoint(const char *pName)

@@ -19,8 +19,8 @@
  * LinxMutex, PendFreeMutex, the tracker's mutex.  The pending-hunt list of
  * a private endpoint is touched only by its owning thread and has no lock.
  *
- * The dump of every endpoint cannot hold the registry mutex while it takes
- * an endpoint's NtfyMutex: a notification being sent holds that mutex and
+ * A visit of every endpoint (the dump's) cannot hold the registry mutex
+ * while it takes an endpoint's NtfyMutex: a notification being sent holds that mutex and
  * then, for its telemetry copies, the registry's.  So the dump holds a
  * close gate instead (a read lock that deletion takes for writing), notes
  * the registry head under the registry mutex and walks the list after
@@ -74,11 +74,9 @@ struct LocalEndpoint {
 // once a LINX socket is open.
 void jWatchForks(void);
 
-// The dump lines of one endpoint's lists, heading included, each written
-// under its list's mutex by the module that owns the list.
-void jDumpCallbacks(LocalEndpoint *pEndpoint);
-void jDumpNotifications(LocalEndpoint *pEndpoint);
-void jDumpRemotes(LocalEndpoint *pEndpoint);
+// Calls Visit for every endpoint, newest first, behind the close gate
+// (see above): deletions wait, and endpoints opened meanwhile are not seen.
+void jVisitEndpoints(void (*pVisit)(LocalEndpoint *pEndpoint, void *pContext), void *pContext);
 
 // The endpoint a message's owner token names, or null when no open
 // endpoint of this process carries it.

@@ -475,14 +475,6 @@ uint32_t MSG_DebugGetFlag(void)
     return jDebugFlag();
 }
 
-MSG_Status MSG_DebugDumpAll(void)
-{
-    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "-------- MSG_DebugDumpAll begin --------\n");
-    MSG_DebugDumpLocalEndpoint();
-    MSG_LOG_OS(LOG_INFO, MSG_LOG_PREFIX "-------- MSG_DebugDumpAll end --------\n");
-    return MSG_OK;
-}
-
 MSG_Status MSG_DebugSetName(void)
 {
     return MSG_OK;

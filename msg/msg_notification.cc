@@ -6,6 +6,7 @@
 
 #include <string.h>
 
+#include "msg_dump.h"
 #include "msg_main.h"
 #include "msg_open_close.h"
 

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "msg_dump.h"
 #include "msg_main.h"
 
 struct WithdrawnAttach {
