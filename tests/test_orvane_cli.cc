@@ -4,14 +4,9 @@
 // their exit status (0 done, 1 failed, 2 usage).
 #include "test_kit.h"
 
-#include <spawn.h>
 #include <sys/prctl.h>
 
-#include <iterator>
-
 #include <nlohmann/json.hpp>
-
-extern char **environ;
 
 namespace {
 
@@ -132,10 +127,6 @@ class OrvaneCli : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(0u, MSG_OpenLocal("cli-test")); }
     void TearDown() override { MSG_CloseLocal("cli-test"); }
-    void Stop(pid_t Child)
-    {
-        StopChild(Child);
-    }
 };
 
 // The command's own checks of its arguments (CLI11's are CLI11's).
@@ -149,7 +140,7 @@ TEST_F(OrvaneCli, UsageErrorsExitWithTwoAndSayWhy)
         EXPECT_EQ(2, Orvane(Args).Status) << Args.back();
 }
 
-TEST_F(OrvaneCli, ListAndStatShowEveryEndpoint)
+TEST_F(OrvaneCli, ListStatAndHuntShowEveryEndpoint)
 {
     const pid_t Alpha = StartPeer("alpha");
     const uint32_t AlphaSpid = FindSpid("cli-test", "alpha");
@@ -189,11 +180,9 @@ TEST_F(OrvaneCli, ListAndStatShowEveryEndpoint)
     for (const char *pField : {"attaches", "timeouts", "new_link_requests"})
         EXPECT_TRUE(Totals.contains(pField)) << pField;
     MSG_CloseRemote("cli-test", "nobody");
-    Stop(Alpha);
-}
+    StopChild(Alpha);
 
-TEST_F(OrvaneCli, HuntWaitsForAPeerOrTimesOut)
-{
+    // A hunt waits for a peer, or times out.
     OrvaneRun Late({"hunt", "late", "--timeout", "10000", "--json"});
     usleep(100 * 1000);
     const pid_t Peer = StartPeer("late");
@@ -209,7 +198,7 @@ TEST_F(OrvaneCli, HuntWaitsForAPeerOrTimesOut)
     EXPECT_EQ(1, Missing.Status);
     EXPECT_EQ("", Missing.Out);
     EXPECT_NE(std::string::npos, Missing.Err.find("no endpoint named \"nobody\" appeared within 100 ms")) << Missing.Err;
-    Stop(Peer);
+    StopChild(Peer);
 }
 
 TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
@@ -229,7 +218,7 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     linx_close(pForger);
     const pid_t Later = StartPeer("later");
     ASSERT_TRUE(Watch.Shows("\"later\""));
-    Stop(Early);
+    StopChild(Early);
     ASSERT_TRUE(Watch.Shows("died"));
     const pid_t Again = StartPeer("early"); // a restart is seen as well
     const Outcome Watched = Watch.Finish();
@@ -253,8 +242,8 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     const Outcome Interrupted = Endless.Finish(SIGINT);
     EXPECT_EQ(0, Interrupted.Status) << Interrupted.Err;
     EXPECT_NE(std::string::npos, Interrupted.Out.find("  appeared  later  ")) << Interrupted.Out;
-    Stop(Later);
-    Stop(Again);
+    StopChild(Later);
+    StopChild(Again);
 }
 
 TEST_F(OrvaneCli, SendPrintsTheResponseDecoded)
@@ -284,7 +273,7 @@ TEST_F(OrvaneCli, SendPrintsTheResponseDecoded)
     EXPECT_TRUE(Fails(Orvane({"send", "nobody", "0x130", "--timeout", "100"}), 1, "no endpoint named \"nobody\""));
     const pid_t Mute = StartPeer("mute");
     EXPECT_TRUE(Fails(Orvane({"send", "mute", "0x130", "--wait-response", "200"}), 1, "no response from \"mute\" within 200 ms"));
-    Stop(Mute);
+    StopChild(Mute);
 
     EXPECT_EQ(0, Orvane({"send", "echo", std::to_string(kQuitType)}).Status);
     EXPECT_EQ(0, WaitChild(Echo));
@@ -307,7 +296,7 @@ TEST_F(OrvaneCli, SubscribePrintsNotificationsOfItsRangeUntilThePublisherGoes)
 
     OrvaneRun Waiting({"subscribe", "publisher", "0x400", "0x4ff"});
     ASSERT_TRUE(Waiting.Shows("subscribed to types 0x400..0x4ff of publisher"));
-    Stop(Publisher);
+    StopChild(Publisher);
     const Outcome Gone = Waiting.Finish();
     EXPECT_EQ(1, Gone.Status);
     EXPECT_NE(std::string::npos, Gone.Err.find("\"publisher\" went away")) << Gone.Err;
