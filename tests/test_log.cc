@@ -32,18 +32,7 @@ protected:
     std::string Prefix;
 };
 
-TEST_F(LogTest, StatusTextsCoverTheTableAndNothingElse)
-{
-    EXPECT_STREQ("OK", MSG_DebugStrError(0));
-    EXPECT_STREQ("open remote timeout", MSG_DebugStrError(101));
-    EXPECT_STREQ("Linx error", MSG_DebugStrError(202));
-    EXPECT_STREQ("wrong parameter", MSG_DebugStrError(301));
-    EXPECT_STREQ("remote open already in progress", MSG_DebugStrError(309));
-    for (MSG_Status Undefined : {1u, 100u, 106u, 200u, 204u, 299u, 310u, 0xFFFFFFFFu})
-        EXPECT_STREQ("UndefinedError", MSG_DebugStrError(Undefined)) << Undefined;
-}
-
-TEST_F(LogTest, OutcomeFilterFollowsTheDebugFlag)
+TEST_F(LogTest, StatusTextsAndTheOutcomeFilterFollowingTheDebugFlag)
 {
     struct Case {
         uint32_t Flag;
@@ -69,6 +58,15 @@ TEST_F(LogTest, OutcomeFilterFollowsTheDebugFlag)
         }
     }
     EXPECT_EQ(301u, MSG_LogErrFilter(104, "f.c", 1, "fn", nullptr));
+    // The status texts: the table, and nothing else.
+    EXPECT_STREQ("OK", MSG_DebugStrError(0));
+    EXPECT_STREQ("open remote timeout", MSG_DebugStrError(101));
+    EXPECT_STREQ("Linx error", MSG_DebugStrError(202));
+    EXPECT_STREQ("wrong parameter", MSG_DebugStrError(301));
+    EXPECT_STREQ("remote open already in progress", MSG_DebugStrError(309));
+    for (MSG_Status Undefined : {1u, 100u, 106u, 200u, 204u, 299u, 310u, 0xFFFFFFFFu})
+        EXPECT_STREQ("UndefinedError", MSG_DebugStrError(Undefined)) << Undefined;
+
     EXPECT_EQ(301u, MSG_LogOs(LOG_ERR, "f.c", 1, "fn", nullptr));
     EXPECT_TRUE(TakeLoggedLines().empty());
 }

@@ -19,11 +19,6 @@ uint32_t Record(void *pContext, MSG_Msg *pMsg)
     return 0;
 }
 
-void Kill(pid_t Peer)
-{
-    StopChild(Peer);
-}
-
 // Pending hunts LINX holds on behalf of the endpoint (by default the
 // calling thread's private one).
 uint32_t PendingHunts(const LocalEndpoint *pEndpoint = MSG_GetMyEndpoint())
@@ -78,8 +73,8 @@ TEST_F(RemoteOpen, AsyncOpenFindsPeersThatExistAndPeersThatComeLater)
     ASSERT_TRUE(PumpUntil(Opened, 2));
     EXPECT_NE(Opened[0].Type, Opened[1].Type);
 
-    Kill(Early);
-    Kill(Late);
+    StopChild(Early);
+    StopChild(Late);
     ASSERT_TRUE(PumpUntil(Closed, 2));
     EXPECT_FALSE(PumpUntil(Closed, 3, 200)) << "each callback was registered once";
     EXPECT_EQ(Opened[0].Type + 1, Closed[0].Type) << "the early peer was killed first";
@@ -95,7 +90,7 @@ TEST_F(RemoteOpen, PersistentRecordsOutliveRestartsAndOneShotRecordsDoNot)
         ASSERT_TRUE(PumpUntil(Opened, Life)) << Life;
         const uint32_t Id = MSG_GetRemoteId("watcher", "phoenix");
         EXPECT_EQ(Id, Opened.back().Sender);
-        Kill(Peer);
+        StopChild(Peer);
         ASSERT_TRUE(PumpUntil(Closed, Life)) << Life;
         EXPECT_EQ(Id, Closed.back().Sender);
         EXPECT_EQ(Opened[0].Type, Opened.back().Type) << "the record keeps its types";
@@ -107,13 +102,13 @@ TEST_F(RemoteOpen, PersistentRecordsOutliveRestartsAndOneShotRecordsDoNot)
     ASSERT_EQ(0u, OpenAsync("mayfly", 1));
     pid_t Peer = StartPeer("mayfly");
     ASSERT_TRUE(PumpUntil(Opened, 1));
-    Kill(Peer);
+    StopChild(Peer);
     ASSERT_TRUE(PumpUntil(Closed, 1));
     Peer = StartPeer("mayfly");
     EXPECT_FALSE(PumpUntil(Opened, 2, 300)) << "a one-shot record ends at the first loss";
     EXPECT_EQ(0u, OpenAsync("mayfly", 1)) << "and can be opened anew";
     EXPECT_TRUE(PumpUntil(Opened, 2));
-    Kill(Peer);
+    StopChild(Peer);
 }
 
 TEST_F(RemoteOpen, CloseRemoteForgetsThePeerAndWithdrawsItsAttach)
@@ -124,7 +119,7 @@ TEST_F(RemoteOpen, CloseRemoteForgetsThePeerAndWithdrawsItsAttach)
     EXPECT_EQ(0u, MSG_CloseRemote("watcher", "doomed"));
     EXPECT_EQ(105u, MSG_CloseRemote("watcher", "doomed"));
     EXPECT_EQ(nullptr, MSG_RecvAnyMsg("watcher", 0)) << "detaches the withdrawn attach";
-    Kill(Peer);
+    StopChild(Peer);
     usleep(100000);
     EXPECT_EQ(0, MSG_GetNumMsgsPending("watcher", 0)) << "no close message comes";
     EXPECT_FALSE(PumpUntil(Closed, 1, 200));
@@ -146,7 +141,7 @@ TEST_F(RemoteOpen, CloseCallbackWatchesAPeerKnownById)
     EXPECT_EQ(301u, MSG_RegisterCloseCallback("watcher", "known", 0, Record, &Closed, 1));
     EXPECT_EQ(104u, MSG_RegisterCloseCallback("nosuch", "known", Id, Record, &Closed, 1));
     EXPECT_FALSE(PumpUntil(Closed, 1, 50));
-    Kill(Peer);
+    StopChild(Peer);
     ASSERT_TRUE(PumpUntil(Closed, 1));
     EXPECT_FALSE(PumpUntil(Closed, 2, 200)) << "once";
     EXPECT_EQ(Id, Closed[0].Sender);
@@ -198,7 +193,7 @@ TEST_F(RemoteOpen, OpeningAndClosingAnAbsentPeerKeepsOneHunt)
     const pid_t Peer = StartPeer("absent");
     ASSERT_TRUE(PumpUntil(Opened, 1));
     EXPECT_EQ(MSG_GetRemoteId("watcher", "absent"), Opened[0].Sender);
-    Kill(Peer);
+    StopChild(Peer);
     ASSERT_TRUE(PumpUntil(Closed, 1));
     EXPECT_EQ(Opened[0].Type + 1, Closed[0].Type);
 }
@@ -233,8 +228,8 @@ TEST_F(RemoteOpen, SyncOpenWaitsTimesOutAndIsNotConfusedByLateAnswers)
     });
     ASSERT_EQ(0u, MSG_OpenRemoteSync("watcher", "slow", 5000, &Id));
     EXPECT_NE(0u, Id);
-    Kill(Slow);
-    Kill(Tardy);
+    StopChild(Slow);
+    StopChild(Tardy);
     EXPECT_TRUE(Pump("watcher", 5000, [] { return MSG_GetRemoteId("watcher", "slow") == 0; }));
     EXPECT_TRUE(Pump("watcher", 5000, [] { return MSG_GetRemoteId("watcher", "tardy") == 0; }));
     EXPECT_TRUE(Opened.empty() && Closed.empty()) << "no callbacks for synchronous opens";

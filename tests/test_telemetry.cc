@@ -249,15 +249,9 @@ Collector StartCollector(const std::string &Tag)
     Collector C;
     C.Capture = "/tmp/orvane_" + TestInstance() + "_" + Tag + ".pcap";
     C.Log = C.Capture + ".log";
-    C.Pid = fork();
-    if (C.Pid == 0) {
-        const int Fd = open(C.Log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(Fd, STDERR_FILENO);
-        execl(ORVANE_COLLECTOR, ORVANE_COLLECTOR, "-w", C.Capture.c_str(), "-t", "60", (char *)nullptr);
-        _exit(127);
-    }
-    for (int Waited = 0; Waited < 10000 && ReadFile(C.Log).find("collecting") == std::string::npos; Waited += 10)
-        usleep(10 * 1000); // until it serves (and would stop cleanly when told)
+    unlink(C.Log.c_str());
+    C.Pid = Spawn({ORVANE_COLLECTOR, "-w", C.Capture, "-t", "60"}, "", C.Log);
+    AwaitText(C.Log, "collecting"); // until it serves (and would stop cleanly when told)
     return C;
 }
 
@@ -306,11 +300,6 @@ std::vector<std::string> Tshark(const std::string &Capture, const std::string &F
     return Lines;
 }
 
-int StopCollector(const Collector &C)
-{
-    return StopChild(C.Pid, SIGTERM);
-}
-
 TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
@@ -328,7 +317,7 @@ TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
     ASSERT_EQ(0u, MSG_SendMsg("alpha", Beta, MSG_AllocMsg(kQuitType, 0, 0)));
     ASSERT_EQ(0, WaitChild(Echo));
     usleep(200 * 1000); // the last copies reach the collector
-    ASSERT_EQ(0, StopCollector(C)) << ReadFile(C.Log);
+    ASSERT_EQ(0, StopChild(C.Pid, SIGTERM)) << ReadFile(C.Log);
 
     const std::string Log = ReadFile(C.Log);
     EXPECT_NE(std::string::npos, Log.find("refused message type 0x100")) << Log;
@@ -393,7 +382,7 @@ TEST(TelemetryCapture, CollectorKilledAndRestartedWhileTrafficFlows)
     for (const int Fd : {SecondUp[0], SecondUp[1], Sent[0], Sent[1]})
         close(Fd);
     usleep(300 * 1000);
-    ASSERT_EQ(0, StopCollector(Second));
+    ASSERT_EQ(0, StopChild(Second.Pid, SIGTERM));
 
     const std::vector<Record> Before = ReadCapture(First.Capture), After = ReadCapture(Second.Capture);
     ASSERT_FALSE(Before.empty());
