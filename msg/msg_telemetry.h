@@ -1,13 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * msg_telemetry.h - process identity, and telemetry: copies of the
- * process's traffic and announcements of its endpoints, sent to the one
- * collector endpoint "Telemetry" on the LINX network.
- *
- * The identity (halvo index, pid, program name) is read once per process
- * from /proc/cmdline and /proc/self/cmdline and then served lock-free to
- * every log line.  Pid is published last with release ordering: a reader
- * that sees it non-zero (acquire) sees the complete cache.
+ * msg_telemetry.h - telemetry: copies of the process's traffic and
+ * announcements of its endpoints, with the process's identity
+ * (msg_identity.h), sent to the one collector endpoint "Telemetry" on the
+ * LINX network.
  *
  * Telemetry is switched on by the debug-flag bits MSG_DEBUG_TELEMETRY_SEND
  * and MSG_DEBUG_TELEMETRY_RECV.  Each record (a protobuf message of
@@ -34,15 +30,8 @@
 #ifndef MSG_TELEMETRY_H
 #define MSG_TELEMETRY_H
 
-#include <pthread.h>
 #include <stdint.h>
 #include <time.h>
-
-extern pthread_mutex_t TelemetryMutex;
-
-/* Loads the identity cache if it is not loaded yet; retried on every call
- * while /proc/cmdline cannot be read. */
-void jLoadProcessInfo(void);
 
 /* Whole seconds from the first lost record to the report, rounded to the
  * nearest second (half a second rounds down). */
