@@ -117,8 +117,14 @@ void jForgetEndpoint(LocalEndpoint *p)
     MSG_Free(p);
 }
 
+constexpr int kMaxForkStages = 4;
+const ForkStages *gpForkStages[kMaxForkStages]; // filled once each, before any fork they matter to
+std::atomic<int> gForkStageCount{0};
+
 void jForkPrepare()
 {
+    for (int i = gForkStageCount - 1; i >= 0; i--)
+        gpForkStages[i]->pPrepare();
     pthread_rwlock_wrlock(&gCloseGate);
     pthread_mutex_lock(&gRegistryMutex);
 }
@@ -127,9 +133,11 @@ void jForkParent()
 {
     pthread_mutex_unlock(&gRegistryMutex);
     pthread_rwlock_unlock(&gCloseGate);
+    for (int i = 0; i < gForkStageCount; i++)
+        gpForkStages[i]->pParent();
 }
 
-void jForkChild()
+void jForgetParentsEndpoints()
 {
     pthread_rwlock_init(&gCloseGate, nullptr);
     pthread_mutex_init(&gRegistryMutex, nullptr);
@@ -142,6 +150,13 @@ void jForkChild()
     }
     if (gbKeyCreated)
         pthread_setspecific(gMyEndpointKey, nullptr);
+}
+
+void jForkChild()
+{
+    jForgetParentsEndpoints();
+    for (int i = 0; i < gForkStageCount; i++)
+        gpForkStages[i]->pChild();
 }
 
 } // namespace
@@ -160,10 +175,16 @@ void MSG_Init(void)
 
 void jWatchForks(void)
 {
-    // Registered after the first LINX socket is open, so that in a child
-    // the LINX layer has dropped its parent's sockets before this runs.
     static pthread_once_t Once = PTHREAD_ONCE_INIT;
     pthread_once(&Once, [] { pthread_atfork(jForkPrepare, jForkParent, jForkChild); });
+}
+
+void jAddForkStages(const ForkStages *pStages)
+{
+    const int Index = gForkStageCount.load();
+    MSG_ASSERT(Index < kMaxForkStages);
+    gpForkStages[Index] = pStages;
+    gForkStageCount.store(Index + 1);
 }
 
 LocalEndpoint *MSG_GetMyEndpoint(void)

@@ -71,8 +71,18 @@ struct LocalEndpoint {
 };
 
 // Makes a child of fork() start without its parent's endpoints; called
-// once a LINX socket is open.
+// once a LINX socket is open (the fork policy is in msg_main.h).
 void jWatchForks(void);
+
+// What a module above the registry does at a fork, run by the registry's
+// one handler: Prepare before the registry takes its locks, Parent and
+// Child after it lets them go or starts them afresh.  At most four.
+struct ForkStages {
+    void (*pPrepare)(void);
+    void (*pParent)(void);
+    void (*pChild)(void);
+};
+void jAddForkStages(const ForkStages *pStages);
 
 // Calls Visit for every endpoint, newest first, behind the close gate
 // (see above): deletions wait, and endpoints opened meanwhile are not seen.

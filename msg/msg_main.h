@@ -9,6 +9,18 @@
  * checked with MSG_ASSERT: an "ASSERTION FAILED" line at level 3, then
  * abort.  Input from another process is never checked this way.
  *
+ * Fork policy: a child of fork() is a new process that starts with no
+ * endpoint, no telemetry queue and no identity of its own, and never
+ * touches what its parent holds.  Three handlers bring it there, and their
+ * order matters: the identity's (msg_identity.cc, registered when it first
+ * loads, so before any socket) forgets the parent's pid first; the LINX
+ * layer's, registered at its first socket, drops the parent's sockets
+ * without telling the module; then the registry's, registered once a
+ * socket is open, forgets the parent's endpoints (closing their handles,
+ * which only the child's copy of the LINX layer sees now) and runs the
+ * stages of the modules above it (telemetry's queue), taking and leaving
+ * their locks in the lock order of msg_local_endpoint.h.
+ *
  * DebugFlag is a plain exported word that programs may write directly; the
  * library reads it with a relaxed atomic load so that a concurrent change is
  * merely seen late, never a data race.

@@ -74,8 +74,8 @@ void jUnlockTelemetry()
 // A forked child starts with an empty queue: its messages belonged to the
 // parent's TelemSender, which the child forgets with the rest of the
 // parent's endpoints.  Taking the mutex before fork keeps the child from
-// inheriting it locked; it comes before the registry's mutex, whose
-// handler was registered earlier and so runs later.
+// inheriting it locked; it comes before the registry's mutex, as in the
+// lock order.
 void jTelemetryForkPrepare()
 {
     pthread_mutex_lock(&TelemetryMutex);
@@ -130,8 +130,9 @@ MSG_Status jOpenLocalTelemetry(LocalEndpoint **ppLocTelem)
             Status = MSG_ERR_LINX;
         } else {
             jWatchForks();
+            static const ForkStages kStages = {jTelemetryForkPrepare, jTelemetryForkParent, jTelemetryForkChild};
             static pthread_once_t Once = PTHREAD_ONCE_INIT;
-            pthread_once(&Once, [] { pthread_atfork(jTelemetryForkPrepare, jTelemetryForkParent, jTelemetryForkChild); });
+            pthread_once(&Once, [] { jAddForkStages(&kStages); });
             Status = MSG_AddLocalEndpoint(kSenderName, pLinx, linx_get_spid(pLinx), 1, ppLocTelem);
             if (Status != MSG_OK)
                 linx_close(pLinx); // nothing refers to it
