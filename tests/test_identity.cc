@@ -89,47 +89,34 @@ std::string jArgv(const std::string &Argv0)
     return Argv0 + std::string("\0--flag\0", 8);
 }
 
-TEST(Identity, HalvoIndexIsAPlainSubstringTest)
+// The halvo index is a plain substring test of the kernel's command line;
+// the program name is the base name of argv[0], cut to 31 characters, from
+// the first 63 bytes of the program's command line.
+TEST(Identity, HalvoIndexAndProgramNameFollowTheCommandLines)
 {
-    struct Case {
-        const char *pLine;
-        int32_t Halvo;
-    } Cases[] = {
-        {"console=ttyS0 mode=ep0\n", 1}, {"a=ep1 b=ep0\n", 1}, {"x sleep0 y\n", 1},
-        {"board=ep1\n", 2},              {"quiet splash\n", 0}, {"", -1},
-    };
-    gSelfLine = jArgv("/system/bin/radiod");
-    for (const Case &C : Cases) {
-        gpKernelLine = C.pLine;
-        RunInChild([&] {
-            Identity Id = jRead();
-            EXPECT_EQ(C.Halvo, Id.Halvo) << C.pLine;
-            if (C.Halvo >= 0) {
-                EXPECT_EQ((uint32_t)getpid(), Id.Pid);
-                EXPECT_EQ("radiod", Id.ProgName);
-            }
-        });
-    }
-}
-
-TEST(Identity, ProgramNameIsTheCutBaseNameOfArgv0)
-{
-    gpKernelLine = "ep1\n";
-    const std::string Forty(40, 'n');
-    const std::string Long80 = "/" + std::string(77, 'a') + "/x";
-    struct Case {
+    const std::string Forty(40, 'n'), Long80 = "/" + std::string(77, 'a') + "/x";
+    const struct Case {
+        const char *pKernelLine;
         std::string Argv0;
+        int32_t Halvo;
         std::string ProgName;
     } Cases[] = {
-        {"/system/bin/radiod", "radiod"},
-        {"radiod", "radiod"},
-        {Forty, Forty.substr(0, 31)},
-        {Long80, std::string(31, 'a')}, // the '/' before x lies past byte 63
-        {"/bin/", ""},
+        {"console=ttyS0 mode=ep0\n", "/system/bin/radiod", 1, "radiod"},
+        {"a=ep1 b=ep0\n", "radiod", 1, "radiod"},
+        {"x sleep0 y\n", Forty, 1, Forty.substr(0, 31)},
+        {"board=ep1\n", Long80, 2, std::string(31, 'a')}, // the '/' before x lies past byte 63
+        {"quiet splash\n", "/bin/", 0, ""},
+        {"", "/system/bin/radiod", -1, ""},
     };
     for (const Case &C : Cases) {
+        gpKernelLine = C.pKernelLine;
         gSelfLine = jArgv(C.Argv0);
-        RunInChild([&] { EXPECT_EQ(C.ProgName, jRead().ProgName) << C.Argv0; });
+        RunInChild([&] {
+            const Identity Id = jRead();
+            EXPECT_EQ(C.Halvo, Id.Halvo) << C.pKernelLine;
+            EXPECT_EQ(C.Halvo >= 0 ? (uint32_t)getpid() : 0u, Id.Pid);
+            EXPECT_EQ(C.ProgName, Id.ProgName) << C.Argv0;
+        });
     }
 }
 

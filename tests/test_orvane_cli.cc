@@ -318,15 +318,10 @@ TEST_F(OrvaneCli, CaptureCollectsTelemetryAndRefusesAPathItCannotWrite)
     const Outcome Captured = Capture.Finish();
     ASSERT_EQ(0, Captured.Status) << Captured.Err;
     EXPECT_NE(std::string::npos, Captured.Err.find("UserMsgNtfy      1")) << Captured.Err;
+    // The collector is the telemetry suite's; here, that one record came.
     const std::string Bytes = ReadFile(Path);
-    ASSERT_GT(Bytes.size(), 24u + 16u);
-    uint32_t Magic, LinkType, RecordType;
-    memcpy(&Magic, Bytes.data(), 4);
-    memcpy(&LinkType, Bytes.data() + 20, 4);
-    memcpy(&RecordType, Bytes.data() + 40, 4);
-    EXPECT_EQ(0xA1B2C3D4u, Magic);
-    EXPECT_EQ(147u, LinkType);
-    EXPECT_EQ(0xFF0013u, RecordType);
+    ASSERT_GT(Bytes.size(), 24u + 16u + 4u);
+    EXPECT_EQ(std::string("\x13\x00\xff\x00", 4), Bytes.substr(40, 4)) << "a UserMsgNtfy record";
     unlink(Path.c_str());
 
     EXPECT_TRUE(Fails(Orvane({"capture", "/nonexistent/dir/x.pcap", "-t", "1"}), 1, "cannot write /nonexistent/dir/x.pcap"));
