@@ -58,8 +58,7 @@ std::vector<pid_t> FindLinxd(const std::string &Instance)
         const pid_t Pid = atoi(pEntry->d_name);
         if (Pid <= 0)
             continue;
-        std::ifstream File("/proc/" + std::string(pEntry->d_name) + "/cmdline");
-        const std::string Cmdline((std::istreambuf_iterator<char>(File)), std::istreambuf_iterator<char>());
+        const std::string Cmdline = ReadFile("/proc/" + std::string(pEntry->d_name) + "/cmdline");
         if (Cmdline.find("linxd") != std::string::npos && Cmdline.find(Wanted) != std::string::npos)
             Found.push_back(Pid);
     }

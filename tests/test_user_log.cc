@@ -5,8 +5,6 @@
 
 #include <syslog.h>
 
-#include <iterator>
-
 namespace {
 
 const LocalEndpoint *const kAnyEndpoint = (const LocalEndpoint *)&kAnyEndpoint; // tested, never read
@@ -40,8 +38,7 @@ std::string DumpToFile()
     char Path[] = "/tmp/orvane-userlog-XXXXXX";
     close(mkstemp(Path));
     EXPECT_EQ(0u, MSG_UserLogDump(Path));
-    std::ifstream File(Path, std::ios::binary);
-    std::string Bytes((std::istreambuf_iterator<char>(File)), std::istreambuf_iterator<char>());
+    const std::string Bytes = ReadFile(Path);
     unlink(Path);
     return Bytes;
 }
@@ -124,7 +121,7 @@ TEST(UserLog, OldestRecordsMakeRoomAndRecordsWrap)
     EXPECT_EQ(0u, DumpToFile().size()) << "a new size empties the ring";
 }
 
-TEST(UserLog, DumpToTheDiagnosticLog)
+TEST(UserLog, DumpToTheDiagnosticLogAndToAFileThatCannotBeWritten)
 {
     FreshRing(1024, 16);
     FakeMsg Five = Msg(0x80000042, 7, 5), Two = Msg(0x80000043, 8, 2), Empty = Msg(0x80000044, 9, 0);
@@ -144,13 +141,10 @@ TEST(UserLog, DumpToTheDiagnosticLog)
     EXPECT_NE(std::string::npos, Lines[3].Text.find(",0,0,,{0x80000044,9,[]}}\n"));
     for (const LoggedLine &L : Lines)
         EXPECT_EQ(LOG_INFO, L.Level);
-}
 
-TEST(UserLog, UnwritableDumpFileIsASystemError)
-{
-    TakeLoggedLines();
+    // A dump file that cannot be written is a system error.
     EXPECT_EQ(203u, MSG_UserLogDump("/nonexistent-dir/dump"));
-    std::vector<LoggedLine> Lines = TakeLoggedLines();
+    Lines = TakeLoggedLines();
     ASSERT_EQ(2u, Lines.size());
     EXPECT_NE(std::string::npos, Lines[0].Text.find("system function error: fopen(\"/nonexistent-dir/dump\",), result 2\n"));
     EXPECT_NE(std::string::npos, Lines[1].Text.find("MSG_UserLogDump: result 203/system error: file \"/nonexistent-dir/dump\"\n"));
