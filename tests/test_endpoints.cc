@@ -4,8 +4,7 @@
 // on an endpoint's socket.
 #include "test_kit.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 
 namespace {
 
@@ -20,6 +19,14 @@ int32_t CountEndpoints()
     int32_t Count = 0;
     MSG_ForAllLocalEndpoints(CountOne, &Count);
     return Count;
+}
+
+// The name of this thread's private endpoint.
+std::string PrivateName()
+{
+    char Name[64];
+    snprintf(Name, sizeof Name, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
+    return Name;
 }
 
 class Endpoints : public testing::Test {
@@ -47,6 +54,8 @@ TEST_F(Endpoints, OpeningANameTwiceIsAConflict)
     EXPECT_EQ(301u, MSG_IsLocalOpen(nullptr));
 }
 
+// The private endpoint is per thread, another thread's cannot be closed,
+// it closes when its thread ends, and reopens under its name.
 TEST_F(Endpoints, PrivateEndpointIsPerThreadAndReopensUnderItsName)
 {
     ASSERT_EQ(0u, MSG_OpenLocal(nullptr));
@@ -54,18 +63,20 @@ TEST_F(Endpoints, PrivateEndpointIsPerThreadAndReopensUnderItsName)
     ASSERT_NE(nullptr, pMine);
     EXPECT_EQ(303u, MSG_OpenLocal(nullptr));
     EXPECT_EQ(pMine, MSG_GetMyEndpoint());
+    EXPECT_EQ(1u, MSG_IsLocalOpen(PrivateName().c_str()));
 
-    char Expected[64];
-    snprintf(Expected, sizeof Expected, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
-    EXPECT_EQ(1u, MSG_IsLocalOpen(Expected));
-
-    std::string OtherName;
+    std::promise<std::string> Opened;
+    std::promise<void> Tried;
     std::thread Other([&] {
         MSG_OpenLocal(nullptr);
-        snprintf((char *)OtherName.assign(64, '\0').data(), 64, "_%lx_%d_0", (unsigned long)pthread_self(),
-                 (int)getpid());
+        Opened.set_value(PrivateName());
+        Tried.get_future().wait();
         EXPECT_NE(pMine, MSG_GetMyEndpoint());
     });
+    const std::string OtherName = Opened.get_future().get();
+    EXPECT_EQ(301u, MSG_CloseLocal(OtherName.c_str())) << "another thread's";
+    EXPECT_EQ(1u, MSG_IsLocalOpen(OtherName.c_str()));
+    Tried.set_value();
     Other.join();
     EXPECT_EQ(0u, MSG_IsLocalOpen(OtherName.c_str())) << "closed when its thread ended";
 
@@ -74,36 +85,8 @@ TEST_F(Endpoints, PrivateEndpointIsPerThreadAndReopensUnderItsName)
     EXPECT_EQ(302u, MSG_CloseLocal(nullptr));
     MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
     ASSERT_NE(nullptr, pMsg);
-    EXPECT_EQ(1u, MSG_IsLocalOpen(Expected)) << "reopened under the same name";
+    EXPECT_EQ(1u, MSG_IsLocalOpen(PrivateName().c_str())) << "reopened under the same name";
     MSG_ReleaseMsg(pMsg);
-}
-
-TEST_F(Endpoints, AnotherThreadsPrivateEndpointCannotBeClosed)
-{
-    std::string Name(64, '\0');
-    bool bClosed = false;
-    std::mutex M;
-    std::condition_variable Cv;
-    std::thread Owner([&] {
-        MSG_OpenLocal(nullptr);
-        snprintf((char *)Name.data(), 64, "_%lx_%d_0", (unsigned long)pthread_self(), (int)getpid());
-        std::unique_lock<std::mutex> Lock(M);
-        Cv.notify_all();
-        Cv.wait(Lock, [&] { return bClosed; });
-        EXPECT_NE(nullptr, MSG_GetMyEndpoint());
-    });
-    {
-        std::unique_lock<std::mutex> Lock(M);
-        Cv.wait(Lock, [&] { return Name[0] != '\0'; });
-    }
-    EXPECT_EQ(301u, MSG_CloseLocal(Name.c_str()));
-    EXPECT_EQ(1u, MSG_IsLocalOpen(Name.c_str()));
-    {
-        std::lock_guard<std::mutex> Lock(M);
-        bClosed = true;
-    }
-    Cv.notify_all();
-    Owner.join();
 }
 
 TEST_F(Endpoints, RegistryFindsTheNewestAndVisitsAll)
