@@ -26,9 +26,14 @@ const std::string &TestInstance()
 pid_t StartChild(const std::function<int()> &Body)
 {
     fflush(nullptr);
+    const pid_t Parent = getpid();
     const pid_t Child = fork();
-    if (Child == 0)
-        _exit(Body());
+    if (Child == 0) {
+        // A test that fails before it stops its children must not leave
+        // them behind: ctest would wait for them.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        _exit(getppid() == Parent ? Body() : 1);
+    }
     return Child;
 }
 
@@ -190,13 +195,9 @@ pid_t StartPeer(const char *pName)
     int Ready[2];
     if (pipe(Ready) != 0)
         return -1;
-    const pid_t Parent = getpid();
     const pid_t Child = StartChild([&] {
         close(Ready[0]);
-        // Parked until killed: a test that fails before killing it must not
-        // leave it behind (ctest would wait for it).
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != Parent || MSG_OpenLocal(pName) != 0)
+        if (MSG_OpenLocal(pName) != 0)
             return 1;
         const char Byte = 1;
         if (write(Ready[1], &Byte, 1) != 1)

@@ -38,7 +38,8 @@
 
 const std::string &TestInstance();
 
-// Runs Body in a forked child that exits with Body's result.
+// Runs Body in a forked child that exits with Body's result, and is
+// killed if this process ends first.
 pid_t StartChild(const std::function<int()> &Body);
 // Waits for the child; its exit code, or 128 + signal number (-1 when
 // Child is no child: a start that failed).

@@ -4,8 +4,6 @@
 // their exit status (0 done, 1 failed, 2 usage).
 #include "test_kit.h"
 
-#include <sys/prctl.h>
-
 #include <nlohmann/json.hpp>
 
 namespace {
@@ -106,7 +104,6 @@ std::vector<json> JsonLines(const std::string &Text)
 pid_t StartPublisher(const char *pName)
 {
     const pid_t Child = StartChild([pName] {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (MSG_OpenLocal(pName) != 0)
             return 1;
         bool bPublished = false;
