@@ -57,8 +57,7 @@ pid_t StartEcho(const Node &N, const char *pName)
             if (Pings == 0 && linx_get_name(pLinx, From, &pFromName) == 0)
                 fprintf(stderr, "echo %s: first ping from %s\n", pName, pFromName);
             linx_free_name(pLinx, &pFromName);
-            union LINX_SIGNAL *pAnswer = NewSignal(pLinx, kPing, Value + kAnswerOffset);
-            if (linx_send(pLinx, &pAnswer, From) != 0 && errno != ECONNRESET)
+            if (SendSignal(pLinx, From, kPing, Value + kAnswerOffset) != 0 && errno != ECONNRESET)
                 return linx_close(pLinx) + 2;
         }
     });

@@ -151,8 +151,7 @@ TEST_F(Endpoints, SocketQueries)
     EXPECT_EQ(-1, MSG_GetLocalFileDesc(nullptr));
 
     for (int i = 0; i < 3; i++) {
-        union LINX_SIGNAL *pSig = NewSignal(pPeer, 1, i);
-        linx_send(pPeer, &pSig, Own);
+        SendSignal(pPeer, Own, 1, i);
     }
     EXPECT_EQ(3, MSG_GetNumMsgsPending("queried", 0));
     EXPECT_EQ(0, MSG_GetNumMsgsPending("queried", linx_get_spid(pPeer)));

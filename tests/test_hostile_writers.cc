@@ -39,8 +39,7 @@ pid_t StartFlooder(const Node &N, const char *pTarget, int Told, void (*pThen)()
         LINX *pLinx = OpenOn(N, "flooder");
         const LINX_SPID To = HuntAndWait(pLinx, pTarget, 10000);
         for (bool bRefused = false; To != 0;) {
-            union LINX_SIGNAL *pSig = NewSignal(pLinx, kFlood, 0, 65536);
-            if (linx_send(pLinx, &pSig, To) != 0 && errno == ENOBUFS && !bRefused) {
+            if (SendSignal(pLinx, To, kFlood, 0, 65536) != 0 && errno == ENOBUFS && !bRefused) {
                 bRefused = true;
                 if (pThen != nullptr)
                     pThen();
@@ -64,8 +63,7 @@ bool AwaitRefusals(int Fd, int Count)
 // A ping to the echo and its answer.
 void ExpectAnswered(LINX *pLinx, LINX_SPID Echo, uint32_t Value)
 {
-    union LINX_SIGNAL *pPing = NewSignal(pLinx, kPing, Value);
-    ASSERT_EQ(0, linx_send(pLinx, &pPing, Echo)) << strerror(errno);
+    ASSERT_EQ(0, SendSignal(pLinx, Echo, kPing, Value)) << strerror(errno);
     uint32_t Answer = 0;
     ASSERT_EQ(kPing, ReceiveOne(pLinx, 10000, &Answer));
     EXPECT_EQ(Value + kAnswerOffset, Answer);
@@ -203,8 +201,7 @@ TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
     EXPECT_TRUE(WaitFor([&] { return ReadFile(Said).find(Line) != std::string::npos; }, 10000)) << ReadFile(Said);
     EXPECT_LT(RssKiB(Picky) - Before, 8 * 1024) << "the receiver grew by KiB";
     LINX *pHonest = linx_open("honest", 0, nullptr);
-    union LINX_SIGNAL *pSig = NewSignal(pHonest, 0xA, 1);
-    ASSERT_EQ(0, linx_send(pHonest, &pSig, HuntAndWait(pHonest, "picky", 5000)));
+    ASSERT_EQ(0, SendSignal(pHonest, HuntAndWait(pHonest, "picky", 5000), 0xA, 1));
     EXPECT_EQ(0, WaitChild(Picky));
     StopChild(Flooder);
     linx_close(pHonest);
@@ -284,8 +281,7 @@ TEST(HostileWriters, PeersThatDoNotBelongAreRefused)
     LINX *pClient = OpenOn(P.A, "insider");
     const LINX_SPID Vault = HuntAndWait(pClient, "b/vault", 10000);
     ASSERT_NE(0u, Vault);
-    union LINX_SIGNAL *pStop = NewSignal(pClient, kStop, 0);
-    ASSERT_EQ(0, linx_send(pClient, &pStop, Vault));
+    ASSERT_EQ(0, SendSignal(pClient, Vault, kStop, 0));
     EXPECT_EQ(0, WaitChild(Echo));
     linx_close(pClient);
 }

@@ -82,6 +82,12 @@ union LINX_SIGNAL *NewSignal(LINX *pLinx, uint32_t SigNo, uint32_t Value, uint32
     return pSig;
 }
 
+int SendSignal(LINX *pLinx, LINX_SPID To, uint32_t SigNo, uint32_t Value, uint32_t Size)
+{
+    union LINX_SIGNAL *pSig = NewSignal(pLinx, SigNo, Value, Size);
+    return linx_send(pLinx, &pSig, To) == 0 ? 0 : errno;
+}
+
 uint32_t SigNoOf(const union LINX_SIGNAL *pSig)
 {
     uint32_t SigNo;

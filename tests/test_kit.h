@@ -65,6 +65,8 @@ bool WaitFor(const std::function<bool()> &Done, int TimeoutMs);
 
 // A signal of the given number whose second word is Value.
 union LINX_SIGNAL *NewSignal(LINX *pLinx, uint32_t SigNo, uint32_t Value, uint32_t Size = 8);
+// Sends such a signal to To: 0, or the errno of the refusal.
+int SendSignal(LINX *pLinx, LINX_SPID To, uint32_t SigNo, uint32_t Value, uint32_t Size = 8);
 uint32_t SigNoOf(const union LINX_SIGNAL *pSig);
 uint32_t ValueOf(const union LINX_SIGNAL *pSig);
 

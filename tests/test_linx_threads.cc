@@ -19,11 +19,8 @@ TEST(LinxThreads, SeveralSendersKeepTheirOwnOrder)
         Senders.emplace_back([Sink, t] {
             LINX *pLinx = linx_open(("source" + std::to_string(t)).c_str(), 0, nullptr);
             for (uint32_t i = 0; i < kEach; i++) {
-                union LINX_SIGNAL *pSig = NewSignal(pLinx, 0x100 + t, i);
-                while (linx_send(pLinx, &pSig, Sink) != 0 && errno == ENOBUFS) {
+                while (SendSignal(pLinx, Sink, 0x100 + t, i) == ENOBUFS)
                     std::this_thread::yield();
-                    pSig = NewSignal(pLinx, 0x100 + t, i);
-                }
             }
             // Stay open until the sink has taken everything we sent.
             union LINX_SIGNAL *pSig = nullptr;
@@ -43,8 +40,7 @@ TEST(LinxThreads, SeveralSendersKeepTheirOwnOrder)
         Sources[SigNo - 0x100] = From;
     }
     for (LINX_SPID Source : Sources) {
-        union LINX_SIGNAL *pSig = NewSignal(pSink, 2, 0);
-        linx_send(pSink, &pSig, Source);
+        SendSignal(pSink, Source, 2, 0);
     }
     for (std::thread &T : Senders)
         T.join();
@@ -61,8 +57,7 @@ TEST(LinxThreads, SendsRacingACloseNeverCrash)
         std::thread Sender([Target, &Unexpected] {
             LINX *pLinx = linx_open("racer", 0, nullptr);
             for (int i = 0; i < 200; i++) {
-                union LINX_SIGNAL *pSig = NewSignal(pLinx, 1, i, 128);
-                if (linx_send(pLinx, &pSig, Target) != 0 && errno != ECONNRESET && errno != ENOBUFS)
+                if (SendSignal(pLinx, Target, 1, i, 128) != 0 && errno != ECONNRESET && errno != ENOBUFS)
                     Unexpected++;
             }
             linx_close(pLinx);

@@ -46,12 +46,10 @@ TEST_P(LinkedPair, HuntsSignalsAnswersAndDeathsCrossTheLink)
 
     constexpr uint32_t kCount = 500;
     for (uint32_t i = 0; i < kCount; i++) {
-        int Result;
-        do { // a full ring refuses at once; it drains as linxd forwards
-            union LINX_SIGNAL *pPing = NewSignal(pClient, kPing, i, i % 7 == 0 ? (i == 7 ? 200000 : 20000) : 8);
-            Result = linx_send(pClient, &pPing, Alpha);
-        } while (Result != 0 && errno == ENOBUFS && usleep(1000) == 0);
-        ASSERT_EQ(0, Result) << strerror(errno);
+        int Result; // a full ring refuses at once; it drains as linxd forwards
+        while ((Result = SendSignal(pClient, Alpha, kPing, i, i % 7 == 0 ? (i == 7 ? 200000 : 20000) : 8)) == ENOBUFS)
+            usleep(1000);
+        ASSERT_EQ(0, Result) << strerror(Result);
     }
     for (uint32_t i = 0; i < kCount; i++) {
         uint32_t Value = 0;
@@ -66,8 +64,7 @@ TEST_P(LinkedPair, HuntsSignalsAnswersAndDeathsCrossTheLink)
         LINX *pBrief = OpenOn(P.A, "brief");
         const LINX_SPID To = HuntAndWait(pBrief, "b/alpha", 10000);
         for (uint32_t i = 0; i <= 100 && To != 0; i++) {
-            union LINX_SIGNAL *pPing = NewSignal(pBrief, i < 100 ? kPing : kStop, i);
-            if (linx_send(pBrief, &pPing, To) != 0)
+            if (SendSignal(pBrief, To, i < 100 ? kPing : kStop, i) != 0)
                 return 1;
         }
         return linx_close(pBrief) + (To != 0 ? 0 : 2); // at once
@@ -87,8 +84,7 @@ TEST_P(LinkedPair, HuntsSignalsAnswersAndDeathsCrossTheLink)
     StopChild(Doomed);
     EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 5000, nullptr, &Gone));
     EXPECT_EQ(Beta, Gone);
-    union LINX_SIGNAL *pLate = NewSignal(pClient, kPing, 1);
-    EXPECT_TRUE(linx_send(pClient, &pLate, Beta) == 0 || errno == ECONNRESET); // never blocks or crashes
+    EXPECT_TRUE(SendSignal(pClient, Beta, kPing, 1) == 0 || errno == ECONNRESET); // never blocks or crashes
     linx_close(pClient);
 }
 
@@ -168,15 +164,13 @@ TEST(LinkHops, TwoHopsThereAndBack)
     const LINX_SPID Gamma = HuntAndWait(pClient, "b/c/gamma", 10000);
     ASSERT_NE(0u, Gamma) << ReadFile(A.LogPath) << ReadFile(B.LogPath);
     for (uint32_t i = 0; i < 50; i++) {
-        union LINX_SIGNAL *pPing = NewSignal(pClient, kPing, i);
-        ASSERT_EQ(0, linx_send(pClient, &pPing, Gamma));
+        ASSERT_EQ(0, SendSignal(pClient, Gamma, kPing, i));
         uint32_t Value = 0;
         ASSERT_EQ(kPing, ReceiveOne(pClient, 5000, &Value));
         ASSERT_EQ(i + kAnswerOffset, Value);
     }
     ASSERT_NE(0u, linx_attach(pClient, nullptr, Gamma));
-    union LINX_SIGNAL *pStop = NewSignal(pClient, kStop, 0);
-    ASSERT_EQ(0, linx_send(pClient, &pStop, Gamma));
+    ASSERT_EQ(0, SendSignal(pClient, Gamma, kStop, 0));
     EXPECT_EQ(0, WaitChild(Echo));
     EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pClient, 5000));
     EXPECT_NE(std::string::npos,

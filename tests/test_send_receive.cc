@@ -231,23 +231,4 @@ TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
     EXPECT_NE(std::string::npos, Log.find("signal number 0x55, size 0, from remote ep 0x"));
 }
 
-TEST_F(SendReceive, UserLogRecordsBothDirections)
-{
-    const uint32_t Client = FindSpid("client", "client");
-    ASSERT_EQ(0u, MSG_UserLogConfig(4096, 16, MSG_USER_LOG_RECV | MSG_USER_LOG_SEND));
-    ASSERT_EQ(0u, MSG_SendMsg("client", Client, NewMsg(kRequest, 8, 2)));
-    MSG_Msg *pMsg = MSG_RecvMsg("client", kRequest, 1000);
-    ASSERT_NE(nullptr, pMsg);
-    MSG_ReleaseMsg(pMsg);
-    TakeLoggedLines();
-    MSG_UserLogDump(nullptr);
-    std::vector<LoggedLine> Lines = TakeLoggedLines();
-    ASSERT_EQ(3u, Lines.size());
-    char Expected[96];
-    snprintf(Expected, sizeof Expected, "0x%x=>0x%x,2,4,,{0x80000120,8,", Client, Client);
-    EXPECT_NE(std::string::npos, Lines[1].Text.find(Expected)) << Lines[1].Text;
-    EXPECT_NE(std::string::npos, Lines[2].Text.find(Expected)) << Lines[2].Text;
-    MSG_UserLogConfig(4096, 16, 0);
-}
-
 } // namespace
