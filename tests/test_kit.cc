@@ -5,6 +5,8 @@
 #include <iterator>
 #include <sys/prctl.h>
 
+#include "msg_local_endpoint.h"
+
 namespace {
 
 std::string jMakeInstance()
@@ -220,6 +222,18 @@ pid_t StartPeer(const char *pName)
         return -1;
     }
     return Child;
+}
+
+uint32_t SpidOf(const char *pName)
+{
+    return MSG_GetLocalEndpoint(pName)->Spid;
+}
+
+void SendRaw(LINX *pFrom, LINX_SPID To, const void *pBytes, uint32_t Size)
+{
+    union LINX_SIGNAL *pSig = linx_alloc(pFrom, Size, 0);
+    memcpy(pSig, pBytes, Size);
+    linx_send(pFrom, &pSig, To);
 }
 
 bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done)

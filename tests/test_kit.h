@@ -93,6 +93,12 @@ MSG_Msg *NewMsg(MSG_Type Type, uint32_t Sequence, uint32_t PayloadBytes);
 // killed; returns once the endpoint is open.
 pid_t StartPeer(const char *pName);
 
+// The SPID of this process's local endpoint Name.
+uint32_t SpidOf(const char *pName);
+
+// Sends Size raw bytes from pFrom to To, as another process might.
+void SendRaw(LINX *pFrom, LINX_SPID To, const void *pBytes, uint32_t Size);
+
 // Serves the local public endpoint's receive loop until Done() holds or
 // TimeoutMs passes; user messages are released.  Returns Done().
 bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done);

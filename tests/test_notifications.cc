@@ -10,11 +10,6 @@ namespace {
 
 constexpr MSG_Type kNews = 0x150;
 
-uint32_t SpidOf(const char *pName)
-{
-    return MSG_GetLocalEndpoint(pName)->Spid;
-}
-
 // Publishes one message of Type carrying Value.
 MSG_Status Publish(MSG_Type Type, uint32_t Value = 0)
 {
@@ -154,14 +149,6 @@ TEST_F(Notifications, RemoteSubscribersAreServedAndPurgedWhenTheyDie)
         << "both purged by their close messages";
 }
 
-// Sends raw bytes to the publisher as another process might.
-void SendRaw(LINX *pForger, const void *pBytes, uint32_t Size)
-{
-    union LINX_SIGNAL *pSig = linx_alloc(pForger, Size, 0);
-    memcpy(pSig, pBytes, Size);
-    linx_send(pForger, &pSig, SpidOf("pub"));
-}
-
 TEST_F(Notifications, MalformedRequestsAreRefusedAndTheLoopGoesOn)
 {
     LINX *pForger = linx_open("forger", 0, nullptr); // open throughout: a subscriber that lives
@@ -174,24 +161,24 @@ TEST_F(Notifications, MalformedRequestsAreRefusedAndTheLoopGoesOn)
     Request.Header.PayloadBytes = 8;
     Request.Range[0] = 0x30;
     Request.Range[1] = 0x10;
-    SendRaw(pForger, &Request, sizeof(MSG_Msg) + 4); // half a range
+    SendRaw(pForger, SpidOf("pub"), &Request, sizeof(MSG_Msg) + 4); // half a range
     EXPECT_EQ(nullptr, MSG_RecvAnyMsg("pub", 500));
     EXPECT_GT(Occurrences(TakeLoggedText(), "MSG_NotificationReqHandler: result 300/unknown error"), 0);
     EXPECT_EQ(0, MSG_CountNotifications_Private("pub"));
 
     Request.Header.MsgType = 0x30000000 | MSG_TYPE_USER_SHIFT;
-    SendRaw(pForger, &Request, sizeof Request);
+    SendRaw(pForger, SpidOf("pub"), &Request, sizeof Request);
     EXPECT_EQ(nullptr, MSG_RecvAnyMsg("pub", 500));
     EXPECT_GT(Occurrences(TakeLoggedText(), "unknown type refused"), 0);
 
     Request.Header.MsgType = MSG_NTFY_REQ_REGISTER | MSG_TYPE_USER_SHIFT;
-    SendRaw(pForger, &Request, sizeof Request); // an upside-down range is taken as it is
+    SendRaw(pForger, SpidOf("pub"), &Request, sizeof Request); // an upside-down range is taken as it is
     EXPECT_TRUE(Pump("pub", 2000, [] { return MSG_CountNotifications_Private("pub") == 1; }));
     EXPECT_EQ(305u, Publish(0x20)) << "and never matches";
 
     // A flood of requests from one subscriber stops growing the list.
     for (int i = 0; i < 1100; i++)
-        SendRaw(pForger, &Request, sizeof Request);
+        SendRaw(pForger, SpidOf("pub"), &Request, sizeof Request);
     EXPECT_TRUE(Pump("pub", 10000, [] { return MSG_GetNumMsgsPending("pub", 0) == 0; }));
     EXPECT_EQ(1024, MSG_CountNotifications_Private("pub"));
     EXPECT_GT(Occurrences(TakeLoggedText(), "subscriptions already: request refused"), 0);

@@ -6,6 +6,7 @@
 
 #include "msg_local_endpoint.h"
 
+
 namespace {
 
 constexpr MSG_Type kRequest = 0x120;
@@ -180,29 +181,20 @@ TEST_F(SendReceive, ReceiveTimeouts)
     EXPECT_EQ(0, WaitChild(Late));
 }
 
-// Sends raw bytes to the client's public endpoint as another process might.
-void SendRaw(uint32_t To, const void *pBytes, uint32_t Size)
-{
-    LINX *pLinx = linx_open("forger", 0, nullptr);
-    union LINX_SIGNAL *pSig = linx_alloc(pLinx, Size, 0);
-    memcpy(pSig, pBytes, Size);
-    linx_send(pLinx, &pSig, To);
-    linx_close(pLinx);
-}
-
 TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
 {
     const uint32_t Client = FindSpid("client", "client");
     const pid_t Forger = StartChild([Client] {
+        LINX *pForger = linx_open("forger", 0, nullptr);
         const uint32_t Short[3] = {kRequest | MSG_TYPE_USER_SHIFT, 1, 2};
-        SendRaw(Client, Short, sizeof Short); // shorter than the header
+        SendRaw(pForger, Client, Short, sizeof Short); // shorter than the header
         MSG_Msg Corrupt = {};
         Corrupt.MsgType = kRequest | MSG_TYPE_USER_SHIFT;
         Corrupt.SendStackSize = 9;
-        SendRaw(Client, &Corrupt, sizeof Corrupt);
+        SendRaw(pForger, Client, &Corrupt, sizeof Corrupt);
         MSG_Msg Foreign = {};
         Foreign.MsgType = 0x55; // no library mark
-        SendRaw(Client, &Foreign, sizeof Foreign);
+        SendRaw(pForger, Client, &Foreign, sizeof Foreign);
         struct {
             MSG_Msg Header;
             char Payload[4];
@@ -211,8 +203,8 @@ TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
         Repairable.Header.Sequence = 42;
         Repairable.Header.PayloadBytes = -5;
         Repairable.Header.InUseMagic = 0xDEADBEEF;
-        SendRaw(Client, &Repairable, sizeof Repairable);
-        return 0;
+        SendRaw(pForger, Client, &Repairable, sizeof Repairable);
+        return linx_close(pForger);
     });
     EXPECT_EQ(0, WaitChild(Forger));
     for (int i = 0; i < 3; i++)

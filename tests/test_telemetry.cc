@@ -4,7 +4,6 @@
 // capture as the Wireshark dissector decodes it, and the endpoint dump.
 #include "test_kit.h"
 
-#include "msg_local_endpoint.h"
 #include "msg_telemetry.h"
 #include "msg_telemetry_lite.pb.h"
 
@@ -70,11 +69,6 @@ Record FirstRecord(uint32_t From, uint32_t To, MSG_Msg *pMsg, uint32_t bReceived
     for (int i = 0; i < 500 && !TakeRecord(&First, 10); i++)
         MSG_ResendToGlobalTelemetry(From, To, pMsg, bReceived);
     return First;
-}
-
-uint32_t SpidOf(const char *pName)
-{
-    return MSG_GetLocalEndpoint(pName)->Spid;
 }
 
 MSG_Msg *NewMessage(MSG_Type Type, uint32_t Sequence, const char *pText)
