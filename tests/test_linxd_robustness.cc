@@ -107,9 +107,13 @@ protected:
     LINX *pLinx = nullptr;
 };
 
-// Garbage, truncated and out-of-order requests are refused, and one client
-// cannot hold without limit: others are served, and the limit goes with it.
-TEST_F(LinxdRobustness, GarbageRequestsAndGreedyClientsAreRefused)
+// One raw client of linxd: garbage, truncated and out-of-order requests
+// are refused; the shared memory it is given cannot be shrunk or written;
+// a ring that could shrink under a mapping is refused, and a forged one
+// delivers what precedes the damage and is then refused with one line;
+// and it cannot hold without limit: others are served, and the limit goes
+// with it.
+TEST_F(LinxdRobustness, ARawClientCannotHurtOthers)
 {
     const int Fd = RawConnect(TestInstance());
     ASSERT_GE(Fd, 0);
@@ -132,46 +136,21 @@ TEST_F(LinxdRobustness, GarbageRequestsAndGreedyClientsAreRefused)
     EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_DETACH, 12345).Header.error);
     EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_REQUEST_TMO, (uint32_t)-5).Header.error);
     EXPECT_EQ(ECONNRESET, RawRequest(Fd, LINXD_OP_INFO_NAME, 0x7FFFFFF0).Header.error);
+    // The counter region other sockets' senders rely on cannot be written.
+    ASSERT_GE(Registered.Fds[1], 0);
+    EXPECT_EQ(MAP_FAILED, mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, Registered.Fds[1], 0));
+    EXPECT_EQ(-1, pwrite(Registered.Fds[1], "x", 1, 0));
     for (int Shared : Registered.Fds) { // no client can shrink what others map
         EXPECT_NE(0, ftruncate(Shared, 0));
         close(Shared);
     }
-    int Granted = 0;
-    for (int i = 0; i < 5000; i++)
-        Granted += RawRequest(Fd, LINXD_OP_REQUEST_TMO, 1000000).Header.result == 0;
-    EXPECT_EQ(4096, Granted);
-    EXPECT_EQ(ENOBUFS, RawRequest(Fd, LINXD_OP_HUNT, Registered.Header.value[0], "nobody").Header.error);
-    EXPECT_EQ(ENOBUFS, RawRequest(Fd, LINXD_OP_REQUEST_NEW_LINK, 0).Header.error);
-    // Others are served as before, and the limit goes with the client.
-    ExpectServing();
-    close(Fd);
-    const int Again = RawConnect(TestInstance());
-    ASSERT_EQ(0, RawRequest(Again, LINXD_OP_REGISTER, 0, "greedy").Header.result);
-    EXPECT_EQ(0, RawRequest(Again, LINXD_OP_REQUEST_TMO, 1000000).Header.result);
-    close(Again);
-}
 
-// A forged ring in the receiver's queue: what precedes the damage is
-// delivered, the ring is then refused with one line, and nothing else
-// suffers.  linxd itself refuses rings that could shrink under a mapping.
-TEST_F(LinxdRobustness, ForgedRingsAreRefused)
-{
-    const int Fd = RawConnect(TestInstance());
-    const RawReply Registered = RawRequest(Fd, LINXD_OP_REGISTER, 0, "forger");
-    ASSERT_EQ(0, Registered.Header.result);
     const uint64_t Bytes = linxd_ring_bytes(Registered.Header.value[2]);
     const LINX_SPID Target = linx_get_spid(pLinx);
-    // The counter region other sockets' senders rely on cannot be written.
-    const int Region = Registered.Fds[1];
-    ASSERT_GE(Region, 0);
-    EXPECT_EQ(MAP_FAILED, mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, Region, 0));
-    EXPECT_EQ(-1, pwrite(Region, "x", 1, 0));
-
     const int Loose = memfd_create("loose", MFD_CLOEXEC);
     ASSERT_EQ(0, ftruncate(Loose, (off_t)Bytes));
     EXPECT_EQ(EINVAL, RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", Loose).Header.error);
     close(Loose);
-
     linxd_ring_header *pRing = nullptr;
     const int RingFd = SealedRing(Bytes, LINXD_RING_MAGIC, &pRing);
     ASSERT_GE(RingFd, 0);
@@ -186,7 +165,6 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
     const RawReply Route = RawRequest(Fd, LINXD_OP_OPEN_ROUTE, Target, "", "", RingFd);
     ASSERT_EQ(0, Route.Header.result);
     ASSERT_GE(Route.Fds[0], 0);
-
     testing::internal::CaptureStderr();
     uint32_t Value = 0;
     EXPECT_EQ(0x55u, ReceiveOne(pLinx, 2000, &Value));
@@ -197,14 +175,22 @@ TEST_F(LinxdRobustness, ForgedRingsAreRefused)
                                            ": an entry whose size does not fit"))
         << Said;
     munmap(pRing, Bytes);
-    close(RingFd);
-    for (int Fd : Route.Fds)
-        close(Fd);
-    for (int Fd : Registered.Fds)
-        if (Fd >= 0)
-            close(Fd);
-    close(Fd);
+    for (int Passed : {RingFd, Route.Fds[0], Route.Fds[1], Route.Fds[2], Route.Fds[3], Route.Fds[4]})
+        close(Passed);
+
+    int Granted = 0;
+    for (int i = 0; i < 5000; i++)
+        Granted += RawRequest(Fd, LINXD_OP_REQUEST_TMO, 1000000).Header.result == 0;
+    EXPECT_EQ(4096, Granted);
+    EXPECT_EQ(ENOBUFS, RawRequest(Fd, LINXD_OP_HUNT, Registered.Header.value[0], "nobody").Header.error);
+    EXPECT_EQ(ENOBUFS, RawRequest(Fd, LINXD_OP_REQUEST_NEW_LINK, 0).Header.error);
+    // Others are served as before, and the limit goes with the client.
     ExpectServing();
+    close(Fd);
+    const int Again = RawConnect(TestInstance());
+    ASSERT_EQ(0, RawRequest(Again, LINXD_OP_REGISTER, 0, "greedy").Header.result);
+    EXPECT_EQ(0, RawRequest(Again, LINXD_OP_REQUEST_TMO, 1000000).Header.result);
+    close(Again);
 }
 
 // One process announces ring after ring to one receiver, sound ones and

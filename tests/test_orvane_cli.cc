@@ -37,8 +37,7 @@ public:
     }
     ~OrvaneRun()
     {
-        if (mPid > 0)
-            StopChild(mPid);
+        StopChild(mPid);
         unlink(mOut.c_str());
         unlink(mErr.c_str());
     }
@@ -53,11 +52,11 @@ public:
         if (Signal != 0)
             kill(mPid, Signal);
         Outcome O;
-        siginfo_t Info = {};
-        if (!WaitFor([&] { return waitid(P_PID, mPid, &Info, WEXITED | WNOHANG | WNOWAIT) == 0 && Info.si_pid == mPid; },
-                     30000))
-            kill(mPid, SIGKILL);
-        O.Status = WaitChild(mPid);
+        int Status = 0;
+        if (WaitFor([&] { return waitpid(mPid, &Status, WNOHANG) == mPid; }, 30000))
+            O.Status = WIFEXITED(Status) ? WEXITSTATUS(Status) : 128 + WTERMSIG(Status);
+        else
+            StopChild(mPid);
         mPid = -1;
         O.Out = ReadFile(mOut);
         O.Err = ReadFile(mErr);

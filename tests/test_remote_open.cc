@@ -155,11 +155,9 @@ TEST_F(RemoteOpen, AsyncOpenChecksItsArgumentsAndUndoesARefusedHunt)
     Ranged.MsgTypeMax = 5;
     Twice.bOneShot = 2;
     OneShot.bOneShot = 1;
-    EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", nullptr, nullptr));
     EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", &Ranged, nullptr));
     EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", &Twice, nullptr));
     EXPECT_EQ(301u, MSG_OpenRemoteAsync("watcher", "p", &Good, &OneShot)) << "one-shot flags differ";
-    EXPECT_EQ(301u, MSG_OpenRemoteAsync(nullptr, "p", &Good, nullptr));
     EXPECT_EQ(302u, MSG_OpenRemoteAsync("nosuch", "p", &Good, nullptr));
     char PrivateName[64];
     MSG_AllocMsg(1, 0, 0); // opens this thread's private endpoint

@@ -41,10 +41,18 @@ protected:
     MSG_Hash *pHash = nullptr;
 };
 
-TEST_F(Tracker, AlternatingStatesReportNothingAndRepeatsReportOnce)
+TEST_F(Tracker, CreationStatesRepeatsAndRemoval)
 {
-    pHash = MSG_CreateHash(kSize, 31, 32, 1024);
-    ASSERT_NE(nullptr, pHash);
+    EXPECT_EQ(nullptr, MSG_CreateHash(0, 1, 1, 1));
+    EXPECT_EQ(nullptr, MSG_CreateHash(7, 1, 1, 0));
+    MSG_DebugSetFlag(MSG_DEBUG_LOG_SUCCESS);
+    pHash = MSG_CreateHash(kSize, 31, 5000, 1024);
+    MSG_DebugSetFlag(0);
+    std::vector<std::string> Info = Lines(LOG_INFO);
+    ASSERT_EQ(1u, Info.size());
+    EXPECT_NE(std::string::npos, Info[0].find("MSG_CreateHash: result 0/OK: size 1021, step size 31, max steps 5000, interval = 1024\n"));
+
+    // Alternating states report nothing; a repeat reports once.
     MSG_Msg *p = Colliding(0);
     for (int i = 0; i < 4; i++)
         EXPECT_EQ(0u, MSG_AddHashEntry(pHash, p, i % 2 == 0));
@@ -69,6 +77,17 @@ TEST_F(Tracker, AlternatingStatesReportNothingAndRepeatsReportOnce)
     // A release of a message never seen takes a slot silently.
     MSG_AddHashEntry(pHash, Colliding(1), 0);
     EXPECT_TRUE(Lines(LOG_ERR).empty());
+
+    p = Colliding(3, 0x55);
+    MSG_AddHashEntry(pHash, p, 1);
+    EXPECT_EQ(0u, MSG_RemoveHashEntry(pHash, p));
+    EXPECT_EQ(300u, MSG_RemoveHashEntry(pHash, p));
+    std::vector<std::string> Warnings = Lines(LOG_WARNING);
+    ASSERT_EQ(1u, Warnings.size());
+    snprintf(Expect, sizeof Expect, "hash %p: possible double free: can't find %p: type 0x55\n", (void *)pHash, (void *)p);
+    EXPECT_NE(std::string::npos, Warnings[0].find(Expect));
+    EXPECT_EQ(301u, MSG_RemoveHashEntry(nullptr, p));
+    EXPECT_EQ(301u, MSG_DestroyHash(nullptr));
 }
 
 TEST_F(Tracker, FullProbeSequenceEvictsTheOldestReleasedFirst)
@@ -127,30 +146,6 @@ TEST_F(Tracker, StatisticsFollowEveryIntervalOperations)
     Info = Lines(LOG_INFO);
     ASSERT_EQ(1u, Info.size());
     EXPECT_NE(std::string::npos, Info[0].find("min=3, max=3; Linx allocated msgs min=2, max=3\n"));
-}
-
-TEST_F(Tracker, CreationAndRemoval)
-{
-    EXPECT_EQ(nullptr, MSG_CreateHash(0, 1, 1, 1));
-    EXPECT_EQ(nullptr, MSG_CreateHash(7, 1, 1, 0));
-    MSG_DebugSetFlag(MSG_DEBUG_LOG_SUCCESS);
-    pHash = MSG_CreateHash(kSize, 31, 5000, 1024);
-    MSG_DebugSetFlag(0);
-    std::vector<std::string> Info = Lines(LOG_INFO);
-    ASSERT_EQ(1u, Info.size());
-    EXPECT_NE(std::string::npos, Info[0].find("MSG_CreateHash: result 0/OK: size 1021, step size 31, max steps 5000, interval = 1024\n"));
-
-    MSG_Msg *p = Colliding(3, 0x55);
-    MSG_AddHashEntry(pHash, p, 1);
-    EXPECT_EQ(0u, MSG_RemoveHashEntry(pHash, p));
-    EXPECT_EQ(300u, MSG_RemoveHashEntry(pHash, p));
-    std::vector<std::string> Warnings = Lines(LOG_WARNING);
-    ASSERT_EQ(1u, Warnings.size());
-    char Expect[128];
-    snprintf(Expect, sizeof Expect, "hash %p: possible double free: can't find %p: type 0x55\n", (void *)pHash, (void *)p);
-    EXPECT_NE(std::string::npos, Warnings[0].find(Expect));
-    EXPECT_EQ(301u, MSG_RemoveHashEntry(nullptr, p));
-    EXPECT_EQ(301u, MSG_DestroyHash(nullptr));
 }
 
 } // namespace
