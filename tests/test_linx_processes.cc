@@ -156,6 +156,15 @@ TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
     // Attaching to a socket that is gone fires at once.
     ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
     EXPECT_EQ(252u, ReceiveOne(pParent, 1000));
+
+    // An attach goes with the socket that made it: linxd keeps nothing.
+    struct linx_info_summary Before = {}, Now = {};
+    ASSERT_EQ(0, linx_get_summary(pParent, &Before));
+    LINX *pBrief = linx_open("brief", 0, nullptr);
+    ASSERT_NE(0u, linx_attach(pBrief, nullptr, linx_get_spid(pParent)));
+    linx_close(pBrief);
+    EXPECT_TRUE(WaitFor([&] { return linx_get_summary(pParent, &Now) == 0 && Now.attaches == Before.attaches; }, 2000))
+        << Now.attaches - Before.attaches << " attaches of a closed socket kept";
 }
 
 TEST_F(LinxProcesses, SendersKilledMidFloodNeverCorruptWhatComesNext)
