@@ -6,7 +6,7 @@
 // with the memory and descriptors it started with.
 #include "test_kit.h"
 
-#include <dirent.h>
+#include <filesystem>
 
 namespace {
 
@@ -62,13 +62,8 @@ uint32_t OnClose(void *pContext, MSG_Msg *)
 
 int LinxdDescriptors(pid_t Pid)
 {
-    DIR *pDir = opendir(("/proc/" + std::to_string(Pid) + "/fd").c_str());
-    int Count = 0;
-    while (pDir != nullptr && readdir(pDir) != nullptr)
-        Count++;
-    if (pDir != nullptr)
-        closedir(pDir);
-    return Count;
+    const std::filesystem::path Fds = "/proc/" + std::to_string(Pid) + "/fd";
+    return (int)std::distance(std::filesystem::directory_iterator(Fds), std::filesystem::directory_iterator());
 }
 
 // linxd's descriptors once the last peer's sockets are closed: the count

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "test_kit.h"
 
-#include <dirent.h>
+#include <filesystem>
 #include <iterator>
 #include <sys/prctl.h>
 
@@ -59,18 +59,12 @@ int StopChild(pid_t Child, int Signal)
 std::vector<pid_t> FindLinxd(const std::string &Instance)
 {
     const std::string Wanted = std::string("--instance") + '\0' + Instance + '\0';
-    DIR *pProc = opendir("/proc");
     std::vector<pid_t> Found;
-    while (struct dirent *pEntry = pProc ? readdir(pProc) : nullptr) {
-        const pid_t Pid = atoi(pEntry->d_name);
-        if (Pid <= 0)
-            continue;
-        const std::string Cmdline = ReadFile("/proc/" + std::string(pEntry->d_name) + "/cmdline");
+    for (const auto &Entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string Cmdline = ReadFile(Entry.path() / "cmdline");
         if (Cmdline.find("linxd") != std::string::npos && Cmdline.find(Wanted) != std::string::npos)
-            Found.push_back(Pid);
+            Found.push_back(atoi(Entry.path().filename().c_str()));
     }
-    if (pProc)
-        closedir(pProc);
     return Found;
 }
 
