@@ -31,11 +31,11 @@ constexpr bool kRssIsMemory = true;
 constexpr uint32_t kFlood = 0x99;
 
 // A process on the node that keeps its ring to Target full of 64 KiB
-// signals until it is killed; it writes a byte to Told once a send was
-// refused, after running Then.
-pid_t StartFlooder(const Node &N, const char *pTarget, int Told, void (*pThen)() = nullptr)
+// signals until it is killed; it tells once a send was refused, after
+// running Then.
+pid_t StartFlooder(const Node &N, const char *pTarget, const Pipe &Told, void (*pThen)() = nullptr)
 {
-    return StartChild([&N, pTarget, Told, pThen] {
+    return StartChild([&N, pTarget, &Told, pThen] {
         LINX *pLinx = OpenOn(N, "flooder");
         const LINX_SPID To = HuntAndWait(pLinx, pTarget, 10000);
         for (bool bRefused = false; To != 0;) {
@@ -43,19 +43,18 @@ pid_t StartFlooder(const Node &N, const char *pTarget, int Told, void (*pThen)()
                 bRefused = true;
                 if (pThen != nullptr)
                     pThen();
-                (void)!write(Told, "", 1);
+                Told.Say();
             }
         }
         return 1;
     });
 }
 
-// Waits for Count bytes on Fd, one from each flooder that was refused.
-bool AwaitRefusals(int Fd, int Count)
+// Waits until Count flooders told they were refused.
+bool AwaitRefusals(const Pipe &Told, int Count)
 {
-    char Byte;
     for (int i = 0; i < Count; i++)
-        if (!WaitFor([&] { return read(Fd, &Byte, 1) == 1; }, 20000))
+        if (!WaitFor([&] { return Told.Hear(); }, 20000))
             return false;
     return true;
 }
@@ -93,8 +92,7 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
         return 0;
     });
     const pid_t Echo = StartEcho(P.B, "echo");
-    int Go[2];
-    ASSERT_EQ(0, pipe(Go));
+    const Pipe Go;
     const pid_t Hunter = StartChild([&] {
         LINX *pLinx = OpenOn(P.A, "hunter");
         int Taken = 0, Refusals = 0;
@@ -103,8 +101,7 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
             Taken += Result == 0;
             Refusals += Result != 0 && errno == ENOBUFS;
         }
-        char Byte;
-        (void)!read(Go[0], &Byte, 1); // its hunts wait until the other process's was answered
+        Go.Hear(); // its hunts wait until the other process's was answered
         return linx_close(pLinx) + (Taken == 4096 && Refusals == 904 ? 0 : 1);
     });
     const std::string Refusal =
@@ -115,16 +112,13 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
     LINX *pHonest = OpenOn(P.A, "honest");
     const LINX_SPID EchoSpid = HuntAndWait(pHonest, "b/echo", 10000);
     ASSERT_NE(0u, EchoSpid);
-    (void)!write(Go[1], "", 1);
+    Go.Say();
     EXPECT_EQ(0, WaitChild(Hunter));
-    close(Go[0]);
-    close(Go[1]);
     ExpectAnswered(pHonest, EchoSpid, 0);
     const long BeforeA = RssKiB(P.A.Pid), BeforeB = RssKiB(P.B.Pid);
-    int Refused[2];
-    ASSERT_EQ(0, pipe2(Refused, O_NONBLOCK));
-    const pid_t Flooders[2] = {StartFlooder(P.A, "b/sink", Refused[1]), StartFlooder(P.A, "b/deaf", Refused[1])};
-    ASSERT_TRUE(AwaitRefusals(Refused[0], 2));
+    const Pipe Refused(O_NONBLOCK);
+    const pid_t Flooders[2] = {StartFlooder(P.A, "b/sink", Refused), StartFlooder(P.A, "b/deaf", Refused)};
+    ASSERT_TRUE(AwaitRefusals(Refused, 2));
     long MostA = 0, MostB = 0;
     for (uint32_t i = 1; i <= 50; i++) {
         ExpectAnswered(pHonest, EchoSpid, i);
@@ -150,8 +144,6 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
     for (const pid_t Child : {Sink, Echo}) {
         StopChild(Child);
     }
-    close(Refused[0]);
-    close(Refused[1]);
 }
 
 // Scribbles on every ready set this process maps (its own sockets' and its
@@ -178,25 +170,22 @@ void ScribbleOnReadySets()
 TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
 {
     const std::string Said = "/tmp/" + TestInstance() + "-picky.err";
-    int Ready[2], Refused[2];
-    ASSERT_EQ(0, pipe(Ready));
-    ASSERT_EQ(0, pipe2(Refused, O_NONBLOCK));
+    const Pipe Ready, Refused(O_NONBLOCK);
     const pid_t Picky = StartChild([&] {
         dup2(open(Said.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), 2);
         LINX *pLinx = linx_open("picky", 0, nullptr);
-        (void)!write(Ready[1], "", 1);
+        Ready.Say();
         static const LINX_SIGSELECT kOnlyA[] = {1, 0xA};
         const uint32_t Got = ReceiveOne(pLinx, 20000, nullptr, nullptr, kOnlyA);
         linx_close(pLinx);
         return Got == 0xA ? 0 : 1;
     });
-    char Byte;
-    ASSERT_EQ(1, read(Ready[0], &Byte, 1));
+    ASSERT_TRUE(Ready.Hear());
     const long Before = RssKiB(Picky);
     Node Here; // this test's own instance, which it does not start or kill
     Here.Instance = TestInstance();
-    const pid_t Flooder = StartFlooder(Here, "picky", Refused[1], ScribbleOnReadySets);
-    ASSERT_TRUE(AwaitRefusals(Refused[0], 1));
+    const pid_t Flooder = StartFlooder(Here, "picky", Refused, ScribbleOnReadySets);
+    ASSERT_TRUE(AwaitRefusals(Refused, 1));
     const std::string Line = "left the signals of process " + std::to_string(Flooder) + " in its ring";
     EXPECT_TRUE(WaitFor([&] { return ReadFile(Said).find(Line) != std::string::npos; }, 10000)) << ReadFile(Said);
     EXPECT_LT(RssKiB(Picky) - Before, 8 * 1024) << "the receiver grew by KiB";
@@ -205,8 +194,6 @@ TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
     EXPECT_EQ(0, WaitChild(Picky));
     StopChild(Flooder);
     linx_close(pHonest);
-    for (const int Fd : {Ready[0], Ready[1], Refused[0], Refused[1]})
-        close(Fd);
 }
 
 // Peers that do not belong: a TCP peer with another secret never gets a

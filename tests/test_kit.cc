@@ -194,24 +194,14 @@ MSG_Msg *NewMsg(MSG_Type Type, uint32_t Sequence, uint32_t PayloadBytes)
 
 pid_t StartPeer(const char *pName)
 {
-    int Ready[2];
-    if (pipe(Ready) != 0)
-        return -1;
+    const Pipe Ready(O_NONBLOCK);
     const pid_t Child = StartChild([&] {
-        close(Ready[0]);
-        if (MSG_OpenLocal(pName) != 0)
+        if (MSG_OpenLocal(pName) != 0 || !Ready.Say())
             return 1;
-        const char Byte = 1;
-        if (write(Ready[1], &Byte, 1) != 1)
-            return 2;
         pause();
         return 0;
     });
-    close(Ready[1]);
-    char Byte = 0;
-    const bool bReady = read(Ready[0], &Byte, 1) == 1;
-    close(Ready[0]);
-    if (!bReady) {
+    if (!WaitFor([&] { return Ready.Hear(); }, 10000)) {
         StopChild(Child);
         return -1;
     }

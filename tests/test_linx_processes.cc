@@ -330,17 +330,14 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
     constexpr int kEach = 20; // senders per way of leaving
     enum Way { Closes, Exits, Killed };
     const int Before = RingMappings(getpid());
-    int Ready[2], Go[2];
-    ASSERT_EQ(0, pipe(Ready));
-    ASSERT_EQ(0, pipe(Go));
+    const Pipe Ready, Go;
     std::vector<pid_t> Children;
     for (int i = 0; i < 3 * kEach; i++)
         Children.push_back(StartSender("leaver", [&, i](LINX *pLinx, LINX_SPID Parent) {
             for (uint32_t Seq = 0; Seq < 3; Seq++)
                 SendPattern(pLinx, Parent, Seq, PatternSize(Seq));
             const LINX_SPID Mine[2] = {linx_get_spid(pLinx), (LINX_SPID)(i / kEach)};
-            char Byte;
-            if (write(Ready[1], Mine, sizeof Mine) != sizeof Mine || (i >= kEach && read(Go[0], &Byte, 1) != 1))
+            if (!Ready.Say(Mine) || (i >= kEach && !Go.Hear()))
                 return 1;
             if (i / kEach == Exits)
                 _exit(0); // the socket is left open
@@ -348,7 +345,7 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
         }));
     for (int i = 0; i < 3 * kEach; i++) {
         LINX_SPID SpidAndWay[2] = {0, 0};
-        ASSERT_EQ((ssize_t)sizeof SpidAndWay, read(Ready[0], SpidAndWay, sizeof SpidAndWay));
+        ASSERT_TRUE(Ready.Hear(&SpidAndWay));
         union LINX_SIGNAL *pGone = NewSignal(pParent, kGone, 0);
         if (SpidAndWay[1] != Closes)
             ASSERT_NE(0u, linx_attach(pParent, &pGone, SpidAndWay[0]));
@@ -368,7 +365,8 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
     for (int i = 2 * kEach; i < 3 * kEach; i++) { // the killed, dead before the others may go
         StopChild(Children[i]);
     }
-    ASSERT_EQ(kEach, write(Go[1], std::string(kEach, 'g').data(), kEach));
+    for (int i = 0; i < kEach; i++)
+        Go.Say();
     for (int i = kEach; i < 2 * kEach; i++)
         EXPECT_EQ(0, WaitChild(Children[i]));
 
@@ -390,8 +388,6 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
     EXPECT_TRUE(WaitFor([&] { return ReceiveOne(pParent, 0) == 0 && RingMappings(getpid()) == Before; }, 5000))
         << RingMappings(getpid()) - Before << " rings of senders that left are still mapped";
     EXPECT_FALSE(Readable(pParent, 0));
-    for (int Fd : {Ready[0], Ready[1], Go[0], Go[1]})
-        close(Fd);
 }
 
 TEST(LinxStart, RacingClientsStartExactlyOneLinxd)

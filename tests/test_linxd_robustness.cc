@@ -291,28 +291,24 @@ TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
         const std::string Squatted = TestInstance() + "-squatted";
         struct sockaddr_un Squat;
         const socklen_t SquatLen = linxd_address(Squatted.c_str(), &Squat);
-        int Ready[2];
-        ASSERT_EQ(0, pipe(Ready));
+        const Pipe Ready;
         const pid_t Impostor = StartChild([&] {
             const int Listener = socket(AF_UNIX, SOCK_SEQPACKET, 0);
             if (setuid(65534) != 0 || bind(Listener, (struct sockaddr *)&Squat, SquatLen) != 0 || listen(Listener, 4) != 0)
                 return 2;
-            (void)!write(Ready[1], "", 1);
+            Ready.Say();
             const int Victim = accept(Listener, nullptr, nullptr);
             char Request[256];
             // The victim must send nothing: not even a request naming its socket.
             return recv(Victim, Request, sizeof Request, 0) > 0 ? 1 : 0;
         });
-        char Byte;
-        ASSERT_EQ(1, read(Ready[0], &Byte, 1));
+        ASSERT_TRUE(Ready.Hear());
         setenv("LINXD_INSTANCE", Squatted.c_str(), 1);
         errno = 0;
         EXPECT_EQ(nullptr, linx_open("victim", 0, nullptr));
         EXPECT_EQ(EACCES, errno);
         setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
         EXPECT_EQ(0, WaitChild(Impostor));
-        close(Ready[0]);
-        close(Ready[1]);
     }
     EXPECT_EQ(0, RawRequest(Fd, LINXD_OP_VERSION, 0).Header.result);
     close(Fd);
@@ -385,9 +381,7 @@ TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
     setenv("LINXD_INSTANCE", Instance.c_str(), 1);
     LINX *pCapped = linx_open("capped", 0, nullptr);
     ASSERT_NE(nullptr, pCapped);
-    int Results[2], Go[2];
-    ASSERT_EQ(0, pipe(Results));
-    ASSERT_EQ(0, pipe(Go));
+    const Pipe Results, Go;
     std::vector<pid_t> Senders;
     for (int i = 0; i < 4; i++) {
         // Each sends one signal (the last one tries 200 times) and says how
@@ -399,8 +393,7 @@ TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
             for (int Try = 0; Try < 200 && (Try == 0 || Error == ENOBUFS); Try++) {
                 Error = SendSignal(p, To, 0x40, i);
             }
-            char Byte;
-            if (write(Results[1], &Error, sizeof Error) != sizeof Error || i < 3 || read(Go[0], &Byte, 1) != 1)
+            if (!Results.Say(Error) || i < 3 || !Go.Hear())
                 pause(); // those that were taken stay until killed
             for (const int64_t Deadline = NowMs() + 5000; Error == ENOBUFS && NowMs() < Deadline; usleep(5000)) {
                 Error = SendSignal(p, To, 0x40, i);
@@ -409,11 +402,11 @@ TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
             return Error;
         }));
         int Error = -1;
-        ASSERT_EQ((ssize_t)sizeof Error, read(Results[0], &Error, sizeof Error));
+        ASSERT_TRUE(Results.Hear(&Error));
         EXPECT_EQ(i < 3 ? 0 : ENOBUFS, Error) << "sender " << i;
     }
     StopChild(Senders[0]);
-    ASSERT_EQ(1, write(Go[1], "g", 1));
+    ASSERT_TRUE(Go.Say());
     EXPECT_EQ(0, WaitChild(Senders[3])) << "taken once a place was free";
     std::set<uint32_t> Values;
     for (int n = 0; n < 4; n++) {
@@ -430,22 +423,20 @@ TEST(LinxdLimits, ASocketReadsTheRingsOfAtMostItsNumberOfSenders)
         StopChild(Sender);
     linx_close(pCapped);
     setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
-    for (int Fd : {Results[0], Results[1], Go[0], Go[1]})
-        close(Fd);
 }
 
 // A child that opens Name and says so on the pipe, then runs Body.
-pid_t StartOpened(const char *pName, int *pReady, const std::function<int(LINX *)> &Body)
+pid_t StartOpened(const char *pName, const std::function<int(LINX *)> &Body)
 {
+    const Pipe Ready;
     const pid_t Child = StartChild([&] {
         LINX *p = linx_open(pName, 0, nullptr);
-        (void)!write(pReady[1], "", 1);
+        Ready.Say();
         const int Result = Body(p);
         linx_close(p);
         return Result;
     });
-    char Byte;
-    return read(pReady[0], &Byte, 1) == 1 ? Child : -1;
+    return Ready.Hear() ? Child : -1;
 }
 
 // When linxd dies, a receive that waits without limit fails with ENOTCONN,
@@ -456,10 +447,8 @@ TEST(LinxdRestart, CallsFailWhenLinxdDiesAndOldSpidsNeverReachTheNew)
 {
     const std::string Instance = TestInstance() + "-restart";
     setenv("LINXD_INSTANCE", Instance.c_str(), 1);
-    int Ready[2];
-    ASSERT_EQ(0, pipe(Ready));
     // A socket of the old instance that outlives it, and a route to it.
-    const pid_t Old = StartOpened("old-peer", Ready, [](LINX *p) {
+    const pid_t Old = StartOpened("old-peer", [](LINX *p) {
         union LINX_SIGNAL *pSig = nullptr;
         if (ReceiveOne(p, 5000) != 0x50)
             return 1;
@@ -484,7 +473,7 @@ TEST(LinxdRestart, CallsFailWhenLinxdDiesAndOldSpidsNeverReachTheNew)
     linx_close(pMine);
 
     // A new instance hands out the same SPIDs again.
-    const pid_t New = StartOpened("new-peer", Ready, [](LINX *p) {
+    const pid_t New = StartOpened("new-peer", [](LINX *p) {
         uint32_t Value = 0;
         return ReceiveOne(p, 5000, &Value) == 0x51 && Value == 2 ? 0 : 1;
     });
@@ -495,8 +484,6 @@ TEST(LinxdRestart, CallsFailWhenLinxdDiesAndOldSpidsNeverReachTheNew)
     EXPECT_EQ(0, SendSignal(pMine, NewPeer, 0x51, 2));
     EXPECT_EQ(0, WaitChild(New)) << "the signal reached the socket it was sent to, not the old one";
     linx_close(pMine);
-    close(Ready[0]);
-    close(Ready[1]);
     setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
 }
 

@@ -347,34 +347,29 @@ TEST(TelemetryCapture, CollectorKilledAndRestartedWhileTrafficFlows)
     // The sender goes on until told that the second collector runs, sends
     // 300 more then, however slowly the machine runs, and tells how many it
     // sent in all.
-    int SecondUp[2], Sent[2];
-    ASSERT_EQ(0, pipe2(SecondUp, O_NONBLOCK));
-    ASSERT_EQ(0, pipe(Sent));
+    const Pipe SecondUp(O_NONBLOCK), Sent;
     const pid_t Sender = StartChild([&] {
         MSG_DebugSetFlag(MSG_DEBUG_TELEMETRY_SEND);
         MSG_Msg *pMsg = NewMsg(kRequest, 0, 32);
-        char Byte;
         uint32_t Copies = 0;
         for (uint32_t More = 300; More > 0;) {
             MSG_SetSequence(pMsg, ++Copies);
             MSG_ResendToGlobalTelemetry(0x1234, 0x5678, pMsg, 0);
             usleep(300);
-            if (More < 300 || read(SecondUp[0], &Byte, 1) == 1)
+            if (More < 300 || SecondUp.Hear())
                 More--;
         }
         MSG_ReleaseMsg(pMsg);
-        return write(Sent[1], &Copies, sizeof Copies) == sizeof Copies ? 0 : 1;
+        return Sent.Say(Copies) ? 0 : 1;
     });
     usleep(300 * 1000);
     StopChild(First.Pid);
     usleep(200 * 1000);
     const Collector Second = StartCollector("second");
-    ASSERT_EQ(1, write(SecondUp[1], "", 1));
+    ASSERT_TRUE(SecondUp.Say());
     EXPECT_EQ(0, WaitChild(Sender)) << "the sender never waited for a collector";
     uint32_t Copies = 0;
-    ASSERT_EQ((ssize_t)sizeof Copies, read(Sent[0], &Copies, sizeof Copies));
-    for (const int Fd : {SecondUp[0], SecondUp[1], Sent[0], Sent[1]})
-        close(Fd);
+    ASSERT_TRUE(Sent.Hear(&Copies));
     usleep(300 * 1000);
     ASSERT_EQ(0, StopChild(Second.Pid, SIGTERM));
 
