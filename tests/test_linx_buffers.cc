@@ -220,6 +220,8 @@ TEST_F(LinxBuffers, TimeoutsNewLinkTokensAndAttachesAreWithdrawn)
     EXPECT_EQ(0, linx_modify_tmo(pA, &Ref, 10));
     EXPECT_NE(0u, Ref);
     EXPECT_EQ(253u, ReceiveOne(pA, 2000)); // the default timeout signal
+    ASSERT_EQ(0, linx_hunt(pA, "buffers-b", nullptr));
+    EXPECT_EQ(251u, ReceiveOne(pA, 1000)); // the default hunt signal
     EXPECT_EQ(-1, linx_modify_tmo(pA, &Ref, 10)); // fired: no longer known
     EXPECT_EQ(0u, Ref);
 

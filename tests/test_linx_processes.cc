@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // LINX between real processes through the stand-in and its shared-memory
-// rings: hunts, attaches on close and on kill -9, senders killed in the
+// rings: attaches on close and on kill -9, senders killed in the
 // middle of a flood, many senders of several processes into one receiver,
 // a full ring (only its receiver is refused) and a receiver that dies with
 // one, exact poll readiness, large and small signals in one stream,
-// senders that come and go, and racing starts of linxd.  (Queue counts and
+// senders that come and go, and racing starts of linxd.  (Hunts for a peer
+// that comes later are the message layer's remote opens; queue counts and
 // the socket list are seen through the orvane command's suite.)
 #include "test_kit.h"
 
@@ -102,30 +103,6 @@ pid_t StartSender(const char *pName, const std::function<int(LINX *, LINX_SPID)>
             linx_close(pLinx);
         return Result;
     });
-}
-
-TEST_F(LinxProcesses, HuntFindsAPeerBeforeAndAfterItOpens)
-{
-    // Hunt first: the answer comes when the child opens the name.
-    union LINX_SIGNAL *pHunt = NewSignal(pParent, 0x70, 0);
-    ASSERT_EQ(0, linx_hunt(pParent, "late-peer", &pHunt));
-    EXPECT_EQ(nullptr, pHunt);
-    const pid_t Child = StartSender("late-peer", [](LINX *pLinx, LINX_SPID) {
-        return ReceiveOne(pLinx, 5000) == kDone ? 0 : 1;
-    });
-    LINX_SPID Found = 0;
-    ASSERT_EQ(0x70u, ReceiveOne(pParent, 5000, nullptr, &Found));
-    EXPECT_EQ(Child, linx_get_owner(pParent, Found));
-
-    // Hunt now: the peer exists, the answer comes at once.
-    EXPECT_EQ(Found, HuntAndWait(pParent, "late-peer", 1000));
-
-    // A hunt without a signal of the caller's gets the default one.
-    ASSERT_EQ(0, linx_hunt(pParent, "late-peer", nullptr));
-    EXPECT_EQ(251u, ReceiveOne(pParent, 1000));
-
-    ASSERT_EQ(0, SendSignal(pParent, Found, kDone, 0));
-    EXPECT_EQ(0, WaitChild(Child));
 }
 
 TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
