@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Telemetry: the records processes send to the collector "Telemetry", the
-// queue that holds them while it is absent, the collector program and its
-// capture as the Wireshark dissector decodes it, and the endpoint dump.
+// Telemetry: the queue that holds the records for the collector "Telemetry"
+// while it is absent, the records two processes send to the collector
+// program and its capture as the Wireshark dissector decodes it, a
+// collector killed and restarted, and the endpoint dump.
 #include "test_kit.h"
 
 #include "msg_telemetry.h"
@@ -101,84 +102,6 @@ const hdr::UserMsgNtfy *FindCopy(const std::vector<hdr::UserMsgNtfy> &Copies, MS
     return nullptr;
 }
 
-TEST(Telemetry, CopiesAndAnnouncementsOfTwoProcesses)
-{
-    MSG_DebugSetFlag(kBothBits);
-    ASSERT_EQ(0u, MSG_OpenLocal("Telemetry")); // the collector, announced by nobody
-    ASSERT_EQ(0u, MSG_OpenLocal(nullptr));     // private: never listed
-    ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
-    const pid_t Echo = StartChild([] { return ServeEcho("beta"); }); // reports too
-    const uint32_t Alpha = SpidOf("alpha"), Beta = FindSpid("alpha", "beta");
-    ASSERT_NE(0u, Beta);
-    ASSERT_EQ(0u, MSG_SendMsg("alpha", Beta, NewMessage(kRequest, 0, "ping")));
-    MSG_Msg *pAnswer = MSG_RecvMsg("alpha", kRequest | 1, 5000);
-    ASSERT_NE(nullptr, pAnswer);
-    MSG_ReleaseMsg(pAnswer);
-    ASSERT_EQ(0u, MSG_RegisterNotificationRemote("alpha", 5, 5, Beta));
-    ASSERT_EQ(0u, MSG_UnregisterNotificationRemote("alpha", 5, 5, Beta));
-    ASSERT_EQ(0u, MSG_SendMsg("alpha", Beta, MSG_AllocMsg(kQuitType, 0, 0)));
-    ASSERT_EQ(0, WaitChild(Echo));
-
-    // Each side copies what it sends and receives: 2 announcements, 4 copies
-    // of the exchange, 4 of the requests, 2 of the quit message.
-    std::vector<hdr::UserMsgNtfy> Copies;
-    std::vector<hdr::NtfyRegUnregNtfy> Requests;
-    std::vector<hdr::LocalOpenNtfy> Openings;
-    for (const Record &R : TakeRecords(12)) {
-        if (R.Type == kUserMsgNtfy && R.As<hdr::UserMsgNtfy>().msg_type() != kQuitType) {
-            Copies.push_back(R.As<hdr::UserMsgNtfy>());
-            const hdr::UserMsgNtfy &C = Copies.back();
-            const uint32_t Top = C.sender_stack_size() > 0 ? C.sender_stack(C.sender_stack_size() - 1) : 0;
-            EXPECT_EQ((std::vector<uint32_t>{0, C.receiver(), C.sender(), Top}),
-                      std::vector<uint32_t>(R.Words, R.Words + 4));
-        } else if (R.Type == kNtfyRegUnregNtfy) {
-            Requests.push_back(R.As<hdr::NtfyRegUnregNtfy>());
-        } else if (R.Type == kLocalOpenNtfy) {
-            Openings.push_back(R.As<hdr::LocalOpenNtfy>());
-            EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, 0}), std::vector<uint32_t>(R.Words, R.Words + 4));
-        }
-    }
-    ASSERT_EQ(4u, Copies.size());
-    const hdr::UserMsgNtfy *pSent = FindCopy(Copies, kRequest, false);
-    const hdr::UserMsgNtfy *pGot = FindCopy(Copies, kRequest, true);
-    const hdr::UserMsgNtfy *pAnswered = FindCopy(Copies, kRequest | 1, false);
-    ASSERT_TRUE(pSent && pGot && pAnswered && FindCopy(Copies, kRequest | 1, true));
-    EXPECT_EQ(Alpha, pSent->sender());
-    EXPECT_EQ(Beta, pSent->receiver());
-    EXPECT_FALSE(pSent->has_sequence() || pSent->has_halvo_idx()); // sequence 0, halvo index 0
-    EXPECT_EQ(0, pSent->sender_stack_size());
-    ASSERT_EQ(1, pSent->payload_size());
-    EXPECT_EQ("ping", pSent->payload(0));
-    EXPECT_EQ(hdr::COPY_ON_RECEIVE, pGot->src_type());
-    EXPECT_EQ((std::vector<uint32_t>{Alpha}), StackOf(pGot->sender_stack()));
-    // The answer went with receiver 0: the receiver is the top of its stack.
-    EXPECT_EQ(Beta, pAnswered->sender());
-    EXPECT_EQ(Alpha, pAnswered->receiver());
-
-    ASSERT_EQ(4u, Requests.size());
-    int Unregistrations = 0;
-    for (const hdr::NtfyRegUnregNtfy &R : Requests) {
-        EXPECT_EQ(5u, R.reg_msg_low());
-        EXPECT_FALSE(R.has_reg_msg_high()) << "a single type";
-        Unregistrations += R.has_reg_type() && R.reg_type() == hdr::NTFY_UNREGISTER;
-    }
-    EXPECT_EQ(2, Unregistrations);
-
-    ASSERT_EQ(2u, Openings.size());
-    for (const hdr::LocalOpenNtfy &N : Openings) {
-        ASSERT_EQ(1, N.prog_size());
-        const hdr::LocalOpenProg &P = N.prog(0);
-        ASSERT_EQ(1, P.just_opened_size());
-        const bool bMine = P.just_opened(0).name() == "alpha";
-        EXPECT_EQ(bMine ? (uint32_t)getpid() : (uint32_t)Echo, P.pid()) << "a forked child reports its own pid";
-        EXPECT_EQ("test_telemetry", P.name());
-        EXPECT_EQ(bMine ? Alpha : Beta, P.just_opened(0).linx_id());
-        // The child forgot its parent's endpoints.
-        EXPECT_EQ(bMine ? std::vector<std::string>{"Telemetry"} : std::vector<std::string>{},
-                  NamesOf(P.already_open()));
-    }
-}
-
 // Without a collector the newest 1024 records wait and the rest are
 // reported; closing the sender counts what it held as lost.
 TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
@@ -213,6 +136,8 @@ TEST(Telemetry, WithoutACollectorTheNewest1024WaitAndTheRestAreReported)
     const std::vector<Record> Queued = TakeRecords(1024);
     for (size_t i = 0; i < Queued.size(); i++)
         ASSERT_EQ(7 + i, Queued[i].As<hdr::UserMsgNtfy>().sequence()) << "in order, the oldest 6 given up";
+    // The envelope's routing words: receiver, sender, top of the sender stack.
+    EXPECT_EQ((std::vector<uint32_t>{0, 0x1234, SpidOf("alpha"), 0}), std::vector<uint32_t>(Queued[0].Words, Queued[0].Words + 4));
     Record Extra;
     EXPECT_FALSE(TakeRecord(&Extra, 50)) << "nothing was copied of the received message";
 
@@ -294,7 +219,10 @@ std::vector<std::string> Tshark(const std::string &Capture, const std::string &F
     return Lines;
 }
 
-TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
+// Two processes copy what they send and receive, and announce their
+// endpoints, to the collector program; its capture holds the records the
+// library made, and tshark decodes them through the dissector.
+TEST(TelemetryCapture, CopiesAndAnnouncementsOfTwoProcessesAsTsharkDecodesThem)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("alpha"));
     const Collector C = StartCollector("traffic");
@@ -303,21 +231,73 @@ TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
     // Something that is no record: refused with a line, the rest goes on.
     ASSERT_EQ(0u, MSG_SendMsg("alpha", Collector, NewMessage(kRequest, 0, "noise")));
     MSG_DebugSetFlag(kBothBits);
-    const pid_t Echo = StartChild([] { return ServeEcho("beta"); });
+    ASSERT_EQ(0u, MSG_OpenLocal("gamma")); // this thread's private endpoint (FindSpid's) is never listed
+    const pid_t Echo = StartChild([] { return ServeEcho("beta"); }); // reports too
     const uint32_t Alpha = SpidOf("alpha"), Beta = FindSpid("alpha", "beta");
+    ASSERT_NE(0u, Beta);
     ASSERT_EQ(0u, MSG_SendMsg("alpha", Beta, NewMessage(kRequest, 7, "ping")));
     MSG_ReleaseMsg(MSG_RecvMsg("alpha", kRequest | 1, 5000));
     ASSERT_EQ(0u, MSG_RegisterNotificationRemote("alpha", 0x300, 0x3FF, Beta));
+    ASSERT_EQ(0u, MSG_RegisterNotificationRemote("alpha", 5, 5, Beta));
+    ASSERT_EQ(0u, MSG_UnregisterNotificationRemote("alpha", 5, 5, Beta));
     ASSERT_EQ(0u, MSG_SendMsg("alpha", Beta, MSG_AllocMsg(kQuitType, 0, 0)));
     ASSERT_EQ(0, WaitChild(Echo));
     usleep(200 * 1000); // the last copies reach the collector
     ASSERT_EQ(0, StopChild(C.Pid, SIGTERM)) << ReadFile(C.Log);
-
     const std::string Log = ReadFile(C.Log);
     EXPECT_NE(std::string::npos, Log.find("refused message type 0x100")) << Log;
     EXPECT_NE(std::string::npos, Log.find("UserMsgNtfy      6")) << Log;
-    EXPECT_NE(std::string::npos, Log.find("NtfyRegUnregNtfy 2")) << Log;
-    EXPECT_NE(std::string::npos, Log.find("LocalOpenNtfy    1")) << Log;
+    EXPECT_NE(std::string::npos, Log.find("NtfyRegUnregNtfy 6")) << Log;
+    EXPECT_NE(std::string::npos, Log.find("LocalOpenNtfy    2")) << Log;
+
+    // Each side copies what it sends and receives: 4 copies of the exchange
+    // (and 2 of the quit message), 6 of the requests, 2 announcements.
+    std::vector<hdr::UserMsgNtfy> Copies;
+    std::vector<hdr::NtfyRegUnregNtfy> Requests;
+    std::vector<hdr::LocalOpenNtfy> Openings;
+    for (const Record &R : ReadCapture(C.Capture)) {
+        if (R.Type == kUserMsgNtfy && R.As<hdr::UserMsgNtfy>().msg_type() != kQuitType)
+            Copies.push_back(R.As<hdr::UserMsgNtfy>());
+        else if (R.Type == kNtfyRegUnregNtfy)
+            Requests.push_back(R.As<hdr::NtfyRegUnregNtfy>());
+        else if (R.Type == kLocalOpenNtfy)
+            Openings.push_back(R.As<hdr::LocalOpenNtfy>());
+    }
+    ASSERT_EQ(4u, Copies.size());
+    const hdr::UserMsgNtfy *pSent = FindCopy(Copies, kRequest, false);
+    const hdr::UserMsgNtfy *pGot = FindCopy(Copies, kRequest, true);
+    const hdr::UserMsgNtfy *pAnswered = FindCopy(Copies, kRequest | 1, false);
+    ASSERT_TRUE(pSent && pGot && pAnswered && FindCopy(Copies, kRequest | 1, true));
+    EXPECT_EQ(Alpha, pSent->sender());
+    EXPECT_EQ(Beta, pSent->receiver());
+    EXPECT_FALSE(pSent->has_halvo_idx()); // halvo index 0
+    EXPECT_EQ(0, pSent->sender_stack_size());
+    EXPECT_EQ(hdr::COPY_ON_RECEIVE, pGot->src_type());
+    EXPECT_EQ((std::vector<uint32_t>{Alpha}), StackOf(pGot->sender_stack()));
+    // The answer went with receiver 0: the receiver is the top of its stack.
+    EXPECT_EQ(Beta, pAnswered->sender());
+    EXPECT_EQ(Alpha, pAnswered->receiver());
+
+    ASSERT_EQ(6u, Requests.size());
+    int Unregistrations = 0;
+    for (const hdr::NtfyRegUnregNtfy &R : Requests) {
+        EXPECT_EQ(R.has_reg_msg_high() ? 0x300u : 5u, R.reg_msg_low()) << "a single type has no upper bound";
+        Unregistrations += R.has_reg_type() && R.reg_type() == hdr::NTFY_UNREGISTER;
+    }
+    EXPECT_EQ(2, Unregistrations);
+
+    ASSERT_EQ(2u, Openings.size());
+    for (const hdr::LocalOpenNtfy &N : Openings) {
+        ASSERT_EQ(1, N.prog_size());
+        const hdr::LocalOpenProg &P = N.prog(0);
+        ASSERT_EQ(1, P.just_opened_size());
+        const bool bMine = P.just_opened(0).name() == "gamma";
+        EXPECT_EQ(bMine ? (uint32_t)getpid() : (uint32_t)Echo, P.pid()) << "a forked child reports its own pid";
+        EXPECT_EQ("test_telemetry", P.name());
+        EXPECT_EQ(bMine ? SpidOf("gamma") : Beta, P.just_opened(0).linx_id());
+        // The child forgot its parent's endpoints.
+        EXPECT_EQ(bMine ? std::vector<std::string>{"alpha"} : std::vector<std::string>{}, NamesOf(P.already_open()));
+    }
 
     char Ids[64];
     snprintf(Ids, sizeof Ids, "0x%08x;0x%08x", Alpha, Beta);
@@ -327,12 +307,12 @@ TEST(TelemetryCapture, ProcessesTrafficAsTsharkDecodesIt)
                      {"orvane.UserMsgNtfy.sender", "orvane.UserMsgNtfy.receiver", "orvane.msg.type",
                       "orvane.UserMsgNtfy.src_type", "orvane.msg.sequence", "orvane.msg.payload", "orvane.msg.size"}));
     EXPECT_EQ((std::vector<std::string>{"0x00000300;0x000003ff;", "0x00000300;0x000003ff;1"}),
-              Tshark(C.Capture, "orvane.record_type == 0xff0023",
+              Tshark(C.Capture, "orvane.NtfyRegUnregNtfy.reg_msg_low == 0x300",
                      {"orvane.NtfyRegUnregNtfy.reg_msg_low", "orvane.NtfyRegUnregNtfy.reg_msg_high",
                       "orvane.NtfyRegUnregNtfy.src_type"}));
     snprintf(Ids, sizeof Ids, "%d;test_telemetry;beta;0x%08x", (int)Echo, Beta);
     EXPECT_EQ((std::vector<std::string>{Ids}),
-              Tshark(C.Capture, "orvane.LocalOpenNtfy.prog",
+              Tshark(C.Capture, "orvane.LocalOpenProg.pid == " + std::to_string(Echo),
                      {"orvane.LocalOpenProg.pid", "orvane.LocalOpenProg.name", "orvane.Endpoint.name",
                       "orvane.Endpoint.linx_id"}));
     unlink(C.Capture.c_str());
