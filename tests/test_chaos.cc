@@ -81,18 +81,6 @@ int SettledDescriptors(pid_t Linxd, int Target)
     return Last;
 }
 
-// The watcher's receive loop, looking at Done every millisecond (callbacks
-// run inside MSG_RecvAnyMsg, which returns only for user messages).
-bool Serve(int TimeoutMs, const std::function<bool()> &Done)
-{
-    struct timespec Start;
-    clock_gettime(CLOCK_MONOTONIC, &Start);
-    while (!Done() && MSG_GetMsecSince(Start) < TimeoutMs)
-        if (MSG_Msg *pMsg = MSG_RecvAnyMsg("watcher", 1))
-            MSG_ReleaseMsg(pMsg);
-    return Done();
-}
-
 TEST(Chaos, EveryDeathIsReportedOnceAndLinxdEndsAsItStarted)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("watcher"));
@@ -110,14 +98,14 @@ TEST(Chaos, EveryDeathIsReportedOnceAndLinxdEndsAsItStarted)
         const int Mode = rand() % 3;
         const pid_t Peer = StartChild([Mode]() -> int { RunPeer(Mode); });
         W.bKilled = false;
-        ASSERT_TRUE(Serve(5000, [&] { return W.Opens == Kill + 1; })) << "incarnation " << Kill;
+        ASSERT_TRUE(Pump("watcher", 5000, [&] { return W.Opens == Kill + 1; }, 1)) << "incarnation " << Kill;
         union LINX_SIGNAL *pAttach = nullptr;
         const LINX_OSATTREF Ref = linx_attach(pAttacher, &pAttach, W.PeerId);
         ASSERT_NE(0u, Ref);
-        Serve(rand() % 4, [] { return false; }); // a random moment of its life
+        Pump("watcher", rand() % 4, [] { return false; }, 1); // a random moment of its life
         W.bKilled = true;
         kill(Peer, SIGKILL);
-        ASSERT_TRUE(Serve(5000, [&] { return W.Closes == Kill + 1; })) << "death " << Kill;
+        ASSERT_TRUE(Pump("watcher", 5000, [&] { return W.Closes == Kill + 1; }, 1)) << "death " << Kill;
         AttachSignals += ReceiveOne(pAttacher, 5000) != 0;
         WaitChild(Peer);
         if (Kill == 0) { // linxd has served and buried one peer: its steady state
@@ -129,8 +117,8 @@ TEST(Chaos, EveryDeathIsReportedOnceAndLinxdEndsAsItStarted)
     EXPECT_EQ(kKills, W.Closes);
     EXPECT_EQ(kKills, AttachSignals);
     EXPECT_EQ(0u, ReceiveOne(pAttacher, 100)) << "no attach fired twice";
-    Serve(50, [] { return false; });
-    EXPECT_FALSE(Serve(100, [&] { return W.Closes > kKills; })) << "no close callback ran twice";
+    Pump("watcher", 50, [] { return false; }, 1);
+    EXPECT_FALSE(Pump("watcher", 100, [&] { return W.Closes > kKills; }, 1)) << "no close callback ran twice";
     EXPECT_EQ(FdsStart, SettledDescriptors(Linxd, FdsStart));
 #ifdef __SANITIZE_ADDRESS__
     const long kGrowthKiB = 32 * 1024; // ASan keeps freed memory in quarantine

@@ -220,12 +220,12 @@ void SendRaw(LINX *pFrom, LINX_SPID To, const void *pBytes, uint32_t Size)
     linx_send(pFrom, &pSig, To);
 }
 
-bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done)
+bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done, int StepMs)
 {
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     while (!Done() && MSG_GetMsecSince(Start) < TimeoutMs) {
-        if (MSG_Msg *pMsg = MSG_RecvAnyMsg(pLocal, 20))
+        if (MSG_Msg *pMsg = MSG_RecvAnyMsg(pLocal, StepMs))
             MSG_ReleaseMsg(pMsg);
     }
     return Done();

@@ -126,8 +126,10 @@ uint32_t SpidOf(const char *pName);
 void SendRaw(LINX *pFrom, LINX_SPID To, const void *pBytes, uint32_t Size);
 
 // Serves the local public endpoint's receive loop until Done() holds or
-// TimeoutMs passes; user messages are released.  Returns Done().
-bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done);
+// TimeoutMs passes, asking Done() at least every StepMs (callbacks run
+// inside the receive, which returns only for user messages); user messages
+// are released.  Returns Done().
+bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done, int StepMs = 20);
 
 // Serves the public endpoint Name in this process: every request is
 // answered with the same message turned into a response (type | 1), until a

@@ -87,14 +87,12 @@ TEST_F(Notifications, PublisherSubscriptionsDuplicatesAndPurges)
     EXPECT_EQ(0u, MSG_PurgeNotifications(pPub, A));
     EXPECT_EQ(1, MSG_CountNotifications_Private("pub")) << "C's stays";
     EXPECT_EQ(0u, MSG_PurgeNotifications(pPub, A)) << "nothing left of A";
-}
 
-TEST_F(Notifications, ACopyThatCannotBeSentSparesTheOthers)
-{
+    // A copy that cannot be sent spares the others.
     ASSERT_EQ(0u, MSG_OpenLocal("gone"));
     const uint32_t Gone = SpidOf("gone");
     MSG_CloseLocal("gone");
-    for (uint32_t Subscriber : {SpidOf("a"), Gone, SpidOf("c")})
+    for (uint32_t Subscriber : {A, Gone, C})
         ASSERT_EQ(0u, MSG_RegisterNotification("pub", 0x100, 0x1FF, Subscriber));
     EXPECT_EQ(103u, Publish(kNews, 7));
     EXPECT_GT(Occurrences(TakeLoggedText(), "sent to 3 endpoints w/1 errs"), 0);
