@@ -9,8 +9,8 @@
 // unregistration never disturbs a dispatch under way.
 #include <string.h>
 
-#include "msg_local_endpoint.h"
 #include "msg_dump.h"
+#include "msg_local_endpoint.h"
 #include "msg_main.h"
 
 struct CallbackEntry {

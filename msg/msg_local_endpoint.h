@@ -20,13 +20,14 @@
  * a private endpoint is touched only by its owning thread and has no lock.
  *
  * A visit of every endpoint (the dump's) cannot hold the registry mutex
- * while it takes an endpoint's NtfyMutex: a notification being sent holds that mutex and
- * then, for its telemetry copies, the registry's.  So the dump holds a
- * close gate instead (a read lock that deletion takes for writing), notes
- * the registry head under the registry mutex and walks the list after
- * releasing it: with deletions held off, the links it walks cannot change,
- * and endpoints opened meanwhile enter ahead of the noted head, unseen.
- * Each list is then dumped under its own mutex, one at a time.
+ * while it takes an endpoint's NtfyMutex: a notification being sent holds
+ * that mutex and then, for its telemetry copies, the registry's.  So the
+ * visit holds a close gate instead (a read lock that deletion takes for
+ * writing), notes the registry head under the registry mutex and walks the
+ * list after releasing it: with deletions held off, the links it walks
+ * cannot change, and endpoints opened meanwhile enter ahead of the noted
+ * head, unseen.  The dump then writes each list under its own mutex, one
+ * at a time.
  */
 #ifndef MSG_LOCAL_ENDPOINT_H
 #define MSG_LOCAL_ENDPOINT_H

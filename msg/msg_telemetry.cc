@@ -3,15 +3,11 @@
 // endpoints, carrying the process's identity, sent to the collector.
 #include "msg_telemetry.h"
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <atomic>
-
-#include "msg_local_endpoint.h"
 #include "msg_identity.h"
+#include "msg_local_endpoint.h"
 #include "msg_main.h"
 #include "msg_telemetry_lite.pb.h"
 
