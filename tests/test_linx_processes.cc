@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // LINX between real processes through the stand-in and its shared-memory
-// rings: attaches on close and on kill -9, senders killed in the
-// middle of a flood, many senders of several processes into one receiver,
-// a full ring (only its receiver is refused) and a receiver that dies with
-// one, exact poll readiness, large and small signals in one stream,
-// senders that come and go, and racing starts of linxd.  (Hunts for a peer
+// rings: senders killed in the middle of a flood, many senders of several
+// processes into one receiver with large and small signals in each
+// stream, a full ring (only its receiver is refused) and a receiver that
+// dies with one, exact poll readiness, senders that come and go with
+// their rings and attaches, and racing starts of linxd.  (Hunts for a peer
 // that comes later are the message layer's remote opens; queue counts and
 // the socket list are seen through the orvane command's suite.)
 #include "test_kit.h"
@@ -19,7 +19,6 @@ constexpr uint32_t kData = 0x70;
 constexpr uint32_t kFull = 0x71;
 constexpr uint32_t kDrained = 0x72;
 constexpr uint32_t kGone = 0x73;
-constexpr uint32_t kDone = 0x74;
 
 // A signal whose every byte after the number and sequence follows from
 // them, so any torn or shifted copy shows.
@@ -33,9 +32,12 @@ union LINX_SIGNAL *PatternSignal(LINX *pLinx, uint32_t Seq, uint32_t Size)
     return pSig;
 }
 
+// Mostly small signals, and every 200th one larger than a receive buffer
+// (up to 250000 bytes), so large and small ones share every stream.
 uint32_t PatternSize(uint32_t Seq)
 {
-    return 8 + Seq * 37 % 700;
+    static const uint32_t kLarge[] = {65536, 200000, 4097, 250000, 131072};
+    return Seq % 200 == 199 ? kLarge[Seq / 200 % 5] : 8 + Seq * 37 % 700;
 }
 
 // Sends PatternSignal Seq until the receiver takes it; false on any other error.
@@ -105,45 +107,6 @@ pid_t StartSender(const char *pName, const std::function<int(LINX *, LINX_SPID)>
     });
 }
 
-TEST_F(LinxProcesses, AttachFiresOnCloseOnKillAndAtOnceForAClosedSocket)
-{
-    const pid_t Closer = StartSender("closer", [](LINX *pLinx, LINX_SPID) {
-        return ReceiveOne(pLinx, 5000) == kDone ? 0 : 1; // then closes
-    });
-    const LINX_SPID CloserSpid = HuntAndWait(pParent, "closer", 5000);
-    union LINX_SIGNAL *pSig = NewSignal(pParent, 0x80, 1);
-    ASSERT_NE(0u, linx_attach(pParent, &pSig, CloserSpid));
-    EXPECT_EQ(nullptr, pSig);
-    SendSignal(pParent, CloserSpid, kDone, 0);
-    LINX_SPID From = 0;
-    EXPECT_EQ(0x80u, ReceiveOne(pParent, 5000, nullptr, &From));
-    EXPECT_EQ(CloserSpid, From);
-    EXPECT_EQ(0, WaitChild(Closer));
-
-    const pid_t Victim = StartSender("victim", [](LINX *, LINX_SPID) {
-        pause();
-        return 0;
-    });
-    const LINX_SPID VictimSpid = HuntAndWait(pParent, "victim", 5000);
-    ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
-    EXPECT_EQ(128 + SIGKILL, StopChild(Victim));
-    EXPECT_EQ(252u, ReceiveOne(pParent, 5000, nullptr, &From));
-    EXPECT_EQ(VictimSpid, From);
-
-    // Attaching to a socket that is gone fires at once.
-    ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
-    EXPECT_EQ(252u, ReceiveOne(pParent, 1000));
-
-    // An attach goes with the socket that made it: linxd keeps nothing.
-    struct linx_info_summary Before = {}, Now = {};
-    ASSERT_EQ(0, linx_get_summary(pParent, &Before));
-    LINX *pBrief = linx_open("brief", 0, nullptr);
-    ASSERT_NE(0u, linx_attach(pBrief, nullptr, linx_get_spid(pParent)));
-    linx_close(pBrief);
-    EXPECT_TRUE(WaitFor([&] { return linx_get_summary(pParent, &Now) == 0 && Now.attaches == Before.attaches; }, 2000))
-        << Now.attaches - Before.attaches << " attaches of a closed socket kept";
-}
-
 TEST_F(LinxProcesses, SendersKilledMidFloodNeverCorruptWhatComesNext)
 {
     std::mt19937 Random(getpid());
@@ -179,8 +142,9 @@ TEST_F(LinxProcesses, SendersKilledMidFloodNeverCorruptWhatComesNext)
 }
 
 // Three processes with two sending sockets each (their threads share the
-// process's ring): every sender's signals arrive in its order.
-TEST_F(LinxProcesses, ManySendersKeepTheirOwnOrder)
+// process's ring): every sender's signals arrive in its order, each one
+// whole, whether it fits the receive buffer or needs a larger one.
+TEST_F(LinxProcesses, ManySendersKeepTheirOwnOrderWhateverTheSize)
 {
     constexpr uint32_t kPerSender = 3000;
     std::vector<pid_t> Children;
@@ -203,9 +167,11 @@ TEST_F(LinxProcesses, ManySendersKeepTheirOwnOrder)
     std::map<LINX_SPID, int64_t> Next;
     for (uint32_t Taken = 0; Taken < 6 * kPerSender; Taken++) {
         LINX_SPID From = 0;
-        const int64_t Seq = ReceivePattern(pParent, 5000, nullptr, &From);
+        uint32_t Size = 0;
+        const int64_t Seq = ReceivePattern(pParent, 5000, &Size, &From);
         ASSERT_GE(Seq, 0) << "after " << Taken;
         ASSERT_EQ(Next[From]++, Seq) << "sender " << From;
+        ASSERT_EQ(PatternSize((uint32_t)Seq), Size);
     }
     EXPECT_EQ(6u, Next.size());
     for (pid_t Child : Children)
@@ -276,33 +242,15 @@ TEST_F(LinxProcesses, AFullRingRefusesRecoversAndNeverBlocks)
     linx_close(pControl);
 }
 
-// Signals of every size from one sender arrive in the order sent, each one
-// whole, whether it fits the receive buffer or needs a larger one.
-TEST_F(LinxProcesses, LargeAndSmallSignalsKeepTheirOrder)
-{
-    static const uint32_t kSizes[] = {8, 65536, 12, 200000, 4097, 64, 250000, 16, 131072, 9};
-    const pid_t Child = StartSender("mixed", [](LINX *pLinx, LINX_SPID Parent) {
-        for (uint32_t Round = 0; Round < 5; Round++)
-            for (uint32_t i = 0; i < sizeof kSizes / sizeof kSizes[0]; i++)
-                if (!SendPattern(pLinx, Parent, Round * 100 + i, kSizes[i]))
-                    return 1;
-        return 0;
-    });
-    for (uint32_t Round = 0; Round < 5; Round++)
-        for (uint32_t i = 0; i < sizeof kSizes / sizeof kSizes[0]; i++) {
-            uint32_t Size = 0;
-            ASSERT_EQ(Round * 100 + i, ReceivePattern(pParent, 5000, &Size));
-            EXPECT_EQ(kSizes[i], Size);
-        }
-    EXPECT_EQ(0, WaitChild(Child));
-}
-
 // Senders that close their socket, exit with it open, or are killed: what
 // each sent arrives in order (before the attach signal that tells of its
-// end, for those the receiver watches), and the rings they made leave the
+// end, for those the receiver watches: its own signal for those that
+// exit, the default one for the killed), and the rings they made leave the
 // receiver once it has read them, also when nothing but their signals
-// ever reached it; so do the rings the receiver made to answer them.
-TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
+// ever reached it; so do the rings the receiver made to answer them.  An
+// attach to a socket already gone fires at once, and one goes with the
+// socket that made it.
+TEST_F(LinxProcesses, RingsAndAttachesLeaveWithTheirSenders)
 {
     constexpr int kEach = 20; // senders per way of leaving
     enum Way { Closes, Exits, Killed };
@@ -320,14 +268,17 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
                 _exit(0); // the socket is left open
             return 0;     // closed by StartSender
         }));
+    std::map<LINX_SPID, uint32_t> WayOf;
     for (int i = 0; i < 3 * kEach; i++) {
         LINX_SPID SpidAndWay[2] = {0, 0};
         ASSERT_TRUE(Ready.Hear(&SpidAndWay));
-        union LINX_SIGNAL *pGone = NewSignal(pParent, kGone, 0);
-        if (SpidAndWay[1] != Closes)
+        WayOf[SpidAndWay[0]] = SpidAndWay[1];
+        if (SpidAndWay[1] == Exits) {
+            union LINX_SIGNAL *pGone = NewSignal(pParent, kGone, 0);
             ASSERT_NE(0u, linx_attach(pParent, &pGone, SpidAndWay[0]));
-        else
-            linx_free_buf(pParent, &pGone);
+        } else if (SpidAndWay[1] == Killed) {
+            ASSERT_NE(0u, linx_attach(pParent, nullptr, SpidAndWay[0]));
+        }
         SendSignal(pParent, SpidAndWay[0], kDrained, 0); // to one that closed already: refused
     }
     for (int i = 0; i < kEach; i++)
@@ -354,7 +305,8 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
         const LINX_SPID From = linx_sender(pParent, &pSig);
         const uint32_t SigNo = SigNoOf(pSig), Seq = ValueOf(pSig);
         linx_free_buf(pParent, &pSig);
-        if (SigNo == kGone) {
+        if (SigNo == kGone || SigNo == LINX_OS_ATTACH_SIG) {
+            EXPECT_EQ(WayOf[From] == Killed ? LINX_OS_ATTACH_SIG : kGone, SigNo);
             EXPECT_EQ(3u, Taken[From]) << "the end of 0x" << std::hex << From << " told before its signals";
             Taken[From] = 4;
         } else {
@@ -365,6 +317,16 @@ TEST_F(LinxProcesses, RingsLeaveWithTheirSenders)
     EXPECT_TRUE(WaitFor([&] { return ReceiveOne(pParent, 0) == 0 && RingMappings(getpid()) == Before; }, 5000))
         << RingMappings(getpid()) - Before << " rings of senders that left are still mapped";
     EXPECT_FALSE(Readable(pParent, 0));
+
+    struct linx_info_summary Was = {}, Now = {};
+    ASSERT_EQ(0, linx_get_summary(pParent, &Was));
+    ASSERT_NE(0u, linx_attach(pParent, nullptr, WayOf.rbegin()->first));
+    EXPECT_EQ(LINX_OS_ATTACH_SIG, ReceiveOne(pParent, 1000));
+    LINX *pBrief = linx_open("brief", 0, nullptr);
+    ASSERT_NE(0u, linx_attach(pBrief, nullptr, linx_get_spid(pParent)));
+    linx_close(pBrief);
+    EXPECT_TRUE(WaitFor([&] { return linx_get_summary(pParent, &Now) == 0 && Now.attaches == Was.attaches; }, 2000))
+        << Now.attaches - Was.attaches << " attaches of a closed socket kept";
 }
 
 TEST(LinxStart, RacingClientsStartExactlyOneLinxd)
