@@ -123,6 +123,15 @@ LINX_SPID HuntAndWait(LINX *pLinx, const char *pName, int TimeoutMs)
     return ReceiveOne(pLinx, TimeoutMs, nullptr, &Peer, Sel) == 0x4E7 ? Peer : 0;
 }
 
+void InThreads(int Count, const std::function<void(int)> &Body)
+{
+    std::vector<std::thread> Threads;
+    for (int t = 0; t < Count; t++)
+        Threads.emplace_back(Body, t);
+    for (std::thread &T : Threads)
+        T.join();
+}
+
 int64_t NowMs()
 {
     struct timespec Now;

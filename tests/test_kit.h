@@ -84,6 +84,10 @@ pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Ar
 // its own it writes, and its spare.
 int RingMappings(pid_t Pid);
 
+// Runs Body(0) to Body(Count - 1) in threads of their own, all at once,
+// and returns when every one has.
+void InThreads(int Count, const std::function<void(int)> &Body);
+
 // The monotonic clock in milliseconds.
 int64_t NowMs();
 // Whether Done() came true within TimeoutMs (asked every 10 ms).

@@ -163,22 +163,18 @@ TEST(IdentityThreaded, ConcurrentFirstCallsLoadOnce)
     FeedCommandLines("ep1\n", "/usr/bin/worker");
     gKernelLine.Lookups = 0;
     RunInChild([] {
-        std::vector<std::thread> Threads;
         std::atomic<int> Mismatches{0};
-        for (int i = 0; i < 8; i++)
-            Threads.emplace_back([&] {
-                for (int j = 0; j < 100; j++) {
-                    int32_t Halvo;
-                    uint32_t Pid;
-                    const char *pName;
-                    MSG_GetProcessInfo(&Halvo, &Pid, &pName);
-                    // Once the pid shows, the rest of the cache must be there.
-                    if (Pid != 0 && (Halvo != 2 || strcmp(pName, "worker") != 0))
-                        Mismatches++;
-                }
-            });
-        for (std::thread &T : Threads)
-            T.join();
+        InThreads(8, [&](int) {
+            for (int j = 0; j < 100; j++) {
+                int32_t Halvo;
+                uint32_t Pid;
+                const char *pName;
+                MSG_GetProcessInfo(&Halvo, &Pid, &pName);
+                // Once the pid shows, the rest of the cache must be there.
+                if (Pid != 0 && (Halvo != 2 || strcmp(pName, "worker") != 0))
+                    Mismatches++;
+            }
+        });
         EXPECT_EQ(0, Mismatches.load());
         EXPECT_EQ(1, gKernelLine.Lookups.load());
     });
@@ -254,16 +250,12 @@ TEST(ConfigThreaded, FirstLookupsRacingSeeTheWholeFile)
         Bytes += Entry("ep" + std::to_string(i), "link");
     gDeviceFile.Feed = Feed(Bytes);
     RunInChild([] {
-        std::vector<std::thread> Threads;
         std::atomic<int> Wrong{0};
-        for (int t = 0; t < 6; t++)
-            Threads.emplace_back([&Wrong] {
-                char Out[128] = {};
-                MSG_GetFullEndpointPath("ep499", Out, sizeof Out);
-                Wrong += strcmp(Out, "link/ep499") != 0;
-            });
-        for (std::thread &T : Threads)
-            T.join();
+        InThreads(6, [&](int) {
+            char Out[128] = {};
+            MSG_GetFullEndpointPath("ep499", Out, sizeof Out);
+            Wrong += strcmp(Out, "link/ep499") != 0;
+        });
         EXPECT_EQ(0, Wrong.load());
         EXPECT_EQ(2, gDeviceFile.Lookups.load()) << "one stat and one open";
     });
