@@ -33,20 +33,16 @@ constexpr uint32_t kPing = 0x70, kWanted = 0xA, kFlood = 0xB;
 // is open.
 template <typename Body> pid_t Start(const std::string &Instance, const char *pName, Body Run)
 {
-    int Ready[2];
-    if (pipe(Ready) != 0)
-        Fail("pipe");
+    const Pipe Ready;
     const pid_t Child = fork();
     if (Child == 0) {
         LINX *pLinx = OpenOn(Instance, pName);
-        (void)!write(Ready[1], "", 1);
+        Ready.Say();
         Run(pLinx);
         _exit(0);
     }
-    char Byte;
-    (void)!read(Ready[0], &Byte, 1);
-    close(Ready[0]);
-    close(Ready[1]);
+    if (!Ready.Hear())
+        Fail("start");
     return Child;
 }
 
@@ -62,10 +58,10 @@ pid_t StartEcho(const std::string &Instance, const char *pName)
 }
 
 // Sends 64 KiB signals of kFlood to the socket Name for kFloodSeconds as
-// fast as they are taken; writes how many were accepted and refused to Fd.
-pid_t StartFlooder(const std::string &Instance, const char *pName, int Fd)
+// fast as they are taken; says how many were accepted and refused on Told.
+pid_t StartFlooder(const std::string &Instance, const char *pName, const Pipe &Told)
 {
-    return Start(Instance, "flooder", [pName, Fd](LINX *p) {
+    return Start(Instance, "flooder", [pName, &Told](LINX *p) {
         const LINX_SPID Target = Hunt(p, pName);
         long Counts[2] = {0, 0}; // accepted, refused
         for (const double End = NowUs() + kFloodSeconds * 1e6; NowUs() < End;) {
@@ -73,7 +69,7 @@ pid_t StartFlooder(const std::string &Instance, const char *pName, int Fd)
             memset((char *)pSig + 4, 0, 65536 - 4);
             Counts[linx_send(p, &pSig, Target) == 0 ? 0 : 1]++;
         }
-        (void)!write(Fd, Counts, sizeof Counts);
+        Told.Say(Counts);
     });
 }
 
@@ -106,11 +102,6 @@ Pings PingAWhile(LINX *pLinx, LINX_SPID Echo, pid_t Watched)
     return P;
 }
 
-long ReadCounts(int Fd, long Counts[2])
-{
-    return read(Fd, Counts, 2 * sizeof(long));
-}
-
 int CountLines(const std::string &Log, const std::string &Text)
 {
     int Lines = 0;
@@ -121,32 +112,27 @@ int CountLines(const std::string &Log, const std::string &Text)
 
 void SelectiveReceiverFlood(const std::string &Instance)
 {
-    int Got[2];
-    if (pipe(Got) != 0)
-        Fail("pipe");
+    const Pipe Got, Told;
     const pid_t Picky = Start(Instance, "picky", [&](LINX *p) {
         static const LINX_SIGSELECT kOnlyWanted[] = {1, kWanted};
         union LINX_SIGNAL *pSig = nullptr;
         linx_receive(p, &pSig, kOnlyWanted); // the honest sender's, after the flood
         const double At = NowUs();
-        (void)!write(Got[1], &At, sizeof At);
+        Got.Say(At);
     });
     const pid_t Echo = StartEcho(Instance, "echo");
     LINX *pLinx = OpenOn(Instance, "honest");
     const LINX_SPID EchoSpid = Hunt(pLinx, "echo");
     const double Quiet = PingAWhile(pLinx, EchoSpid, Picky).MedianUs;
     const long Before = RssKiB(Picky);
-    int Pipe[2];
-    if (pipe(Pipe) != 0)
-        Fail("pipe");
-    const pid_t Flooder = StartFlooder(Instance, "picky", Pipe[1]);
+    const pid_t Flooder = StartFlooder(Instance, "picky", Told);
     const Pings During = PingAWhile(pLinx, EchoSpid, Picky);
     long Counts[2];
-    ReadCounts(Pipe[0], Counts);
+    Told.Hear(&Counts);
     const double Sent = NowUs();
     SendWaiting(pLinx, Hunt(pLinx, "picky"), 64, kWanted);
     double At = 0;
-    (void)!read(Got[0], &At, sizeof At);
+    Got.Hear(&At);
     printf("Receiver waiting for one number, flooded %d s with 64 KiB signals of another:\n", kFloodSeconds);
     printf("  sends accepted %ld, refused with ENOBUFS %ld; receiver grew by %ld KiB at most\n", Counts[0],
            Counts[1], During.MostRssKiB - Before);
@@ -157,8 +143,6 @@ void SelectiveReceiverFlood(const std::string &Instance)
     linx_close(pLinx);
     for (pid_t Child : {Flooder, Picky, Echo})
         Stop(Child);
-    for (int Fd : {Pipe[0], Pipe[1], Got[0], Got[1]})
-        close(Fd);
 }
 
 void NeverReadingClient(const BenchNode &Node)
@@ -193,13 +177,11 @@ LinkedNodes StartLinked(const std::string &Tag, const std::vector<std::string> &
     return N;
 }
 
-// Stops the nodes, the processes on them and the pipe they reported on.
-void StopLinked(LinkedNodes &N, std::initializer_list<pid_t> Children, const int Pipe[2])
+// Stops the nodes and the processes on them.
+void StopLinked(LinkedNodes &N, std::initializer_list<pid_t> Children)
 {
     for (pid_t Child : Children)
         Stop(Child);
-    close(Pipe[0]);
-    close(Pipe[1]);
     StopNode(N.A);
     StopNode(N.B);
 }
@@ -216,13 +198,11 @@ void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTa
     const LINX_SPID EchoSpid = Hunt(pLinx, "b/echo");
     const double Quiet = PingAWhile(pLinx, EchoSpid, N.A.Pid).MedianUs;
     const long BeforeA = RssKiB(N.A.Pid), BeforeB = RssKiB(N.B.Pid);
-    int Pipe[2];
-    if (pipe(Pipe) != 0)
-        Fail("pipe");
-    const pid_t Flooder = StartFlooder(N.A.Instance, pTarget, Pipe[1]);
+    const Pipe Told;
+    const pid_t Flooder = StartFlooder(N.A.Instance, pTarget, Told);
     const Pings During = PingAWhile(pLinx, EchoSpid, N.A.Pid);
     long Counts[2];
-    ReadCounts(Pipe[0], Counts);
+    Told.Hear(&Counts);
     const long DuringB = RssKiB(N.B.Pid);
     Stop(Flooder);
     usleep(1500000);
@@ -236,16 +216,14 @@ void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTa
            During.Answered, During.Sent, During.MedianUs, Quiet);
     printf("  lines \"link b is down\" on a: %d\n", CountLines(ReadFile(N.A.Log), "link b is down"));
     linx_close(pLinx);
-    StopLinked(N, {Sink, Echo}, Pipe);
+    StopLinked(N, {Sink, Echo});
 }
 
 void HuntsBeyondTheBound(const std::string &Tag)
 {
     LinkedNodes N = StartLinked(Tag);
     const pid_t Echo = StartEcho(N.B.Instance, "echo");
-    int Pipe[2];
-    if (pipe(Pipe) != 0)
-        Fail("pipe");
+    const Pipe Told;
     const pid_t Hunter = Start(N.A.Instance, "hunter", [&](LINX *pFirst) {
         std::vector<LINX *> Sockets = {pFirst};
         while (Sockets.size() < 18)
@@ -253,11 +231,11 @@ void HuntsBeyondTheBound(const std::string &Tag)
         long Counts[2] = {0, 0};
         for (int i = 0; i < 70000; i++)
             Counts[linx_hunt(Sockets[i % 18], ("b/absent-" + std::to_string(i)).c_str(), nullptr) == 0 ? 0 : 1]++;
-        (void)!write(Pipe[1], Counts, sizeof Counts);
+        Told.Say(Counts);
         pause();
     });
     long Counts[2];
-    ReadCounts(Pipe[0], Counts);
+    Told.Hear(&Counts);
     usleep(500000);
     LINX *pLinx = OpenOn(N.A.Instance, "other");
     const double Start = NowUs();
@@ -277,7 +255,7 @@ void HuntsBeyondTheBound(const std::string &Tag)
     else
         printf("  another process's hunt across the link: no answer within 5 s\n");
     linx_close(pLinx);
-    StopLinked(N, {Hunter, Echo}, Pipe);
+    StopLinked(N, {Hunter, Echo});
 }
 
 void HalfOpenConnections(const std::string &Tag)

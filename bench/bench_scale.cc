@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "host_kit.h"
 #include "linx.h"
 
 namespace {
@@ -57,9 +58,7 @@ enum class Leaving { Stays, Closes, Exits, Killed };
 // (their pids are returned) or leave.
 std::vector<pid_t> Senders(const char *pServer, int Count, Leaving How)
 {
-    int Sent[2];
-    if (pipe(Sent) != 0)
-        Fail("pipe");
+    const Pipe Sent;
     std::vector<pid_t> Pids;
     for (int i = 0; i < Count; i++) {
         const pid_t Child = fork();
@@ -68,7 +67,7 @@ std::vector<pid_t> Senders(const char *pServer, int Count, Leaving How)
             if (p == nullptr)
                 _exit(1);
             SendWaiting(p, Hunt(p, pServer), 64, kEcho);
-            (void)!write(Sent[1], "", 1);
+            Sent.Say();
             if (How == Leaving::Closes)
                 linx_close(p);
             if (How == Leaving::Stays || How == Leaving::Killed)
@@ -77,13 +76,9 @@ std::vector<pid_t> Senders(const char *pServer, int Count, Leaving How)
         }
         Pids.push_back(Child);
     }
-    for (int i = 0; i < Count; i++) {
-        char Byte;
-        if (read(Sent[0], &Byte, 1) != 1)
+    for (int i = 0; i < Count; i++)
+        if (!Sent.Hear())
             Fail("senders");
-    }
-    close(Sent[0]);
-    close(Sent[1]);
     for (pid_t Pid : Pids)
         if (How == Leaving::Killed)
             kill(Pid, SIGKILL);
@@ -109,14 +104,10 @@ struct Footprint {
 
 Footprint FootprintOf(pid_t Pid)
 {
-    Footprint F = {0, 0, -1};
+    Footprint F = {0, 0, RssKiB(Pid)};
     std::ifstream Maps("/proc/" + std::to_string(Pid) + "/maps");
     for (std::string Line; std::getline(Maps, Line); F.Mappings++)
         F.Rings += Line.find("/memfd:linx-ring") != std::string::npos;
-    std::ifstream Status("/proc/" + std::to_string(Pid) + "/status");
-    for (std::string Word; Status >> Word;)
-        if (Word == "VmRSS:" && Status >> F.RssKiB)
-            break;
     return F;
 }
 

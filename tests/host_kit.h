@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 // What the tests and the benchmarks both ask of the host, written once:
 // the linxd program beside the library, a program started with its output
-// in files, a free TCP port on loopback, a process's resident memory and a
-// file's text.  Header-only, so that the
+// in files, a pipe between a process and its children, a free TCP port on
+// loopback, a process's resident memory and a file's text.  Header-only, so that the
 // benchmarks (built without the tests) include it as they are.
 #pragma once
 
@@ -29,6 +29,32 @@ inline std::string LinxdBesideLibrary()
     const std::string Path = Info.dli_fname;
     return Path.substr(0, Path.rfind('/') + 1) + "linxd";
 }
+
+// A pipe between a process and its children, closed with it: one side
+// says something (a byte, or a value), the other hears it.
+struct Pipe {
+    explicit Pipe(int Flags = 0)
+    {
+        if (pipe2(Fd, Flags | O_CLOEXEC) != 0)
+            Fd[0] = Fd[1] = -1;
+    }
+    Pipe(const Pipe &) = delete;
+    ~Pipe()
+    {
+        close(Fd[0]);
+        close(Fd[1]);
+    }
+    template <typename T = char> bool Say(const T &Value = T()) const
+    {
+        return write(Fd[1], &Value, sizeof Value) == (ssize_t)sizeof Value;
+    }
+    template <typename T = char> bool Hear(T *pValue = nullptr) const
+    {
+        T Value;
+        return read(Fd[0], pValue ? pValue : &Value, sizeof Value) == (ssize_t)sizeof Value;
+    }
+    int Fd[2];
+};
 
 // A TCP port on loopback nobody listens on right now; 0 when none was found.
 inline uint16_t FreePort()

@@ -47,32 +47,6 @@ int WaitChild(pid_t Child);
 // Sends Signal to the child, if one was started, and waits for it.
 int StopChild(pid_t Child, int Signal = SIGKILL);
 
-// A pipe between a test and its children, closed with it: one side says
-// something (a byte, or a value), the other hears it.
-struct Pipe {
-    explicit Pipe(int Flags = 0)
-    {
-        if (pipe2(Fd, Flags | O_CLOEXEC) != 0)
-            Fd[0] = Fd[1] = -1;
-    }
-    Pipe(const Pipe &) = delete;
-    ~Pipe()
-    {
-        close(Fd[0]);
-        close(Fd[1]);
-    }
-    template <typename T = char> bool Say(const T &Value = T()) const
-    {
-        return write(Fd[1], &Value, sizeof Value) == (ssize_t)sizeof Value;
-    }
-    template <typename T = char> bool Hear(T *pValue = nullptr) const
-    {
-        T Value;
-        return read(Fd[0], pValue ? pValue : &Value, sizeof Value) == (ssize_t)sizeof Value;
-    }
-    int Fd[2];
-};
-
 // Pids of the linxd processes serving Instance.
 std::vector<pid_t> FindLinxd(const std::string &Instance);
 // Starts linxd for Instance in the foreground with Args, its standard
