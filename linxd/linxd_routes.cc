@@ -264,6 +264,11 @@ void Service::jSocketOpened(const Socket &S)
 // (a process that sends and exits loses nothing).
 std::map<uint32_t, std::vector<PhantomMark>> Service::jSocketClosing(Socket &S)
 {
+    // A writer that sees the count of closed routes move looks for routes
+    // whose slot no longer holds their socket: the slot is cleared first,
+    // or a writer quick to look would keep the route (and its ring) until
+    // some other socket closed.
+    __atomic_store_n(&mpSlots[S.Slot].spid, 0, __ATOMIC_RELEASE);
     for (const auto &Writer : S.Rings.Writers) {
         auto P = mProcesses.find(Writer.second);
         if (P == mProcesses.end())
