@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -82,11 +81,19 @@ inline long RssKiB(pid_t Pid)
     return -1;
 }
 
-// The whole of a file ("" when it cannot be read).
+// What a file holds, as far as it can be read ("" when it cannot be
+// opened).  Plain reads, not a stream's: a /proc file of a process that
+// exits meanwhile fails with ESRCH, which a stream buffer throws.
 inline std::string ReadFile(const std::string &Path)
 {
-    std::ifstream In(Path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(In)), std::istreambuf_iterator<char>());
+    std::string Text;
+    const int Fd = open(Path.c_str(), O_RDONLY | O_CLOEXEC);
+    char Buffer[4096];
+    for (ssize_t Got; Fd >= 0 && (Got = read(Fd, Buffer, sizeof Buffer)) > 0;)
+        Text.append(Buffer, (size_t)Got);
+    if (Fd >= 0)
+        close(Fd);
+    return Text;
 }
 
 // Runs Args[0] with Args.  Its standard output goes to OutPath and its
