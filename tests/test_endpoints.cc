@@ -34,11 +34,7 @@ std::string PrivateName()
     return Name;
 }
 
-class Endpoints : public testing::Test {
-protected:
-    void SetUp() override { TakeLoggedLines(); }
-    void TearDown() override { MSG_CloseLocal(nullptr); }
-};
+using Endpoints = MessageLayerTest;
 
 TEST_F(Endpoints, OpeningANameTwiceIsAConflict)
 {
@@ -154,15 +150,9 @@ TEST_F(Endpoints, SocketQueries)
 
 // ---- The remote endpoint table ------------------------------------------------
 
-class RemoteTable : public testing::Test {
+class RemoteTable : public MessageLayerTest {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0u, MSG_OpenLocal("table"));
-        pTable = MSG_GetLocalEndpoint("table");
-    }
-    void TearDown() override { MSG_CloseLocal("table"); }
-    LocalEndpoint *pTable = nullptr;
+    RemoteTable() : MessageLayerTest({"table"}) {}
 };
 
 TEST(OpenCloseTypes, PairsWrapToTheStartOfTheRange)
@@ -176,6 +166,7 @@ TEST(OpenCloseTypes, PairsWrapToTheStartOfTheRange)
 // deleted; a nameless record is added only for an id not known yet.
 TEST_F(RemoteTable, HuntedOpenClosedAndBack)
 {
+    LocalEndpoint *const pTable = MSG_GetLocalEndpoint("table");
     uint32_t Open = 0, Again = 0, Next = 0;
     ASSERT_EQ(0u, MSG_NewRemoteEndpoint(pTable, "peer", 0, &Open));
     EXPECT_EQ(309u, MSG_NewRemoteEndpoint(pTable, "peer", 0, &Again));

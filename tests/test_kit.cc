@@ -258,3 +258,19 @@ int ServeEcho(const char *pName)
             return 3;
     }
 }
+
+void MessageLayerTest::SetUp()
+{
+    MSG_DebugSetFlag(0);
+    for (const std::string &Name : mNames)
+        ASSERT_EQ(0u, MSG_OpenLocal(Name.c_str())) << Name;
+    TakeLoggedLines();
+}
+
+void MessageLayerTest::TearDown()
+{
+    for (const std::string &Name : mNames)
+        MSG_CloseLocal(Name.c_str());
+    MSG_CloseLocal(nullptr);
+    MSG_DebugSetFlag(0);
+}

@@ -115,6 +115,19 @@ bool Pump(const char *pLocal, int TimeoutMs, const std::function<bool()> &Done, 
 constexpr MSG_Type kQuitType = 0x7F0;
 int ServeEcho(const char *pName);
 
+// A test of the message layer: it starts with the debug flag clear, the
+// public endpoints Names open and nothing captured of the log, and ends by
+// closing them and this thread's private endpoint, and clearing the flag.
+class MessageLayerTest : public testing::Test {
+protected:
+    explicit MessageLayerTest(std::vector<std::string> Names = {}) : mNames(std::move(Names)) {}
+    void SetUp() override;
+    void TearDown() override;
+
+private:
+    std::vector<std::string> mNames;
+};
+
 // ---- What the library writes to syslog (log_capture.cc) ----------------------
 
 // Captures what the library writes to syslog, by interposing syslog in the

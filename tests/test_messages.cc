@@ -7,19 +7,7 @@
 
 namespace {
 
-class Messages : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        MSG_DebugSetFlag(0);
-        TakeLoggedLines();
-    }
-    void TearDown() override
-    {
-        MSG_DebugSetFlag(0);
-        MSG_CloseLocal(nullptr);
-    }
-};
+using Messages = MessageLayerTest;
 
 TEST_F(Messages, AllocationFillsTheHeaderThroughOnePrivateEndpointPerThread)
 {

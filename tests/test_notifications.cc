@@ -32,21 +32,9 @@ int Copies(const char *pName, MSG_Type Type = kNews)
 }
 
 
-class Notifications : public testing::Test {
+class Notifications : public MessageLayerTest {
 protected:
-    void SetUp() override
-    {
-        for (const char *pName : {"pub", "a", "c"})
-            ASSERT_EQ(0u, MSG_OpenLocal(pName));
-        TakeLoggedLines();
-    }
-    void TearDown() override
-    {
-        for (const char *pName : {"pub", "a", "c"})
-            MSG_CloseLocal(pName);
-        MSG_CloseLocal(nullptr);
-        MSG_DebugSetFlag(0);
-    }
+    Notifications() : MessageLayerTest({"pub", "a", "c"}) {}
 };
 
 TEST_F(Notifications, PublisherSubscriptionsDuplicatesAndPurges)

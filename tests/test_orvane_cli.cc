@@ -119,10 +119,9 @@ pid_t StartPublisher(const char *pName)
     return Child;
 }
 
-class OrvaneCli : public testing::Test {
+class OrvaneCli : public MessageLayerTest {
 protected:
-    void SetUp() override { ASSERT_EQ(0u, MSG_OpenLocal("cli-test")); }
-    void TearDown() override { MSG_CloseLocal("cli-test"); }
+    OrvaneCli() : MessageLayerTest({"cli-test"}) {}
 };
 
 // The command's own checks of its arguments (CLI11's are CLI11's).

@@ -34,14 +34,9 @@ uint32_t PendingHunts(const LocalEndpoint *pEndpoint = MSG_GetMyEndpoint())
     return Hunts;
 }
 
-class RemoteOpen : public testing::Test {
+class RemoteOpen : public MessageLayerTest {
 protected:
-    void SetUp() override { ASSERT_EQ(0u, MSG_OpenLocal("watcher")); }
-    void TearDown() override
-    {
-        MSG_CloseLocal("watcher");
-        MSG_CloseLocal(nullptr);
-    }
+    RemoteOpen() : MessageLayerTest({"watcher"}) {}
     MSG_Status OpenAsync(const char *pName, uint32_t bOneShot)
     {
         const MSG_Callback OnOpen = {Record, &Opened, 0, 0, bOneShot};

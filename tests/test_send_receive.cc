@@ -12,18 +12,9 @@ namespace {
 constexpr MSG_Type kRequest = 0x120;
 constexpr MSG_Type kAnswer = 0x121;
 
-class SendReceive : public testing::Test {
+class SendReceive : public MessageLayerTest {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0u, MSG_OpenLocal("client"));
-        TakeLoggedLines();
-    }
-    void TearDown() override
-    {
-        MSG_CloseLocal("client");
-        MSG_CloseLocal(nullptr);
-    }
+    SendReceive() : MessageLayerTest({"client"}) {}
     void Quit(uint32_t Spid)
     {
         EXPECT_EQ(0u, MSG_SendMsg("client", Spid, MSG_AllocMsg(kQuitType, 0, 0)));
