@@ -150,7 +150,8 @@ struct linxd_slot {
                                  that saves the owner a system call) */
     uint32_t routes_gone;     /* sockets closed that the owner's process had
                                  rings into: a hint that its cached routes
-                                 to them can go */
+                                 to them can go (counted after their slots
+                                 were cleared) */
     uint32_t reserved[12];
 };
 
