@@ -92,7 +92,7 @@ void jForkChild()
 {
     // The parent's thread holds the locks: the child starts them afresh.
     StandinRefusalsAtFork(ForkStage::Child);
-    new (&gTableMutex) std::shared_mutex();
+    StandinRenewInChild(&gTableMutex);
     StandinRoutesAtFork(ForkStage::Child);
     for (auto &Entry : gByFd) {
         jSetOwnSocket_NeedsLock(Entry.first, nullptr);

@@ -710,5 +710,5 @@ void StandinRefusalsAtFork(ForkStage Stage)
     else if (Stage == ForkStage::Parent)
         gRefusals.Mutex.unlock();
     else
-        new (&gRefusals.Mutex) std::mutex();
+        StandinRenewInChild(&gRefusals.Mutex);
 }

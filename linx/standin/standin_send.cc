@@ -370,8 +370,8 @@ void StandinRoutesAtFork(ForkStage Stage)
         gRouteMutex.unlock();
         gOpenRouteMutex.unlock();
     } else {
-        new (&gRouteMutex) std::mutex();
-        new (&gOpenRouteMutex) std::mutex();
+        StandinRenewInChild(&gRouteMutex);
+        StandinRenewInChild(&gOpenRouteMutex);
         gRoutes.clear(); // the parent's rings have one writer, the parent: the child makes its own
         jDropSpare_NeedsLock();
     }

@@ -26,8 +26,13 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 #include "linx_module.h"
 #include "protocol.h"
@@ -154,6 +159,20 @@ struct StandinRequest {
 // The moments of a fork() each part takes care of (standin.cc
 // registers them once).
 enum class ForkStage { Prepare, Parent, Child };
+
+// Makes a lock that the forking thread took at Prepare new again in the
+// child.  It is built afresh rather than unlocked: a read-write lock tells
+// its writer by thread id, which the child's one thread does not share, so
+// an unlock there would take the reader's path.  ThreadSanitizer, which
+// does not see the rebuild, is told that the lock was let go.
+template <typename Lock> void StandinRenewInChild(Lock *pLock)
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_mutex_pre_unlock(pLock, 0);
+    __tsan_mutex_post_unlock(pLock, 0);
+#endif
+    new (pLock) Lock();
+}
 
 // The statistics of a socket of this process (in its ready set).
 inline linxd_counters &StandinCounters(StandinSocket &S)
