@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Runs every test: the plain build, then the same tests under
-# AddressSanitizer+UndefinedBehaviorSanitizer, then the threaded tests under
-# ThreadSanitizer, then the project built for i386 with its demo run under
+# AddressSanitizer+UndefinedBehaviorSanitizer, then under ThreadSanitizer,
+# then the project built for i386 with its demo run under
 # qemu-i386, then every test case under valgrind memcheck, then a
 # short run of each fuzz harness.  Stops at the first failing stage.
 set -euo pipefail
@@ -21,7 +21,7 @@ run_stage "tests" build ""
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_stage "tests under ASan+UBSan" build-asan "" -DORVANE_SANITIZE=address
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  run_stage "threaded tests under TSan" build-tsan "-L threaded" -DORVANE_SANITIZE=thread
+  run_stage "tests under TSan" build-tsan "" -DORVANE_SANITIZE=thread
 echo "== the whole project for i386"
 "$root/scripts/i386.sh"
 echo "== tests under valgrind memcheck"

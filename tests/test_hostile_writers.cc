@@ -20,12 +20,14 @@
 
 namespace {
 
-// Under AddressSanitizer freed memory waits in quarantine and counts in a
-// process's resident size: linxd's memory is measured in the plain build.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kRssIsMemory = false;
+// A sanitizer's own memory counts in a process's resident size (freed
+// memory in AddressSanitizer's quarantine, ThreadSanitizer's shadow of
+// what was touched): linxd's memory is measured in the plain build.
+constexpr bool kRssIsMemory =
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    false;
 #else
-constexpr bool kRssIsMemory = true;
+    true;
 #endif
 
 constexpr uint32_t kFlood = 0x99;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One process, many threads at once (the suite ThreadSanitizer runs, with
-// the files-read-once suite):
+// One process, many threads at once:
 // - LINX sockets: sends racing the receiver's close;
 // - the message layer: allocation, cloning and release on private
 //   endpoints, deferred releases into a public endpoint, registration and
