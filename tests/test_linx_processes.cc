@@ -54,7 +54,8 @@ bool SendPattern(LINX *pLinx, LINX_SPID To, uint32_t Seq, uint32_t Size)
 }
 
 // Receives one signal and checks it against its pattern; returns its
-// sequence, or -1 when none came within TimeoutMs (-2: a damaged one).
+// sequence, or -1 when none came within TimeoutMs (-2: a damaged one, -3:
+// one of another number).
 int64_t ReceivePattern(LINX *pLinx, int TimeoutMs, uint32_t *pSize = nullptr, LINX_SPID *pFrom = nullptr)
 {
     union LINX_SIGNAL *pSig = nullptr;
@@ -66,7 +67,7 @@ int64_t ReceivePattern(LINX *pLinx, int TimeoutMs, uint32_t *pSize = nullptr, LI
     memcpy(&Seq, pBytes + 4, sizeof Seq);
     uint32_t SigNo;
     memcpy(&SigNo, pBytes, sizeof SigNo);
-    bool bIntact = SigNo == kData && Size >= 8;
+    bool bIntact = Size >= 8;
     for (uint32_t i = 8; bIntact && i < (uint32_t)Size; i++)
         bIntact = pBytes[i] == (unsigned char)(Seq * 31 + i);
     if (pSize)
@@ -74,7 +75,7 @@ int64_t ReceivePattern(LINX *pLinx, int TimeoutMs, uint32_t *pSize = nullptr, LI
     if (pFrom)
         *pFrom = linx_sender(pLinx, &pSig);
     linx_free_buf(pLinx, &pSig);
-    return bIntact ? Seq : -2;
+    return SigNo != kData ? -3 : bIntact ? (int64_t)Seq : -2;
 }
 
 bool Readable(LINX *pLinx, int TimeoutMs)
@@ -107,28 +108,31 @@ pid_t StartSender(const char *pName, const std::function<int(LINX *, LINX_SPID)>
     });
 }
 
+// Each victim is watched from the moment it opens; once it is killed,
+// everything it sent arrives whole and in order before its end is told.
 TEST_F(LinxProcesses, SendersKilledMidFloodNeverCorruptWhatComesNext)
 {
     std::mt19937 Random(getpid());
     for (int Round = 0; Round < 200; Round++) {
-        const pid_t Victim = StartSender("victim", [](LINX *pLinx, LINX_SPID Parent) {
+        const std::string Name = "victim" + std::to_string(Round);
+        const pid_t Victim = StartSender(Name.c_str(), [](LINX *pLinx, LINX_SPID Parent) {
             for (uint32_t Seq = 0;; Seq++)
                 if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
                     return 1;
         });
+        const LINX_SPID VictimSpid = HuntAndWait(pParent, Name.c_str(), 5000);
+        ASSERT_NE(0u, linx_attach(pParent, nullptr, VictimSpid));
         // Take some of the flood while it runs, so the kill lands in the
         // middle of sends rather than on a sender waiting for room.
         const int64_t FloodMs = NowMs() + 1 + Random() % 3;
-        int64_t Expected = 0;
-        while (NowMs() < FloodMs && Expected >= 0) {
-            const int64_t Seq = ReceivePattern(pParent, 5);
-            if (Seq != -1) {
+        int64_t Expected = 0, Seq;
+        while (NowMs() < FloodMs)
+            if ((Seq = ReceivePattern(pParent, 1)) != -1)
                 ASSERT_EQ(Expected++, Seq) << "round " << Round;
-            }
-        }
         ASSERT_EQ(128 + SIGKILL, StopChild(Victim));
-        for (int64_t Seq; (Seq = ReceivePattern(pParent, 0)) != -1;)
+        while ((Seq = ReceivePattern(pParent, 5000)) >= 0)
             ASSERT_EQ(Expected++, Seq) << "round " << Round;
+        ASSERT_EQ(-3, Seq) << "round " << Round << ": its end was never told";
     }
     const pid_t Healthy = StartSender("healthy", [](LINX *pLinx, LINX_SPID Parent) {
         for (uint32_t Seq = 0; Seq < 100; Seq++)
