@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// Nodes, linked pairs, echo processes and hand-made link frames for the
+// tests that join linxd instances (declared in link_test_util.h).
 #include "link_test_util.h"
 
 #include "test_kit.h"

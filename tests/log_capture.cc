@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// The test programs' syslog and CLOCK_MONOTONIC, interposed: what the
+// library logs is kept for the test to read (see test_kit.h).
 #include "test_kit.h"
 
 #include <dlfcn.h>

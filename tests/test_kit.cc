@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// The shared helpers of the test programs (declared in test_kit.h): child
+// processes, linxd instances, LINX signals and message-layer peers.
 #include "test_kit.h"
 
 #include <filesystem>

@@ -1,4 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
+/* The stop flag and its wake-up pipe (see stop_signals.h): the handler
+ * only stores the flag and writes one byte, both async-signal-safe. */
 #define _POSIX_C_SOURCE 200809L
 #include "stop_signals.h"
 
