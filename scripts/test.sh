@@ -10,18 +10,18 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
 jobs=$(nproc)
 
-run_stage() { # name dir ctest-args cmake-args...
-  local name=$1 dir=$2 args=$3; shift 3
+run_stage() { # name dir cmake-args...
+  local name=$1 dir=$2; shift 2
   echo "== $name"
   "$root/scripts/build.sh" "$dir" "$@" >/dev/null
-  (cd "$root/$dir" && ctest --output-on-failure -j"$jobs" $args)
+  (cd "$root/$dir" && ctest --output-on-failure -j"$jobs")
 }
 
-run_stage "tests" build ""
+run_stage "tests" build
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_stage "tests under ASan+UBSan" build-asan "" -DORVANE_SANITIZE=address
+  run_stage "tests under ASan+UBSan" build-asan -DORVANE_SANITIZE=address
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  run_stage "tests under TSan" build-tsan "" -DORVANE_SANITIZE=thread
+  run_stage "tests under TSan" build-tsan -DORVANE_SANITIZE=thread
 echo "== the whole project for i386"
 "$root/scripts/i386.sh"
 echo "== tests under valgrind memcheck"
