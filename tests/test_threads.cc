@@ -4,7 +4,7 @@
 // - the message layer: allocation, cloning and release on private
 //   endpoints, deferred releases into a public endpoint, registration and
 //   dispatch on a shared endpoint, the tracker created once by racing first
-//   allocations, and logging and sequence numbers while the debug flag
+//   allocations, logging and sequence numbers, all while the debug flag
 //   changes;
 // - notifications: publishing from several threads while subscribers come
 //   and go (local and remote subscriptions change under the walk,
@@ -50,16 +50,22 @@ uint32_t Count(void *, MSG_Msg *)
     return 0;
 }
 
-TEST(MsgThreads, ManyThreadsAllocateReleaseRegisterAndDispatch)
+// Threads allocate, clone and release on their private endpoints and into a
+// public one, register and dispatch on a shared endpoint, log, take
+// sequence numbers and change the debug flag, all at once: their racing
+// first allocations make one tracker, lines stay whole and numbers unique.
+TEST(MsgThreads, AllocateDispatchAndLogAtOnceWhileTheFlagChanges)
 {
     ASSERT_EQ(0u, MSG_OpenLocal("shared"));
     LocalEndpoint *pShared = MSG_GetLocalEndpoint("shared");
-    MSG_DebugSetFlag(MSG_DEBUG_TRACKER);
+    const bool bFirstTracker = gpHash == nullptr;
+    MSG_DebugSetFlag(MSG_DEBUG_TRACKER | MSG_DEBUG_LOG_SUCCESS);
     TakeLoggedLines();
-    constexpr int kThreads = 6;
+    constexpr int kThreads = 6, kRounds = 200, kNumbersPerRound = 50;
     std::atomic<int> Failures{0};
+    std::vector<std::vector<uint32_t>> Seen(kThreads);
     InThreads(kThreads, [&](int t) {
-        for (int i = 0; i < 200; i++) {
+        for (int i = 0; i < kRounds; i++) {
             MSG_Msg *pMsg = NewMsg(1 + t, i, 32);
             MSG_Msg *pClone = nullptr;
             Failures += pMsg == nullptr || MSG_CloneMsg(pMsg, &pClone) != 0;
@@ -71,60 +77,34 @@ TEST(MsgThreads, ManyThreadsAllocateReleaseRegisterAndDispatch)
             Failures += MSG_ReleaseMsg(pPublic) != 0;
             Failures += MSG_ReleaseMsg(pClone) != 0;
             Failures += MSG_ReleaseMsg(pMsg) != 0;
-        }
-    });
-    EXPECT_EQ(0, Failures.load());
-    EXPECT_GE(gRuns.load(), kThreads * 200);
-    EXPECT_NE(nullptr, gpHash);
-    MSG_DebugSetFlag(0);
-    EXPECT_EQ(0u, MSG_CloseLocal("shared")); // drains 1200 deferred releases
-}
-
-TEST(MsgThreads, RacingFirstAllocationsCreateOneTracker)
-{
-    if (gpHash != nullptr)
-        GTEST_SKIP() << "an earlier test of this process made the tracker";
-    MSG_DebugSetFlag(MSG_DEBUG_TRACKER | MSG_DEBUG_LOG_SUCCESS);
-    TakeLoggedLines();
-    InThreads(8, [](int) { MSG_ReleaseMsg(MSG_AllocMsg(1, 0, 0)); });
-    MSG_DebugSetFlag(0);
-    EXPECT_EQ(1, Occurrences(TakeLoggedText(), "MSG_CreateHash: result 0/OK"));
-}
-
-// Lines stay whole and sequence numbers unique while threads log, take
-// numbers and change the debug flag at once.
-TEST(MsgThreads, LinesStayWholeAndSequenceNumbersUniqueWhileTheFlagChanges)
-{
-    TakeLoggedLines();
-    constexpr int kThreads = 6, kLines = 300, kNumbersPerLine = 50;
-    std::vector<std::vector<uint32_t>> Seen(kThreads);
-    InThreads(kThreads, [&](int t) {
-        for (int i = 0; i < kLines; i++) {
-            MSG_DebugSetFlag(i % 2 ? MSG_DEBUG_LOG_SUCCESS : 0);
+            // Past its first allocation the tracker exists, and said so.
+            MSG_DebugSetFlag(MSG_DEBUG_TRACKER | (i % 2 ? MSG_DEBUG_LOG_SUCCESS : 0));
             MSG_LogOs(3, "f.c", t, "fn", "$progname: $halvo: liborvane: $func: t%d i%d $err\n", t, i, 301);
             MSG_LogErrFilter(0, "f.c", t, "fn", "ok %d\n", i);
-            for (int n = 0; n < kNumbersPerLine; n++)
+            for (int n = 0; n < kNumbersPerRound; n++)
                 Seen[t].push_back(MSG_GetNextSequence());
         }
     });
     MSG_DebugSetFlag(0);
-    int Errors = 0;
+    EXPECT_EQ(0, Failures.load());
+    EXPECT_GE(gRuns.load(), kThreads * kRounds);
+    EXPECT_EQ(0u, MSG_CloseLocal("shared")); // drains 1200 deferred releases
+    int Whole = 0, Created = 0;
     for (const LoggedLine &L : TakeLoggedLines()) {
-        if (L.Level == 3) {
-            Errors++;
-            EXPECT_NE(std::string::npos, L.Text.find("liborvane: fn: t"));
-            EXPECT_NE(std::string::npos, L.Text.find("result 301/wrong parameter\n"));
-        } else {
-            EXPECT_EQ(6, L.Level);
-        }
+        Created += L.Text.find("MSG_CreateHash: result 0/OK") != std::string::npos;
+        if (L.Text.rfind("ok ", 0) == 0)
+            EXPECT_EQ(6, L.Level) << L.Text;
+        else if (L.Text.find("liborvane: fn: t") != std::string::npos)
+            Whole += L.Level == 3 && L.Text.find("result 301/wrong parameter\n") != std::string::npos;
     }
-    EXPECT_EQ(kThreads * kLines, Errors);
+    EXPECT_EQ(kThreads * kRounds, Whole);
+    EXPECT_EQ(bFirstTracker ? 1 : 0, Created);
     std::set<uint32_t> All;
     for (const std::vector<uint32_t> &Values : Seen) {
         EXPECT_TRUE(std::is_sorted(Values.begin(), Values.end()));
         All.insert(Values.begin(), Values.end());
     }
-    EXPECT_EQ((size_t)kThreads * kLines * kNumbersPerLine, All.size());
+    EXPECT_EQ((size_t)kThreads * kRounds * kNumbersPerRound, All.size());
 }
 
 // ---- Notifications -----------------------------------------------------------
