@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Builds the whole project for i386 (-m32 with Debian's g++-multilib) into
 # build-i386 and runs the 32-bit demo under qemu-i386 against a 64-bit
-# linxd: 32-bit processes of one device on a 64-bit service.
+# linxd: 32-bit processes of one device on a 64-bit service; then the
+# 64-bit Python client against the 32-bit demo's server and relay.
 # Debian's i386 protobuf packages, of the version of the installed protoc,
 # are fetched with a private apt state and unpacked into build-i386/sysroot:
 # nothing is installed on the machine, so a multiarch index out of sync
@@ -51,4 +52,20 @@ if ! LINXD_INSTANCE="$instance" qemu-i386 -L "$sysroot" "$build/examples/orvane_
   echo "i386: the 32-bit demo failed"
   exit 1
 fi
-echo "i386: the whole project built for i386 in build-i386; its demo ran under qemu-i386 on a 64-bit linxd"
+# The 64-bit Python client against the 32-bit server and relay: 32- and
+# 64-bit processes of one device hunt and attach each other, exchange the
+# 56-byte header (answers come back through the 32-bit relay's sender
+# stack) and publish to each other.
+peers32="$build/orvane_demo_qemu"
+printf '#!/bin/sh\nexec qemu-i386 -L "%s" "%s" "$@"\n' "$sysroot" "$build/examples/orvane_demo" >"$peers32"
+chmod +x "$peers32"
+LINXD_INSTANCE="$instance" PYTHONPATH="$root/build/python" /usr/bin/python3 "$root/examples/weather_client.py" \
+  "$peers32" >"$build/mixed.log" 2>&1 || true
+if [ "$(grep -c "'sunny, 21 C'" "$build/mixed.log")" != 2 ] || ! grep -q "client   update 3: " "$build/mixed.log" ||
+  ! grep -q "relay (0x.*) is gone" "$build/mixed.log"; then
+  cat "$build/mixed.log"
+  echo "i386: the 64-bit client and the 32-bit server and relay did not get along"
+  exit 1
+fi
+echo "i386: the whole project built for i386 in build-i386; its demo ran under qemu-i386 on a 64-bit linxd," \
+  "and the 64-bit Python client talked to its 32-bit server and relay"

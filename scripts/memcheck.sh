@@ -3,7 +3,7 @@
 # Runs every test case of the plain build under valgrind memcheck, one case
 # per process as ctest runs them, the processes they fork and exec included
 # (but linxd, which outlives them: its fuzz harness checks it for leaks, and
-# tshark and qemu, which are not ours).  Fails
+# tshark, which is not ours).  Fails
 # when a case fails, when any process lost memory for good, or when one
 # used or sent uninitialised bytes.  Prints the totals.
 set -euo pipefail
@@ -28,7 +28,7 @@ done
 run_case() { # program case logdir
   local name=${1}.${2//\//_}
   if ! valgrind --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds=definite \
-      --trace-children=yes --trace-children-skip='*/linxd,*/tshark,*/qemu-i386' \
+      --trace-children=yes --trace-children-skip='*/linxd,*/tshark' \
       --log-file="$3/$name.%p.vg" "./$1" --gtest_filter="$2" >"$3/$name.out" 2>&1; then
     echo "memcheck: $1 $2 failed under valgrind"
     tail -20 "$3/$name.out"

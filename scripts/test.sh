@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # Runs every test: the plain build, then the same tests under
 # AddressSanitizer+UndefinedBehaviorSanitizer, then under ThreadSanitizer,
-# then the project built for i386 with its demo run under
-# qemu-i386, then every test case under valgrind memcheck, then a
+# then the project built for i386 with its demo run under qemu-i386
+# (and the 64-bit client against its 32-bit server and relay), then
+# every test case under valgrind memcheck, then a
 # short run of each fuzz harness.  Stops at the first failing stage.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -2,8 +2,8 @@
 // Sending and receiving between real processes: the routing of responses,
 // owner rules, timeouts, the receive loop's handling of internal messages
 // and of malformed signals.  (Answers along the sender stack across
-// processes are the telemetry capture's, the 32-bit peer's and the demo's
-// relay.)
+// processes are the telemetry capture's, and the demo's, also between
+// 32- and 64-bit processes in the i386 stage.)
 #include "test_kit.h"
 
 #include "msg_local_endpoint.h"
