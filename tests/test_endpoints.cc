@@ -155,13 +155,6 @@ protected:
     RemoteTable() : MessageLayerTest({"table"}) {}
 };
 
-TEST(OpenCloseTypes, PairsWrapToTheStartOfTheRange)
-{
-    EXPECT_EQ(0x10000002u, jNextOpenCloseType(0x10000000));
-    EXPECT_EQ(0x1FFFFFFEu, jNextOpenCloseType(0x1FFFFFFC));
-    EXPECT_EQ(0x10000000u, jNextOpenCloseType(0x1FFFFFFE)) << "0x1FFFFFFE/0x1FFFFFFF is the last pair";
-}
-
 // A record is hunted, opened, closed (keeping its name to hunt again) and
 // deleted; a nameless record is added only for an id not known yet.
 TEST_F(RemoteTable, HuntedOpenClosedAndBack)

@@ -127,29 +127,17 @@ TEST_F(LinxProcesses, SendersKilledMidFloodNeverCorruptWhatComesNext)
         const int64_t FloodMs = NowMs() + 1 + Random() % 3;
         int64_t Expected = 0, Seq;
         while (NowMs() < FloodMs)
-            if ((Seq = ReceivePattern(pParent, 1)) != -1)
+            if ((Seq = ReceivePattern(pParent, 1)) != -1) {
                 ASSERT_EQ(Expected++, Seq) << "round " << Round;
+            }
         ASSERT_EQ(128 + SIGKILL, StopChild(Victim));
         while ((Seq = ReceivePattern(pParent, 5000)) >= 0)
             ASSERT_EQ(Expected++, Seq) << "round " << Round;
         ASSERT_EQ(-3, Seq) << "round " << Round << ": its end was never told";
     }
-    const pid_t Healthy = StartSender("healthy", [](LINX *pLinx, LINX_SPID Parent) {
-        for (uint32_t Seq = 0; Seq < 100; Seq++)
-            if (!SendPattern(pLinx, Parent, Seq, PatternSize(Seq)))
-                return 1;
-        return 0;
-    });
-    for (int64_t Seq = 0; Seq < 100; Seq++)
-        ASSERT_EQ(Seq, ReceivePattern(pParent, 5000));
-    EXPECT_EQ(0, WaitChild(Healthy));
-}
-
-// Three processes with two sending sockets each (their threads share the
-// process's ring): every sender's signals arrive in its order, each one
-// whole, whether it fits the receive buffer or needs a larger one.
-TEST_F(LinxProcesses, ManySendersKeepTheirOwnOrderWhateverTheSize)
-{
+    // Then three processes with two sending sockets each (their threads
+    // share the process's ring): every sender's signals arrive in its
+    // order, each one whole, whether it fits the receive buffer or not.
     constexpr uint32_t kPerSender = 3000;
     std::vector<pid_t> Children;
     for (int i = 0; i < 3; i++)

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // linxd instances joined by links, on this host over Unix sockets and over
 // TCP with TLS: hunts across one and two hops, ordered signals and answers,
-// deaths seen across a link, a link cut and its return, heartbeats, and the
-// message layer across a link.  (Peers that do not belong are the hostile
-// writers' suite's.)  Every node and every endpoint process is a real
-// process.
+// deaths seen across a link, a link cut and its return, and heartbeats.
+// (Peers that do not belong are the hostile writers' suite's.)  Every node
+// and every endpoint process is a real process.
 #include "test_kit.h"
 
 #include <arpa/inet.h>
@@ -176,42 +175,6 @@ TEST(LinkHops, TwoHopsThereAndBack)
     EXPECT_NE(std::string::npos,
               ReadFile(C.LogPath).find("echo gamma: first ping from " + B.Instance + "/" + A.Instance + "/far"));
     linx_close(pClient);
-}
-
-// The message layer across nodes: a public endpoint on node b, reached from
-// node a by the path a configuration would give it ("b/weather"), with a
-// request and its answer along the sender stack.
-TEST(LinkMessages, RemoteOpenRequestAndAnswer)
-{
-    Pair P;
-    MakePair(P, false, "msg");
-    const pid_t Server = StartChild([&] {
-        setenv("LINXD_INSTANCE", P.B.Instance.c_str(), 1);
-        if (MSG_OpenLocal("weather") != MSG_OK)
-            return 1;
-        for (;;) {
-            MSG_Msg *pMsg = MSG_RecvAnyMsg("weather", 20000);
-            if (pMsg == nullptr)
-                return 2;
-            snprintf((char *)MSG_GetPayloadMutable(pMsg), (size_t)MSG_GetPayloadBytes(pMsg), "sunny");
-            MSG_SetType(pMsg, 0x101);
-            MSG_SendMsg("weather", 0, pMsg); // back along the sender stack
-        }
-    });
-    const pid_t Client = StartChild([&] {
-        setenv("LINXD_INSTANCE", P.A.Instance.c_str(), 1);
-        uint32_t Id = 0;
-        if (MSG_OpenLocal("asker") != MSG_OK || MSG_OpenRemoteSync("asker", "b/weather", 10000, &Id) != MSG_OK)
-            return 1;
-        MSG_SendMsg("asker", Id, MSG_AllocMsg(0x100, 0, 16));
-        MSG_Msg *pAnswer = MSG_RecvAnyMsg("asker", 10000);
-        if (pAnswer == nullptr || strcmp((const char *)MSG_GetPayload(pAnswer), "sunny") != 0)
-            return 2;
-        MSG_ReleaseMsg(pAnswer);
-        return MSG_CloseLocal("asker") == MSG_OK ? 0 : 3;
-    });
-    EXPECT_EQ(0, WaitChild(Client));
-    StopChild(Server);
 }
 
 } // namespace

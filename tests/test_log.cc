@@ -79,13 +79,25 @@ TEST_F(LogTest, StatusTextsAndTheOutcomeFilterFollowingTheDebugFlag)
               Lines[0].Text);
 }
 
+// The conversions; and the copy on standard error, with the monotonic
+// time, made only while the flag asks for it.
 TEST_F(LogTest, ConversionsFollowPrintfForTheAcceptedLetters)
 {
+    testing::internal::CaptureStderr();
     EXPECT_EQ("100% and %", Format("100%% and %5%"));
     EXPECT_EQ("0000001f", Format("%08x", 0x1F));
     EXPECT_EQ("-7 4294967295 |ab   |", Format("%d %u |%-5s|", -7, 0xFFFFFFFFu, "ab"));
     EXPECT_EQ("+12.abc", Format("%+d.%.3s", 12, "abcdef"));
     EXPECT_EQ("(nil) 0x10", Format("%p %p", (void *)nullptr, (void *)0x10));
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
+
+    const struct timespec At = {12, 345000};
+    FakeMonotonicClock(&At);
+    MSG_DebugSetFlag(MSG_DEBUG_STDERR);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ("hello 7\n", Format("hello %d\n", 7));
+    EXPECT_EQ("12.000345 hello 7\n", testing::internal::GetCapturedStderr());
+    FakeMonotonicClock(nullptr);
 }
 
 TEST_F(LogTest, TokensAreMatchedInTableOrder)
@@ -191,26 +203,6 @@ TEST_F(LogTest, LongLinesAreCutAt511Characters)
     EXPECT_EQ(Exact, Format("%sxyz%d", Exact.c_str(), 5));
     std::string Near(510, 'd');
     EXPECT_EQ(Near + "x", Format("%sxyz", Near.c_str()));
-}
-
-TEST_F(LogTest, StandardErrorCopyCarriesTheMonotonicTime)
-{
-    const struct timespec At = {12, 345000};
-    FakeMonotonicClock(&At);
-    MSG_DebugSetFlag(MSG_DEBUG_STDERR);
-    testing::internal::CaptureStderr();
-    MSG_LogOs(LOG_ERR, "f.c", 1, "fn", "hello %d\n", 7);
-    const std::string Err = testing::internal::GetCapturedStderr();
-    FakeMonotonicClock(nullptr);
-    EXPECT_EQ("12.000345 hello 7\n", Err);
-    std::vector<LoggedLine> Lines = TakeLoggedLines();
-    ASSERT_EQ(1u, Lines.size());
-    EXPECT_EQ("hello 7\n", Lines[0].Text);
-
-    MSG_DebugSetFlag(0);
-    testing::internal::CaptureStderr();
-    MSG_LogOs(LOG_ERR, "f.c", 1, "fn", "quiet\n");
-    EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
 class LogDeathTest : public LogTest {

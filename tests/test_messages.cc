@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Messages: header accessors and the extra-flag bits, allocation through
 // the thread's private endpoint, cloning, header copies and the two
-// release paths; and the helpers beside them: elapsed time and sequence
-// numbers.
+// release paths.
 #include "test_kit.h"
 
 namespace {
@@ -142,34 +141,6 @@ TEST_F(Messages, ForeignOrStaleOwnersAreRefused)
     pMsg->InUseMagic = MAGIC_NUM_MSG_ALLOC;
     EXPECT_EQ(301u, MSG_GetOwnerName(pMsg, Name, 0));
     EXPECT_EQ(0u, MSG_ReleaseMsg(pMsg));
-}
-
-TEST(Helpers, ElapsedTimeTruncatesTowardZero)
-{
-    EXPECT_EQ(1, MSG_CalcElapsedMsec({1, 999999999}, {2, 0}));
-    EXPECT_EQ(1000, MSG_CalcElapsedMsec({1, 1}, {2, 0}));
-    EXPECT_EQ(-1000, MSG_CalcElapsedMsec({5, 0}, {4, 0}));
-    EXPECT_EQ(1500, MSG_CalcElapsedMsec({10, 250000000}, {11, 750000000}));
-    EXPECT_EQ(-1, MSG_CalcElapsedMsec({3, 1500000}, {3, 0}));
-
-    struct timespec Now;
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    Now.tv_sec -= 2;
-    const int32_t Since = MSG_GetMsecSince(Now);
-    EXPECT_GE(Since, 2000);
-    EXPECT_LT(Since, 60000);
-}
-
-TEST(Helpers, SequenceWrapsAfter24Bits)
-{
-    // The counter is process-wide: measure from wherever it stands now.
-    const uint32_t First = MSG_GetNextSequence();
-    EXPECT_EQ((First + 1) & 0xFFFFFFu, MSG_GetNextSequence());
-    uint32_t Last = 0;
-    for (uint32_t i = 0; i < 0x1000000u; i++)
-        Last = MSG_GetNextSequence();
-    EXPECT_EQ((First + 1) & 0xFFFFFFu, Last); // 2^24 calls bring it round
-    EXPECT_LE(Last, 0xFFFFFFu);
 }
 
 TEST(Helpers, ExtraFlagsKeepTheSendStackSize)
