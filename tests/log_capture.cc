@@ -13,7 +13,6 @@ namespace {
 
 std::mutex gMutex;
 std::vector<LoggedLine> gLines;
-bool gbEcho = false;
 bool gbFakeClock = false;
 struct timespec gFakeNow;
 
@@ -23,8 +22,6 @@ void jCapture(int Priority, const char *pFormat, va_list Args)
     vsnprintf(Text, sizeof Text, pFormat, Args);
     std::lock_guard<std::mutex> Lock(gMutex);
     gLines.push_back({Priority, Text});
-    if (gbEcho)
-        fprintf(stderr, "syslog(%d): %s", Priority, Text);
 }
 
 } // namespace
@@ -51,12 +48,6 @@ int Occurrences(const std::string &Text, const std::string &What)
     for (size_t At = Text.find(What); At != std::string::npos; At = Text.find(What, At + 1))
         Count++;
     return Count;
-}
-
-void EchoLoggedLinesToStderr(bool bEcho)
-{
-    std::lock_guard<std::mutex> Lock(gMutex);
-    gbEcho = bEcho;
 }
 
 void FakeMonotonicClock(const struct timespec *pNow)

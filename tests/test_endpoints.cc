@@ -36,25 +36,6 @@ std::string PrivateName()
 
 using Endpoints = MessageLayerTest;
 
-TEST_F(Endpoints, OpeningANameTwiceIsAConflict)
-{
-    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
-    ASSERT_EQ(0u, MSG_OpenLocal("radio"));
-    EXPECT_EQ(nullptr, MSG_GetMyEndpoint()) << "a public endpoint is nobody's current endpoint";
-    EXPECT_EQ(1u, MSG_IsLocalOpen("radio"));
-    TakeLoggedLines();
-    EXPECT_EQ(303u, MSG_OpenLocal("radio"));
-    std::vector<LoggedLine> Lines = TakeLoggedLines();
-    ASSERT_EQ(1u, Lines.size());
-    EXPECT_NE(std::string::npos, Lines[0].Text.find("MSG_OpenLocal: result 303/endpoint name conflict: "
-                                                    "local ep \"radio\", bPublic=1, Linx handle (nil), SPID 0x0\n"));
-    EXPECT_EQ(1, CountEndpoints());
-    EXPECT_EQ(0u, MSG_CloseLocal("radio"));
-    EXPECT_EQ(0u, MSG_IsLocalOpen("radio"));
-    EXPECT_EQ(302u, MSG_CloseLocal("radio"));
-    EXPECT_EQ(301u, MSG_IsLocalOpen(nullptr));
-}
-
 // The private endpoint is per thread, another thread's cannot be closed,
 // it closes when its thread ends, and reopens under its name.
 TEST_F(Endpoints, PrivateEndpointIsPerThreadAndReopensUnderItsName)
@@ -90,8 +71,24 @@ TEST_F(Endpoints, PrivateEndpointIsPerThreadAndReopensUnderItsName)
     MSG_ReleaseMsg(pMsg);
 }
 
-TEST_F(Endpoints, RegistryFindsTheNewestAndVisitsAll)
+// A name opened twice is a conflict; the registry finds the newest of a
+// name and visits every endpoint.
+TEST_F(Endpoints, RegistryRefusesAConflictFindsTheNewestAndVisitsAll)
 {
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint());
+    ASSERT_EQ(0u, MSG_OpenLocal("radio"));
+    EXPECT_EQ(nullptr, MSG_GetMyEndpoint()) << "a public endpoint is nobody's current endpoint";
+    EXPECT_EQ(1u, MSG_IsLocalOpen("radio"));
+    TakeLoggedLines();
+    EXPECT_EQ(303u, MSG_OpenLocal("radio"));
+    EXPECT_EQ(1, Occurrences(TakeLoggedText(), "MSG_OpenLocal: result 303/endpoint name conflict: "
+                                               "local ep \"radio\", bPublic=1, Linx handle (nil), SPID 0x0\n"));
+    EXPECT_EQ(1, CountEndpoints());
+    EXPECT_EQ(0u, MSG_CloseLocal("radio"));
+    EXPECT_EQ(0u, MSG_IsLocalOpen("radio"));
+    EXPECT_EQ(302u, MSG_CloseLocal("radio"));
+    EXPECT_EQ(301u, MSG_IsLocalOpen(nullptr));
+
     LINX *pA = linx_open("twin", 0, nullptr);
     LINX *pB = linx_open("twin", 0, nullptr);
     LocalEndpoint *pFirst = nullptr, *pSecond = nullptr;

@@ -144,9 +144,6 @@ std::vector<LoggedLine> TakeLoggedLines();
 std::string TakeLoggedText();
 // How often What occurs in Text.
 int Occurrences(const std::string &Text, const std::string &What);
-// Also copy each captured line to standard error (for death tests, whose
-// child dies before the parent could read its capture).
-void EchoLoggedLinesToStderr(bool bEcho);
 // While set, CLOCK_MONOTONIC reads this time; nullptr restores the clock.
 void FakeMonotonicClock(const struct timespec *pNow);
 

@@ -236,24 +236,4 @@ TEST_F(LinxBuffers, InformationQueries)
     EXPECT_STREQ("2.5.1", Version);
 }
 
-class LinxBuffersDeathTest : public LinxBuffers {};
-
-TEST_F(LinxBuffersDeathTest, WritingPastTheSignalAborts)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::function<void(union LINX_SIGNAL **)> Uses[] = {
-        [&](union LINX_SIGNAL **ppSig) { linx_free_buf(pA, ppSig); },
-        [&](union LINX_SIGNAL **ppSig) { linx_send(pA, ppSig, linx_get_spid(pB)); },
-        [&](union LINX_SIGNAL **ppSig) { linx_sigsize(pA, ppSig); },
-    };
-    for (const auto &Use : Uses)
-        EXPECT_DEATH(
-            {
-                union LINX_SIGNAL *pSig = linx_alloc(pA, 16, 1);
-                ((char *)pSig)[16] = 0;
-                Use(&pSig);
-            },
-            "Endmark overwritten for buffer 0x[0-9a-f]+\n");
-}
-
 } // namespace

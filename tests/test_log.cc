@@ -119,7 +119,12 @@ TEST_F(LogTest, TokensAreMatchedInTableOrder)
 
 uint32_t NoopCallback(void *, MSG_Msg *) { return 0; }
 
-TEST_F(LogTest, SignalSigselectCallbackAndRemoteTokens)
+struct TestMsg {
+    MSG_Msg Header;
+    uint8_t Payload[8];
+};
+
+TEST_F(LogTest, SignalSigselectCallbackRemoteAndMessageTokens)
 {
     EXPECT_EQ("Linx sig addr null", Format("$signal", (void **)nullptr));
     void *pSig = (void *)0x1234;
@@ -151,45 +156,24 @@ TEST_F(LogTest, SignalSigselectCallbackAndRemoteTokens)
     EXPECT_EQ("remote ep 0x143/\"unknown\"", Format("$remote", 0x143u));
     uint32_t Id = 0x143;
     EXPECT_EQ("remote ep 0x143/\"unknown\" remote ep null", Format("$premote $premote", &Id, (uint32_t *)nullptr));
-}
 
-struct TestMsg {
-    MSG_Msg Header;
-    uint8_t Payload[8];
-};
-
-TEST_F(LogTest, MessageTokenShowsHeaderAndFirstPayloadBytes)
-{
+    // A message: its header, the top and bottom of its sender stack, and
+    // at most four payload bytes; what cannot be right is called so.
     EXPECT_EQ("msg null", Format("$message", (MSG_Msg *)nullptr));
     TestMsg M = {};
     M.Header.MsgType = 0x1234;
     M.Header.Sequence = 9;
-    M.Header.pOwner = 0;
-    char Prefix[96];
-    snprintf(Prefix, sizeof Prefix, "msg %p->{type 0x1234, seq 9, local ep owner (nil)", (void *)&M);
-
-    EXPECT_EQ(std::string(Prefix) + ", size 0, payload []}", Format("$message", &M));
-
-    M.Header.PayloadBytes = -3;
-    EXPECT_EQ(std::string(Prefix) + ", size -3, payload [CORRUPTED]}", Format("$message", &M));
-
-    M.Header.PayloadBytes = 3;
-    memcpy(M.Payload, "\x01\xff\x10", 3);
-    M.Header.SendStackSize = 1;
-    M.Header.SendStack[0] = 0x55;
-    EXPECT_EQ(std::string(Prefix) + ", sender 0x55, size 3, payload [0x1,0xff,0x10]}",
-              Format("$message", &M));
-
     M.Header.PayloadBytes = 8;
+    memcpy(M.Payload, "\x01\xff\x10", 3);
     M.Header.SendStackSize = 3;
+    M.Header.SendStack[0] = 0x55;
     M.Header.SendStack[2] = 0x77;
-    EXPECT_EQ(std::string(Prefix) +
-                  ", sender 0x77, orig sender 0x55, size 8, payload [0x1,0xff,0x10,0x0,...]}",
+    snprintf(Expect, sizeof Expect, "msg %p->{type 0x1234, seq 9, local ep owner (nil), ", (void *)&M);
+    EXPECT_EQ(Expect + std::string("sender 0x77, orig sender 0x55, size 8, payload [0x1,0xff,0x10,0x0,...]}"),
               Format("$message", &M));
-
     M.Header.SendStackSize = 9;
-    EXPECT_EQ(std::string(Prefix) + ", CORRUPTED sender stack, size 8, payload [0x1,0xff,0x10,0x0,...]}",
-              Format("$message", &M));
+    M.Header.PayloadBytes = -3;
+    EXPECT_EQ(Expect + std::string("CORRUPTED sender stack, size -3, payload [CORRUPTED]}"), Format("$message", &M));
 }
 
 TEST_F(LogTest, LongLinesAreCutAt511Characters)
@@ -203,36 +187,6 @@ TEST_F(LogTest, LongLinesAreCutAt511Characters)
     EXPECT_EQ(Exact, Format("%sxyz%d", Exact.c_str(), 5));
     std::string Near(510, 'd');
     EXPECT_EQ(Near + "x", Format("%sxyz", Near.c_str()));
-}
-
-class LogDeathTest : public LogTest {
-protected:
-    void SetUp() override
-    {
-        LogTest::SetUp();
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        EchoLoggedLinesToStderr(true);
-    }
-    void TearDown() override
-    {
-        EchoLoggedLinesToStderr(false);
-        LogTest::TearDown();
-    }
-};
-
-TEST_F(LogDeathTest, RefusedConversionsTokensAndNullArgumentsAbort)
-{
-    const char *const Refused[] = {
-        "%lu", "%c", "%i", "%X", "%1234567d", "abc%", "abc%08", "$", "x$", "$nosuch", "$Err",
-    };
-    for (const char *pFormat : Refused)
-        EXPECT_DEATH(MSG_LogOs(LOG_ERR, "f.c", 1, "fn", pFormat, 1),
-                     "syslog\\(3\\): .*: hd\\[-?[0-9]\\]: liborvane: msg_main.cc:[0-9]+: "
-                     "ASSERTION FAILED: 0\n")
-            << pFormat;
-    EXPECT_DEATH(MSG_Free(nullptr), "ASSERTION FAILED: ptr != NULL\n");
-    EXPECT_DEATH(MSG_SetExtraFlags(nullptr, 1), "ASSERTION FAILED: pMsg != NULL\n");
-    EXPECT_DEATH(MSG_GetExtraFlags(nullptr), "ASSERTION FAILED: pMsg != NULL\n");
 }
 
 } // namespace

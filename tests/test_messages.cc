@@ -159,35 +159,4 @@ TEST(Helpers, ExtraFlagsKeepTheSendStackSize)
     EXPECT_EQ(3u, Msg.SendStackSize);
 }
 
-using MessagesDeathTest = Messages;
-
-TEST_F(MessagesDeathTest, MisuseStopsTheProcess)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EchoLoggedLinesToStderr(true);
-    EXPECT_DEATH(MSG_GetSendStackSize(nullptr), "ASSERTION FAILED: pMsg != NULL");
-    EXPECT_DEATH(
-        {
-            MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
-            pMsg->SendStackSize = 9;
-            MSG_GetSender(pMsg);
-        },
-        "ASSERTION FAILED: Val <= MSG_SEND_STACK_ELEM");
-    EXPECT_DEATH(
-        {
-            MSG_Msg *pMsg = nullptr;
-            MSG_AllocMsg(1, 0, 0);
-            MSG_AllocMsg_Private(MSG_GetMyEndpoint(), 1, 10, &pMsg);
-        },
-        "ASSERTION FAILED: MsgBytes >= MSG_HEADER_BYTES");
-    EXPECT_DEATH(
-        {
-            MSG_Msg *pMsg = MSG_AllocMsg(1, 0, 0);
-            pMsg->InUseMagic = 0;
-            MSG_ReleaseMsg_Private(MSG_GetMyEndpoint(), &pMsg);
-        },
-        "ASSERTION FAILED: \\(\\* pMsg\\)->InUseMagic == MAGIC_NUM_MSG_ALLOC");
-    EchoLoggedLinesToStderr(false);
-}
-
 } // namespace

@@ -23,7 +23,7 @@ struct Fed {
     explicit Fed(const char *pFixed) : pPath(pFixed) {}
     const char *pPath;
     std::string Feed;
-    std::atomic<int> Lookups{0};
+    int Lookups = 0;
 };
 Fed gKernelLine("/proc/cmdline"), gSelfLine("/proc/self/cmdline"), gDeviceFile("/system/etc/orvane.pb");
 
@@ -158,28 +158,6 @@ TEST(Identity, AnUnreadableKernelLineIsRetriedAndAnUnopenableProgramLineIsNot)
     });
 }
 
-TEST(IdentityThreaded, ConcurrentFirstCallsLoadOnce)
-{
-    FeedCommandLines("ep1\n", "/usr/bin/worker");
-    gKernelLine.Lookups = 0;
-    RunInChild([] {
-        std::atomic<int> Mismatches{0};
-        InThreads(8, [&](int) {
-            for (int j = 0; j < 100; j++) {
-                int32_t Halvo;
-                uint32_t Pid;
-                const char *pName;
-                MSG_GetProcessInfo(&Halvo, &Pid, &pName);
-                // Once the pid shows, the rest of the cache must be there.
-                if (Pid != 0 && (Halvo != 2 || strcmp(pName, "worker") != 0))
-                    Mismatches++;
-            }
-        });
-        EXPECT_EQ(0, Mismatches.load());
-        EXPECT_EQ(1, gKernelLine.Lookups.load());
-    });
-}
-
 // ---- Endpoint configuration --------------------------------------------------
 
 // Protobuf wire bytes of one Endpoint entry of OrvaneCfg.
@@ -207,7 +185,7 @@ TEST(Config, MissingFileIsTriedOnceAndNamesMapToThemselves)
         TakeLoggedLines(); // what the parent logged before the fork
         EXPECT_EQ("alpha", Lookup("alpha"));
         EXPECT_EQ("beta", Lookup("beta"));
-        EXPECT_EQ(1, gDeviceFile.Lookups.load());
+        EXPECT_EQ(1, gDeviceFile.Lookups);
         std::vector<LoggedLine> Lines = TakeLoggedLines();
         ASSERT_EQ(2u, Lines.size()) << "the stat line and the load's outcome, once";
         EXPECT_NE(std::string::npos,
@@ -241,24 +219,6 @@ TEST(Config, LinkSubstitutionFirstMatchWinsAndBadFilesFallBack)
     });
     gDeviceFile.Feed = Feed("\xff\xff\xff garbage");
     RunInChild([] { EXPECT_EQ("alpha", Lookup("alpha")); });
-}
-
-TEST(ConfigThreaded, FirstLookupsRacingSeeTheWholeFile)
-{
-    std::string Bytes;
-    for (int i = 0; i < 500; i++)
-        Bytes += Entry("ep" + std::to_string(i), "link");
-    gDeviceFile.Feed = Feed(Bytes);
-    RunInChild([] {
-        std::atomic<int> Wrong{0};
-        InThreads(6, [&](int) {
-            char Out[128] = {};
-            MSG_GetFullEndpointPath("ep499", Out, sizeof Out);
-            Wrong += strcmp(Out, "link/ep499") != 0;
-        });
-        EXPECT_EQ(0, Wrong.load());
-        EXPECT_EQ(2, gDeviceFile.Lookups.load()) << "one stat and one open";
-    });
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The Python package against real processes: the C demo's weather server
-and relay, and Python peers started from this file (``peer`` below)."""
+"""The Python package against real processes: Python peers started from
+this file (``peer`` below).  (The example client against the C demo's
+server and relay is a test of its own.)"""
 import asyncio
-import os
 import signal
 import subprocess
 import sys
@@ -44,28 +44,6 @@ def serve_until(endpoint, done, seconds=10):
     while not done() and time.monotonic() < deadline:
         endpoint.serve(0.02)
     assert done()
-
-
-def test_the_c_demo_server_answers_directly_and_through_the_relay_and_publishes():
-    demo = subprocess.Popen([os.environ["ORVANE_DEMO"], "--serve"], stdout=subprocess.DEVNULL)
-    with orvane.Endpoint("client") as client:
-        up = {}
-        for name in ("weather-server", "relay"):
-            client.open_remote(name, on_open=up.__setitem__)
-        serve_until(client, lambda: len(up) == 2)
-        for name in ("weather-server", "relay"):
-            client.send(name, orvane.Message(WEATHER_REQ, size=64))
-            with client.receive(WEATHER_RSP, timeout=5) as answer:
-                assert text(answer) == "sunny, 21 C" and answer.stack == ()  # back the way it went
-
-        updates = []
-        client.on(WEATHER_UPDATE, WEATHER_UPDATE, lambda m: updates.append((m.sequence, text(m))))
-        client.subscribe("weather-server", WEATHER_UPDATE)
-        serve_until(client, lambda: len(updates) == 3)
-        assert updates[0] == (1, "rain at 14:00")
-        for name in ("weather-server", "relay"):
-            client.send(name, orvane.Message(QUIT_REQ))
-    assert demo.wait(timeout=10) == 0
 
 
 def test_every_error_is_its_exception_and_a_message_that_was_not_sent_stays_usable():
