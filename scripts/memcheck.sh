@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Runs every test case of the plain build under valgrind memcheck, one case
-# per process as ctest runs them, the processes they fork and exec included
+# per process as ctest runs them (and the demo, which is a case of its
+# own), the processes they fork and exec included
 # (but linxd, which outlives them: its fuzz harness checks it for leaks, and
 # tshark, which is not ours).  Fails
 # when a case fails, when any process lost memory for good, or when one
@@ -24,12 +25,14 @@ for program in test_*; do
     esac
   done < <("./$program" --gtest_list_tests | sed 's/ *#.*//')
 done
+cases+=("../examples/orvane_demo -")
 
-run_case() { # program case logdir
-  local name=${1}.${2//\//_}
+run_case() { # program case logdir (case "-": the program is a test case of its own)
+  local name=${1##*/}.${2//\//_} filter=(--gtest_filter="$2")
+  [ "$2" = - ] && filter=() && export LINXD_INSTANCE="memcheck-${1##*/}"
   if ! valgrind --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds=definite \
       --trace-children=yes --trace-children-skip='*/linxd,*/tshark' \
-      --log-file="$3/$name.%p.vg" "./$1" --gtest_filter="$2" >"$3/$name.out" 2>&1; then
+      --log-file="$3/$name.%p.vg" "./$1" "${filter[@]}" >"$3/$name.out" 2>&1; then
     echo "memcheck: $1 $2 failed under valgrind"
     tail -20 "$3/$name.out"
   fi
