@@ -16,12 +16,14 @@
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/resource.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 
 #include "standin/address.h"
 
@@ -150,22 +152,6 @@ Socket *Service::jFindSocket(uint32_t Spid)
     return It == mSockets.end() ? nullptr : &It->second;
 }
 
-// Counts one more item requested by Spid, unless it holds its maximum.
-bool Service::jHold(uint32_t Spid)
-{
-    Socket *pS = jFindSocket(Spid);
-    if (pS == nullptr || pS->Held >= kMaxHeldPerSocket)
-        return false;
-    pS->Held++;
-    return true;
-}
-
-void Service::jUnhold(uint32_t Spid)
-{
-    if (Socket *pS = jFindSocket(Spid))
-        pS->Held--;
-}
-
 bool Service::jSendReply(int Fd, const Reply &R)
 {
     linxd_reply Header = R.Header;
@@ -240,8 +226,13 @@ void Service::jServeClient(int Fd)
         R = jError((size_t)Got > Buffer.size() ? EMSGSIZE : EPROTO);
     } else {
         const char *pData = Buffer.data() + sizeof Req;
-        R = jHandle(C, Req, std::string(pData, Req.name_len), std::string(pData + Req.name_len, Req.sig_len),
-                    PassedFd);
+        try {
+            R = jHandle(C, Req, std::string(pData, Req.name_len), std::string(pData + Req.name_len, Req.sig_len),
+                        PassedFd);
+        } catch (const std::bad_alloc &) {
+            jOutOfMemory("serving a request");
+            R = jError(ENOMEM);
+        }
     }
     if (PassedFd >= 0)
         close(PassedFd); // the receiver got its own copy of a ring
@@ -356,6 +347,7 @@ void Service::jCloseSocket(uint32_t Spid)
     if (It == mSockets.end())
         return;
     Socket &S = It->second;
+    jDropBacklog(S);
     std::map<uint32_t, std::vector<PhantomMark>> Behind = jSocketClosing(S);
     std::vector<uint32_t> &Named = mNames[S.Name];
     Named.erase(std::find(Named.begin(), Named.end(), Spid));
@@ -381,7 +373,6 @@ void Service::jCloseSocket(uint32_t Spid)
     }
     memset(&mpSlots[S.Slot], 0, sizeof(linxd_slot));
     mFreeSlots.push_back(S.Slot);
-    jDropBacklog(S);
     mSockets.erase(It);
     mFreedSome = true;
 
@@ -501,6 +492,8 @@ bool Service::Start()
     while (getrandom(&mGeneration, sizeof mGeneration, 0) != (ssize_t)sizeof mGeneration || mGeneration == 0) {
     }
     mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    mSelf = getpid();
+    mRingBudget = jRingBudget();
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     mIdleSinceMs = jNowMs();
     return mEpollFd >= 0 && jMapRegion();
@@ -513,37 +506,63 @@ int Service::Step(int TimeoutMs)
     struct epoll_event Events[64];
     const int Count = epoll_wait(mEpollFd, Events, 64, TimeoutMs);
     for (int i = 0; i < Count; i++) {
-        const Watch Kind = (Watch)(Events[i].data.u64 >> 32);
-        const uint32_t Id = (uint32_t)Events[i].data.u64;
-        if (Kind == Watch::Listener) {
-            jAccept();
-        } else if (Kind == Watch::Client) {
-            jServeClient((int)Id);
-        } else if (Kind == Watch::LinkListener) {
-            jAcceptLink((int)Id);
-        } else if (Kind == Watch::Link) {
-            jServeLink(Id);
-        } else if (Kind == Watch::Bell) {
-            jRingBell(Id);
-        } else if (Kind == Watch::Room) {
-            jRoomRang(Id);
-        } else if (Socket *pS = jFindSocket(Id)) {
-            jFlushBacklog(*pS);
+        try {
+            jServeEvent((Watch)(Events[i].data.u64 >> 32), (uint32_t)Events[i].data.u64);
+        } catch (const std::bad_alloc &) {
+            jOutOfMemory("serving an event");
         }
     }
-    jFireTimers();
-    if (!mLinks.empty()) {
-        jResumeLinks();
-        jTickLinks();
-        jFlushLinks();
+    try {
+        jFireTimers();
+        if (!mLinks.empty()) {
+            jResumeLinks();
+            jTickLinks();
+            jFlushLinks();
+        }
+        RefusalFlush(&mRefusals);
+    } catch (const std::bad_alloc &) {
+        jOutOfMemory("serving timers and links");
     }
-    RefusalFlush(&mRefusals);
     jGiveBackMemory();
     const bool bIdle = jIdle();
     if (bIdle && !mWasIdle)
         mIdleSinceMs = jNowMs();
     mWasIdle = bIdle;
     return std::max(Count, 0);
+}
+
+void Service::jServeEvent(Watch Kind, uint32_t Id)
+{
+    if (Kind == Watch::Listener) {
+        jAccept();
+    } else if (Kind == Watch::Client) {
+        jServeClient((int)Id);
+    } else if (Kind == Watch::LinkListener) {
+        jAcceptLink((int)Id);
+    } else if (Kind == Watch::Link) {
+        jServeLink(Id);
+    } else if (Kind == Watch::Bell) {
+        jRingBell(Id);
+    } else if (Kind == Watch::Room) {
+        jRoomRang(Id);
+    } else if (Kind == Watch::Stop) {
+        jStopSignal();
+    } else if (Socket *pS = jFindSocket(Id)) {
+        jFlushBacklog(*pS);
+    }
+}
+
+// An allocation failed although every resource clients can make linxd
+// hold is capped: that piece of work is given up with a line (at most one
+// a second), and the loop goes on.
+void Service::jOutOfMemory(const char *pWhile)
+{
+    static int64_t LastMs = -1000;
+    const int64_t Now = jNowMs();
+    if (Now - LastMs < 1000)
+        return;
+    LastMs = Now;
+    fprintf(stderr, "linxd: out of memory while %s: it was given up\n", pWhile);
 }
 
 // What sockets and connections that went away held goes back to the
@@ -585,18 +604,43 @@ Service::~Service()
     for (const auto &Entry : mLinkListeners)
         close(Entry.first);
     LinkTlsFree(mpTls);
-    for (const int Fd : {mListenFd, mEpollFd, mRegionFd, mReserveFd})
+    for (const int Fd : {mListenFd, mEpollFd, mRegionFd, mReserveFd, mStopFd})
         if (Fd >= 0)
             close(Fd);
     if (mpSlots != nullptr)
         munmap(mpSlots, LINXD_REGION_BYTES);
 }
 
+// SIGINT and SIGTERM stop linxd cleanly, whatever disposition it was
+// started with (a background job of a shell that is not interactive
+// inherits SIGINT ignored): they arrive through a signalfd in the loop.
+bool Service::jWatchStops()
+{
+    sigset_t Stops;
+    sigemptyset(&Stops);
+    sigaddset(&Stops, SIGINT);
+    sigaddset(&Stops, SIGTERM);
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    mStopFd = sigprocmask(SIG_BLOCK, &Stops, nullptr) == 0 ? signalfd(-1, &Stops, SFD_CLOEXEC | SFD_NONBLOCK) : -1;
+    if (mStopFd < 0)
+        return false;
+    jWatch(Watch::Stop, mStopFd, 0, EPOLLIN, EPOLL_CTL_ADD);
+    return true;
+}
+
+void Service::jStopSignal()
+{
+    struct signalfd_siginfo Info;
+    if (read(mStopFd, &Info, sizeof Info) == (ssize_t)sizeof Info)
+        mStopSignal = (int)Info.ssi_signo;
+}
+
 int Service::Run()
 {
     signal(SIGPIPE, SIG_IGN);
     jRaiseDescriptorLimit();
-    if (!Start())
+    if (!Start() || !jWatchStops())
         return 1;
     if (!jListen()) {
         if (errno == EADDRINUSE && !mOptions.bForeground)
@@ -609,7 +653,7 @@ int Service::Run()
         return 1;
     if (mOptions.bForeground)
         fprintf(stderr, "linxd: serving instance \"%s\"\n", mOptions.Instance.c_str());
-    for (;;) {
+    while (mStopSignal == 0) {
         Step(jNextTimeoutMs());
         if (jIdle() && mOptions.IdleExitSeconds > 0 && jNowMs() - mIdleSinceMs >= mOptions.IdleExitSeconds * 1000LL) {
             jAccept(); // a client that connected just now keeps us alive
@@ -617,7 +661,9 @@ int Service::Run()
                 break;
         }
     }
-    if (mOptions.bForeground)
+    if (mOptions.bForeground && mStopSignal != 0)
+        fprintf(stderr, "linxd: stopped by %s\n", mStopSignal == SIGINT ? "SIGINT" : "SIGTERM");
+    else if (mOptions.bForeground)
         fprintf(stderr, "linxd: idle for %d s, exiting\n", mOptions.IdleExitSeconds);
     return 0;
 }

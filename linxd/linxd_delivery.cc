@@ -89,37 +89,25 @@ void Service::jDeliverFromLink(const Link &L, uint32_t To, uint32_t From, const 
         jQueue(*pS, std::move(W));
         return;
     }
-    pS->BacklogBytes += W.Datagram.size();
-    mBacklogBytes += W.Datagram.size();
+    jCountBacklog(*pS, W, 1);
     pS->LinkBacklog.push_back(std::move(W));
     jFlushLinkRing(*pS);
 }
 
 void Service::jQueue(Socket &S, Waiting &&W)
 {
-    S.BacklogBytes += W.Datagram.size();
-    mBacklogBytes += W.Datagram.size();
+    jCountBacklog(S, W, 1);
     if (S.Link == 0)
         __atomic_add_fetch(&S.pReady->counters.queued, 1, __ATOMIC_RELAXED);
     S.Backlog.push_back(std::move(W));
     jFlushBacklog(S);
 }
 
-// Whether a signal of linxd's may still be promised to socket Spid.
-bool Service::jRoomFor(uint32_t Spid, const std::string &Signal) const
-{
-    auto It = mSockets.find(Spid);
-    if (It == mSockets.end())
-        return true; // nothing will be delivered
-    const Socket &S = It->second;
-    return S.Backlog.size() < kMaxHeldPerSocket && S.BacklogBytes + Signal.size() <= kMaxBacklogBytesPerSocket &&
-           mBacklogBytes + Signal.size() <= kMaxBacklogBytesTotal;
-}
-
 void Service::jDropBacklog(Socket &S)
 {
-    mBacklogBytes -= S.BacklogBytes;
-    S.BacklogBytes = 0;
+    for (const std::deque<Waiting> *pBacklog : {&S.Backlog, &S.LinkBacklog})
+        for (const Waiting &W : *pBacklog)
+            jCountBacklog(S, W, -1);
     S.Backlog.clear();
     S.LinkBacklog.clear();
 }
@@ -130,8 +118,7 @@ void Service::jPopBacklog(Socket &S, std::deque<Waiting> &Backlog)
 {
     const Waiting &W = Backlog.front();
     jCredit(W, S.Spid);
-    S.BacklogBytes -= W.Datagram.size();
-    mBacklogBytes -= W.Datagram.size();
+    jCountBacklog(S, W, -1);
     Backlog.pop_front();
 }
 
@@ -225,7 +212,8 @@ bool Service::jOpenLinkRing(Socket &S)
 {
     const uint64_t Capacity = linxd_ring_capacity(mOptions.QueueBytes);
     const uint64_t Bytes = sizeof(linxd_ring_header) + Capacity;
-    if (S.Rings.Writers.size() >= mOptions.RingsPerSocket)
+    const RingTable &Table = S.Rings;
+    if (Table.Writers.size() + Table.Retiring.size() >= mOptions.RingsPerSocket || mRingsMapped >= mRingBudget)
         return false;
     const int Fd = jSealedRegion("linxd-ring", Bytes);
     auto *pHeader = (linxd_ring_header *)jMapShared(Fd, Bytes);
@@ -240,7 +228,7 @@ bool Service::jOpenLinkRing(Socket &S)
     const uint32_t Index = jTakeRingIndex(S);
     int Error = RoomFd < 0 ? errno : 0;
     if (Error == 0)
-        Error = Index < LINXD_MAX_RINGS_PER_SOCKET ? jPlaceRing(S, getpid(), Index, Fd, RoomFd) : ENOBUFS;
+        Error = Index < LINXD_MAX_RINGS_PER_SOCKET ? jPlaceRing(S, mSelf, Index, Fd, RoomFd) : ENOBUFS;
     close(Fd); // the owner has its own
     if (Error != 0) {
         munmap(pHeader, Bytes);
@@ -249,7 +237,8 @@ bool Service::jOpenLinkRing(Socket &S)
         S.Rings.Free.insert(Index);
         return false;
     }
-    S.Rings.Writers[Index] = getpid();
+    S.Rings.Writers[Index] = mSelf;
+    jChargeRing(mSelf, S);
     S.LinkRing = {pHeader, (char *)(pHeader + 1), Capacity, 0};
     S.LinkRingIndex = Index;
     S.RoomFd = RoomFd;

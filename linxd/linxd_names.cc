@@ -81,6 +81,8 @@ Reply Service::jRegister(Client &C, const std::string &Name)
         return jError(EISCONN);
     if (Name.find('\0') != std::string::npos)
         return jError(EINVAL);
+    if (!jMayOpenSocket(C))
+        return jError(ENOBUFS);
     int Pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, Pair) != 0)
         return jError(errno);

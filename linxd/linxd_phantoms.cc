@@ -62,7 +62,7 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name,
     }
     const std::string Full = L.Name + "/" + Name;
     int Error = 0;
-    Socket *pS = Full.size() <= LINXD_MAX_NAME_CHARS ? jNewSocket(Full, getpid(), &Error) : nullptr;
+    Socket *pS = Full.size() <= LINXD_MAX_NAME_CHARS ? jNewSocket(Full, mSelf, &Error) : nullptr;
     if (pS == nullptr) {
         *pWhy = "no room here for the endpoint " + Full;
         return false;
@@ -230,25 +230,31 @@ void Service::jCreditLink(uint32_t LinkId, uint64_t ConnSerial, uint32_t To, uin
 
 // A phantom's ring whose writer left or gave it up: read now as far as the
 // link takes it, the rest later, as far as the writer had written.
-void Service::jRetirePhantomRing(Socket &Phantom, uint32_t Index)
+void Service::jRetirePhantomRing(Socket &Phantom, uint32_t Index, pid_t Writer)
 {
     RingMark Mark;
+    Phantom.Rings.Draining[Index] = {Writer, 0};
     if (!RingSetMarkNow(&Phantom.Reading, Index, &Mark)) {
         jLetRingGo(Phantom, Index);
-        Phantom.Rings.Free.insert(Index);
         return;
     }
-    Phantom.Rings.Draining[Index] = {RingSetFind(&Phantom.Reading, Index)->Writer, Mark.Position};
+    Phantom.Rings.Draining[Index].Until = Mark.Position;
     RingSetPutInTurn(&Phantom.Reading, Index);
     jDrainPhantom(Phantom);
 }
 
-// Unmaps the ring at Index; a retired one's index is free again.
+// Unmaps the ring at Index; a retired one's index is free again, and its
+// writer is charged for it no more.
 void Service::jLetRingGo(Socket &Phantom, uint32_t Index)
 {
     RingSetDrop(&Phantom.Reading, Index);
-    if (Phantom.Rings.Draining.erase(Index) != 0)
-        Phantom.Rings.Free.insert(Index);
+    auto Draining = Phantom.Rings.Draining.find(Index);
+    if (Draining == Phantom.Rings.Draining.end())
+        return;
+    const pid_t Writer = Draining->second.Writer;
+    Phantom.Rings.Draining.erase(Draining);
+    Phantom.Rings.Free.insert(Index);
+    jUnchargeRing(Writer, Phantom);
 }
 
 // Where the rings of process Pid into phantoms stand that still hold
@@ -256,10 +262,10 @@ void Service::jLetRingGo(Socket &Phantom, uint32_t Index)
 std::map<uint32_t, std::vector<PhantomMark>> Service::jMarksOfRings(pid_t Pid)
 {
     std::map<uint32_t, std::vector<PhantomMark>> Marks;
-    auto P = mProcesses.find(Pid);
-    if (P == mProcesses.end())
+    const Process *pP = jProcessOf(Pid);
+    if (pP == nullptr)
         return Marks;
-    for (const auto &Ring : P->second.RingInto) {
+    for (const auto &Ring : pP->RingInto) {
         Socket *pS = jFindSocket(Ring.first);
         if (pS == nullptr || pS->Link == 0)
             continue;

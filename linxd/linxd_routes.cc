@@ -134,28 +134,23 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
         jRefuse(C.Pid, "a request", pRefusal);
         return jError(EINVAL);
     }
-    SenderProcess &P = mProcesses[C.Pid];
     const RingTable &Table = pS->Rings;
     const bool bDraining = std::any_of(Table.Draining.begin(), Table.Draining.end(),
                                        [&C](const std::pair<const uint32_t, DrainingRing> &D) {
                                            return D.second.Writer == C.Pid;
                                        });
-    if (bDraining) {
-        char Why[160];
-        snprintf(Why, sizeof Why, "its ring before into 0x%x still goes across", Target);
+    char Draining[96];
+    snprintf(Draining, sizeof Draining, "its ring before into 0x%x still goes across", Target);
+    const std::string Why = bDraining ? Draining : jRingOverCap(C.Pid, *pS);
+    if (!Why.empty()) {
         jRefuse(C.Pid, "a ring", Why);
+        jNudge(*pS);
         return jError(ENOBUFS);
     }
+    Process &P = mProcesses[C.Pid];
     auto Old = P.RingInto.find(Target);
     if (Old != P.RingInto.end())
         jRetireRing(*pS, Old->second);
-    if (Table.Writers.size() + Table.Draining.size() >= mOptions.RingsPerSocket) {
-        char Why[160];
-        snprintf(Why, sizeof Why, "socket 0x%x reads %u rings already (--rings-per-socket)", Target,
-                 mOptions.RingsPerSocket);
-        jRefuse(C.Pid, "a ring", Why);
-        return jError(ENOBUFS);
-    }
     const uint32_t Index = jTakeRingIndex(*pS);
     const int Error = Index < LINXD_MAX_RINGS_PER_SOCKET ? jPlaceRing(*pS, C.Pid, Index, RingFd) : ENOBUFS;
     if (Error != 0) {
@@ -164,6 +159,7 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
     }
     pS->Rings.Writers[Index] = C.Pid;
     P.RingInto[Target] = Index;
+    jChargeRing(C.Pid, *pS);
     Reply R;
     R.Header.value[0] = pS->Slot;
     R.Header.value[1] = Index;
@@ -177,8 +173,9 @@ Reply Service::jCloseRoute(Client &C, uint32_t Target, uint32_t Index)
     Socket *pS = jFindSocket(Target);
     if (pS == nullptr)
         return jValue(0); // the receiver closed: its rings went with it
-    auto P = mProcesses.find(C.Pid);
-    if (P == mProcesses.end() || P->second.RingInto.count(Target) == 0 || P->second.RingInto[Target] != Index)
+    const Process *pP = jProcessOf(C.Pid);
+    auto Ring = pP != nullptr ? pP->RingInto.find(Target) : std::map<uint32_t, uint32_t>::const_iterator();
+    if (pP == nullptr || Ring == pP->RingInto.end() || Ring->second != Index)
         return jError(EINVAL);
     jRetireRing(*pS, Index);
     return jValue(0);
@@ -189,12 +186,7 @@ Reply Service::jCloseRoute(Client &C, uint32_t Target, uint32_t Index)
 uint32_t Service::jTakeRingIndex(Socket &Receiver)
 {
     RingTable &Table = Receiver.Rings;
-    for (auto It = Table.Retiring.begin(); It != Table.Retiring.end();) {
-        const bool bLetGo = !linxd_index_set_has(Receiver.pRetired, *It);
-        if (bLetGo)
-            Table.Free.insert(*It);
-        It = bLetGo ? Table.Retiring.erase(It) : std::next(It);
-    }
+    jLetGoAllRead(Receiver);
     if (Table.Free.empty())
         return Table.Next++;
     const uint32_t Index = *Table.Free.begin();
@@ -233,21 +225,35 @@ int Service::jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int Ring
     return 0;
 }
 
+// Retired rings count against the caps until their reader lets them go,
+// which it does when it next receives: a reader that sleeps is woken (its
+// bell rung) when a ring was refused for want of them, so that the next
+// try finds them gone.  Retiring itself wakes nobody.
+void Service::jNudge(Socket &Receiver)
+{
+    const uint64_t One = 1;
+    if (Receiver.Link == 0 && !Receiver.Rings.Retiring.empty())
+        (void)!write(Receiver.BellFd, &One, sizeof One);
+}
+
 void Service::jRetireRing(Socket &Receiver, uint32_t Index)
 {
     auto It = Receiver.Rings.Writers.find(Index);
     if (It == Receiver.Rings.Writers.end())
         return;
-    auto P = mProcesses.find(It->second);
-    if (P != mProcesses.end())
-        P->second.RingInto.erase(Receiver.Spid);
+    const pid_t Writer = It->second;
+    Process *pW = jProcessOf(Writer);
+    if (pW != nullptr)
+        pW->RingInto.erase(Receiver.Spid);
     Receiver.Rings.Writers.erase(It);
     if (Receiver.Link != 0) {
-        jRetirePhantomRing(Receiver, Index);
+        jRetirePhantomRing(Receiver, Index, Writer);
         return;
     }
     linxd_index_set_add(Receiver.pRetired, Index);
-    Receiver.Rings.Retiring.insert(Index);
+    Receiver.Rings.Retiring[Index] = Writer;
+    if (pW != nullptr)
+        pW->Retired.insert({Receiver.Spid, Index});
 }
 
 void Service::jSocketOpened(const Socket &S)
@@ -256,12 +262,13 @@ void Service::jSocketOpened(const Socket &S)
 }
 
 // A socket closes.  The rings that reached it go with it (their writers
-// are told to let their routes go), and when it was its process's last
-// socket every ring the process made is retired: its receivers learn of
-// it before any attach signal about the socket.  What its process wrote to
-// phantoms goes on as far as the links take it; returned, by link, is where
-// the rest stands, which the peers must have before they hear of the close
-// (a process that sends and exits loses nothing).
+// are told to let their routes go, and are charged for them no more), and
+// when it was its process's last socket every ring the process made is
+// retired: its receivers learn of it before any attach signal about the
+// socket.  What its process wrote to phantoms goes on as far as the links
+// take it; returned, by link, is where the rest stands, which the peers
+// must have before they hear of the close (a process that sends and exits
+// loses nothing).
 std::map<uint32_t, std::vector<PhantomMark>> Service::jSocketClosing(Socket &S)
 {
     // A writer that sees the count of closed routes move looks for routes
@@ -270,25 +277,27 @@ std::map<uint32_t, std::vector<PhantomMark>> Service::jSocketClosing(Socket &S)
     // some other socket closed.
     __atomic_store_n(&mpSlots[S.Slot].spid, 0, __ATOMIC_RELEASE);
     for (const auto &Writer : S.Rings.Writers) {
-        auto P = mProcesses.find(Writer.second);
-        if (P == mProcesses.end())
+        Process *pW = jProcessOf(Writer.second);
+        if (pW == nullptr)
             continue;
-        P->second.RingInto.erase(S.Spid);
-        for (const uint32_t Spid : P->second.Sockets)
+        pW->RingInto.erase(S.Spid);
+        for (const uint32_t Spid : pW->Sockets)
             if (const Socket *pWriter = jFindSocket(Spid))
                 __atomic_add_fetch(&mpSlots[pWriter->Slot].routes_gone, 1, __ATOMIC_RELEASE);
     }
-    auto P = mProcesses.find(S.Pid);
-    if (S.Link != 0 || P == mProcesses.end())
+    jUnchargeAllInto(S);
+    jUnholdAll(S);
+    Process *pP = S.Link == 0 ? jProcessOf(S.Pid) : nullptr;
+    if (pP == nullptr)
         return {};
     std::map<uint32_t, std::vector<PhantomMark>> Marks = jMarksOfRings(S.Pid);
-    P->second.Sockets.erase(S.Spid);
-    if (!P->second.Sockets.empty())
-        return Marks;
-    const std::map<uint32_t, uint32_t> Rings = std::move(P->second.RingInto);
-    mProcesses.erase(P);
-    for (const auto &Ring : Rings)
-        if (Socket *pReceiver = jFindSocket(Ring.first))
-            jRetireRing(*pReceiver, Ring.second);
+    pP->Sockets.erase(S.Spid);
+    if (pP->Sockets.empty()) {
+        const std::map<uint32_t, uint32_t> Rings = pP->RingInto;
+        for (const auto &Ring : Rings)
+            if (Socket *pReceiver = jFindSocket(Ring.first))
+                jRetireRing(*pReceiver, Ring.second);
+    }
+    jForgetIfIdle(S.Pid);
     return Marks;
 }

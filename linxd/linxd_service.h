@@ -35,15 +35,38 @@
 constexpr uint32_t kDefaultHuntSigNo = LINX_OS_HUNT_SIG;
 constexpr uint32_t kDefaultAttachSigNo = LINX_OS_ATTACH_SIG;
 constexpr uint32_t kDefaultTmoSigNo = LINX_OS_TMO_SIG;
+// What one process can make linxd, or the processes it sends to, hold is
+// capped and charged to it (linxd_charges.cc); beyond a cap only that
+// process is refused, with ENOBUFS and a summarised line.
+//
+// Sockets of one process: a quarter of the instance's slots.
+constexpr uint32_t kMaxSocketsPerProcess = LINXD_MAX_SOCKETS / 4;
 // Pending hunts, attaches, timeouts and new-link tokens one socket may
-// hold at a time: a runaway client cannot exhaust the service.
+// hold at a time, and all the sockets of one process together.
 constexpr uint32_t kMaxHeldPerSocket = 4096;
+constexpr uint32_t kMaxHeldPerProcess = 65536;
 // linxd's own signals (hunt answers, attach and timeout signals) wait in a
 // socket's backlog while its queue is full.  A request whose signal would
-// land on a backlog of 4096 signals or 4 MiB, or while all backlogs hold
-// 64 MiB, is refused: a client that never reads cannot grow the service.
+// land on a backlog of 4096 signals or 4 MiB, on the sockets of a process
+// holding 8 MiB, or while all backlogs hold 64 MiB, is refused: a client
+// that never reads cannot grow the service, nor take the room of others.
 constexpr size_t kMaxBacklogBytesPerSocket = 4u << 20;
+constexpr size_t kMaxBacklogBytesPerProcess = 8u << 20;
 constexpr size_t kMaxBacklogBytesTotal = 64u << 20;
+// Rings (each one mapping of a ring's size in whoever reads it, and as
+// much shared memory as its writer filled) are charged to the process that
+// made them from the moment it hands one over until its reader let it go:
+// live, announced but not yet taken, and retired but not yet read all
+// count.  A process has at most 4 rings into one socket (its live one and
+// those retired that the reader has not read yet) and 2048 in all, 1024 of
+// them into phantoms, which linxd maps itself.  A receiving process maps
+// at most 16384 rings of others in all its sockets, and a socket at most
+// --rings-per-socket.  linxd maps at most what vm.max_map_count leaves
+// beside the sets of a full instance (jRingBudget).
+constexpr uint32_t kMaxRingsIntoSocket = 4;
+constexpr uint32_t kMaxRingsPerProcess = 2048;
+constexpr uint32_t kMaxPhantomRingsPerProcess = 1024;
+constexpr uint32_t kMaxRingsPerReceiver = 16384;
 // Signals from links wait in those backlogs too; above this much in all,
 // linxd stops reading its links (the peers' senders then fill their rings
 // and are refused) until the receivers have caught up to half of it.  It
@@ -110,9 +133,9 @@ int jSizedRegion(const char *pName, size_t Bytes);
 void *jMapShared(int Fd, size_t Bytes);
 
 // What epoll reports: a client connection, an inlet waiting to drain, a
-// link listener, a link's connection, the bell of a phantom's rings, or
-// the room bell of linxd's ring into a socket.
-enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6, Room = 7 };
+// link listener, a link's connection, the bell of a phantom's rings, the
+// room bell of linxd's ring into a socket, or a signal to stop.
+enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6, Room = 7, Stop = 8 };
 
 // The key epoll hands back: the kind, and the descriptor (listeners,
 // client), the link's id (link) or the socket's SPID (inlet, bells).
@@ -138,18 +161,26 @@ struct DrainingRing {
 
 struct RingTable {
     std::map<uint32_t, pid_t> Writers;
-    std::set<uint32_t> Retiring;       // a process's socket: retired, not let go by its owner yet
+    std::map<uint32_t, pid_t> Retiring; // a process's socket: retired, not let go by its owner yet
     std::map<uint32_t, DrainingRing> Draining; // a phantom's: retired, still read
     std::set<uint32_t> Free;           // below Next
     uint32_t Next = 0;                 // never handed out from here on
 };
 
-// A process that has sockets here, and the ring it writes into each
-// receiving socket (by the receiver's SPID): every one of them is retired
-// when its last socket closes.
-struct SenderProcess {
+// A process that has sockets here, or rings still charged to it (a
+// retired ring its reader has not read yet outlives its writer's sockets):
+// the ring it writes into each receiving socket (by the receiver's SPID),
+// every one of them retired when its last socket closes, and what it is
+// charged for.  A pid that is used again inherits what is left.
+struct Process {
     std::set<uint32_t> Sockets;
     std::map<uint32_t, uint32_t> RingInto;
+    std::set<std::pair<uint32_t, uint32_t>> Retired; // (receiver, index): not let go by its reader yet
+    uint32_t Rings = 0;        // live, retired and draining rings it made, everywhere
+    uint32_t PhantomRings = 0; // of those, into phantoms
+    uint32_t RingsIn = 0;      // rings of others into its sockets, which it maps
+    uint32_t Held = 0;         // hunts, attaches, timeouts and tokens of its sockets
+    size_t BacklogBytes = 0;   // linxd's signals waiting for its sockets
 };
 
 // A signal waiting for room in its socket's queue: one of linxd's own, or
@@ -304,6 +335,10 @@ public:
     bool HoldsNothing() const;
 
 private:
+    bool jWatchStops();
+    void jStopSignal();
+    void jServeEvent(Watch Kind, uint32_t Id);
+    void jOutOfMemory(const char *pWhile);
     void jGiveBackMemory();
     bool jListen();
     bool jMapRegion();
@@ -332,15 +367,13 @@ private:
     void jFlushBacklog(Socket &S);
     void jPopBacklog(Socket &S, std::deque<Waiting> &Backlog);
     void jDropBacklog(Socket &S);
-    bool jRoomFor(uint32_t Spid, const std::string &Signal) const;
+    bool jRoomFor(uint32_t Spid, const std::string &Signal);
     void jFireTimers();
     bool jIdle() const;
     int jNextTimeoutMs();
     uint32_t jNewSpid();
     uint32_t jNewRef();
     Socket *jFindSocket(uint32_t Spid);
-    bool jHold(uint32_t Spid);
-    void jUnhold(uint32_t Spid);
     bool jSendReply(int Fd, const Reply &R);
     void jWatch(Watch Kind, int Fd, uint32_t Id, uint32_t Events, int Op);
     Socket *jNewSocket(const std::string &Name, pid_t Pid, int *pError);
@@ -395,7 +428,7 @@ private:
     void jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes);
     void jCredit(const Waiting &W, uint32_t To);
     void jCreditLink(uint32_t LinkId, uint64_t ConnSerial, uint32_t To, uint32_t Bytes);
-    void jRetirePhantomRing(Socket &Phantom, uint32_t Index);
+    void jRetirePhantomRing(Socket &Phantom, uint32_t Index, pid_t Writer);
     void jLetRingGo(Socket &Phantom, uint32_t Index);
     std::map<uint32_t, std::vector<PhantomMark>> jMarksOfRings(pid_t Pid);
     void jGoneBehindRings(Link &L, const Socket &S, std::vector<PhantomMark> Marks);
@@ -410,8 +443,26 @@ private:
     int jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd, int RoomFd = -1);
     uint32_t jTakeRingIndex(Socket &Receiver);
     void jRetireRing(Socket &Receiver, uint32_t Index);
+    void jNudge(Socket &Receiver);
     void jSocketOpened(const Socket &S);
     std::map<uint32_t, std::vector<PhantomMark>> jSocketClosing(Socket &S);
+
+    // What each process is charged for (linxd_charges.cc)
+    static uint32_t jRingBudget();
+    Process *jProcessOf(pid_t Pid);
+    void jForgetIfIdle(pid_t Pid);
+    bool jMayOpenSocket(const Client &C);
+    bool jHold(uint32_t Spid);
+    void jUnhold(uint32_t Spid);
+    void jUnholdAll(Socket &S);
+    void jCountBacklog(Socket &S, const Waiting &W, int Sign);
+    std::string jRingOverCap(pid_t Writer, Socket &Receiver);
+    void jChargeRing(pid_t Writer, Socket &Receiver);
+    void jUnchargeRing(pid_t Writer, Socket &Receiver);
+    bool jLetGoIfRead(Socket &Receiver, uint32_t Index);
+    void jLetGoAllRead(Socket &Receiver);
+    void jSweepRetired(Process &W, uint32_t Only);
+    void jUnchargeAllInto(Socket &Receiver);
 
     // Hunts that go across links (linxd.cc)
     bool jMayHuntAcross(const Client &C, const std::string &Name);
@@ -423,12 +474,17 @@ private:
     int mListenFd = -1;
     int mRegionFd = -1;
     int mReserveFd = -1; // given up to turn a client away when out of descriptors
+    int mStopFd = -1;    // SIGINT and SIGTERM (Run only)
+    int mStopSignal = 0; // the one that came
     linxd_slot *mpSlots = nullptr;
     std::vector<uint32_t> mFreeSlots;  // slots given back, reused first
     uint32_t mUnusedSlots = 0;         // slots from here on were never handed out
     std::map<int, Client> mClients;
     std::map<uint32_t, Socket> mSockets;
-    std::map<pid_t, SenderProcess> mProcesses; // processes with sockets here
+    std::map<pid_t, Process> mProcesses; // processes with sockets, or rings charged to them, here
+    pid_t mSelf = 0;                     // linxd's own pid: the writer of its rings into sockets
+    uint32_t mRingsMapped = 0;           // rings linxd maps: its own into sockets, and phantoms'
+    uint32_t mRingBudget = 0;            // at most that many (jRingBudget)
     std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
     std::multimap<std::string, Hunt> mHunts;              // pending, by name
     std::map<pid_t, uint32_t> mHuntsAcross;               // of a process, for names with a slash

@@ -171,21 +171,31 @@ bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, int RoomFd, pid_t W
                   const char **ppWhy)
 {
     RingSetEntry Entry;
-    if (Index >= LINXD_MAX_RINGS_PER_SOCKET || (Index < pSet->Rings.size() && pSet->Rings[Index].State != RingState::Unused))
+    const bool bFree = Index < LINXD_MAX_RINGS_PER_SOCKET &&
+                       (Index >= pSet->Rings.size() || pSet->Rings[Index].State == RingState::Unused);
+    if (!bFree)
         *ppWhy = "a ring index that is taken or cannot be";
+    else if (RingFd < 0)
+        *ppWhy = "an announcement without its ring";
     else if (linxd_ring_map(RingFd, QueueBytes, &Entry.Reader, ppWhy) == 0)
         *ppWhy = nullptr;
+    if (*ppWhy != nullptr && RoomFd >= 0)
+        close(RoomFd);
+    // A ring refused at its index waits as dropped until linxd retires it,
+    // so that the index is given back then (linxd's own sets give it back
+    // at once).
+    if (*ppWhy != nullptr && (!bFree || pSet->pRetired == nullptr))
+        return false;
+    if (Index >= pSet->Rings.size())
+        pSet->Rings.resize(Index + 1);
     if (*ppWhy != nullptr) {
-        if (RoomFd >= 0)
-            close(RoomFd);
+        pSet->Rings[Index].State = RingState::Dropped;
         return false;
     }
     Entry.RoomFd = RoomFd;
     Entry.Writer = Writer;
     Entry.Serial = ++pSet->Adopted;
     Entry.State = RingState::Live;
-    if (Index >= pSet->Rings.size())
-        pSet->Rings.resize(Index + 1);
     pSet->Rings[Index] = Entry;
     // A sender may have written before the ring reached its reader.
     jPutInTurn(*pSet, Index);

@@ -74,7 +74,8 @@ void RingSetFree(RingSet *pSet);
 
 // Maps the ring announced at Index (with the writer's room bell when not
 // -1, which the set then owns).  false with *ppWhy when it is refused
-// (nothing stays mapped or owned then).
+// (nothing stays mapped or owned then; the index of a process's socket
+// waits as dropped until linxd retires it).
 bool RingSetAdopt(RingSet *pSet, uint32_t Index, int RingFd, int RoomFd, pid_t Writer, uint32_t QueueBytes,
                   const char **ppWhy);
 // The reader gave room back in the ring: its writer is told if it waits.

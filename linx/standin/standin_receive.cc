@@ -290,12 +290,14 @@ int jTakeFromRings(StandinSocket &S, const Selection &Sel, struct linx_transfer_
 
 // Rings linxd retired (their senders closed their last socket, died, or
 // gave them up): what they still hold moves to the local queue, then they
-// go; one that does not fit in the queue stays, held, until it does.
+// go; one that does not fit in the queue stays, held, until it does (and
+// is not tried again before).
 void jTakeRetired(StandinSocket &S)
 {
     RingSetTakeRetired(&S.Rings, [](void *pSocket, uint32_t Index) {
         StandinSocket &Owner = *(StandinSocket *)pSocket;
-        return jParkRing(Owner, Index, jOneRing(Owner.Rings.Rings[Index]));
+        RingSetEntry &E = Owner.Rings.Rings[Index];
+        return E.Place != RingPlace::Held && jParkRing(Owner, Index, jOneRing(E));
     }, &S);
 }
 
@@ -408,13 +410,11 @@ int jLeave(StandinSocket &S, bool bRang, int Result)
 // The set owns the room bell (RoomFd, when not -1) from here on.
 void jAdoptRing(StandinSocket &S, const linxd_signal_header &Header, const char *pPayload, int Fd, int RoomFd)
 {
-    uint32_t Words[2] = {0, 0};
-    memcpy(Words, pPayload, std::min<size_t>(Header.size, sizeof Words));
-    const char *pWhy = "an announcement without its ring";
-    const bool bWhole = Header.size == sizeof Words && Fd >= 0;
-    if (!bWhole)
-        StandinCloseIf(RoomFd);
-    if (!bWhole || !RingSetAdopt(&S.Rings, Words[1], Fd, RoomFd, (pid_t)Words[0], S.QueueBytes, &pWhy)) {
+    uint32_t Words[2] = {0, LINXD_MAX_RINGS_PER_SOCKET}; // the writer, the ring's index
+    if (Header.size == sizeof Words)
+        memcpy(Words, pPayload, sizeof Words);
+    const char *pWhy = nullptr;
+    if (!RingSetAdopt(&S.Rings, Words[1], Fd, RoomFd, (pid_t)Words[0], S.QueueBytes, &pWhy)) {
         const std::string Source = "process " + std::to_string(Words[0]);
         RefusalSay(&gRefusals, Source, pWhy, "linx: refused the signal ring of " + Source + ": " + pWhy);
     }
