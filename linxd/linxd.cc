@@ -360,8 +360,10 @@ void Service::jCloseSocket(uint32_t Spid)
     epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.BellFd, nullptr);
     close(S.BellFd);
     jFreeRingSets(S);
-    if (Link *pL = jLinkOf(S))
+    if (Link *pL = jLinkOf(S)) {
         pL->Phantoms.erase(S.RemoteSpid);
+        jFreeWindow(*pL, S, S.InFlight);
+    }
     for (auto &Entry : mLinks) {
         Link &L = Entry.second;
         L.Credits.erase(Spid);

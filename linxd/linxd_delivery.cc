@@ -71,6 +71,11 @@ void Service::jDeliverFromLink(const Link &L, uint32_t To, uint32_t From, const 
     Socket *pS = jFindSocket(To);
     if (pS == nullptr)
         return; // it closed on the way: the peer hears of it
+    if (Size > pS->Largest) {
+        jRefuseLarge(*pS, "link " + L.Name, Size);
+        jCreditLink(L.Id, L.ConnSerial, To, Size);
+        return;
+    }
     const linxd_signal_header Header = {From, To, Size, Attributes & LINXD_SIGNAL_ATTRIBUTES};
     if (pS->Link == 0 && pS->LinkRing.header == nullptr && jOutletRead(*pS))
         jOpenLinkRing(*pS);

@@ -32,7 +32,9 @@ typedef struct ssl_st SSL;
 enum class LinkFrame : uint32_t {
     Hello = 1, // magic, version, the sender's node name
     Hunt,      // a name the sender waits for
-    Endpoint,  // spid, name: an endpoint of the sender's node, by its SPID there
+    Endpoint,  // spid, owner, largest signal, name: an endpoint of the sender's node, by its SPID
+               // there; the owner (its process, or a group of the endpoints one process of a
+               // node further has) shares one window of signals in flight
     Gone,      // spid: that endpoint closed
     Signal,    // from, to, attributes, payload: to is an endpoint announced to the sender
     Heartbeat, // nothing: the sender is alive
@@ -42,7 +44,7 @@ enum class LinkFrame : uint32_t {
 };
 
 constexpr uint32_t kLinkMagic = 0x4B4E4C31u; // "1LNK"
-constexpr uint32_t kLinkVersion = 2;
+constexpr uint32_t kLinkVersion = 3;
 constexpr uint32_t kLinkFrameHeaderBytes = 8;
 
 // "unix:INSTANCE" (an instance of this host, this user) or "tcp:HOST:PORT".

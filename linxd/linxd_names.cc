@@ -32,6 +32,8 @@ Socket *Service::jNewSocket(const std::string &Name, pid_t Pid, int *pError)
     S.Spid = jNewSpid();
     S.Name = Name;
     S.Pid = Pid;
+    S.Owner = (uint32_t)Pid;
+    S.Largest = jLargestSignal();
     if (mFreeSlots.empty()) {
         S.Slot = mUnusedSlots++;
     } else {
@@ -40,11 +42,17 @@ Socket *Service::jNewSocket(const std::string &Name, pid_t Pid, int *pError)
     }
     linxd_slot &Slot = mpSlots[S.Slot];
     memset(&Slot, 0, sizeof Slot);
-    Slot.queue_limit = mOptions.QueueBytes;
+    Slot.largest_signal = S.Largest;
     __atomic_store_n(&Slot.spid, S.Spid, __ATOMIC_RELEASE);
     mNames[Name].push_back(S.Spid);
     const uint32_t Spid = S.Spid;
     return &mSockets.emplace(Spid, std::move(S)).first->second;
+}
+
+// The largest payload a signal to a socket of this node may have.
+uint32_t Service::jLargestSignal() const
+{
+    return linxd_largest_signal(mOptions.QueueBytes);
 }
 
 // Answers the hunts that waited for Name, here and on the links: local ones

@@ -268,8 +268,9 @@ bool Service::jLinkFrame(Link &L, uint32_t Type, const std::string &Body, std::s
             jUnseek(Body);
         return true;
     case LinkFrame::Endpoint:
-        if (Body.size() > 4 && LinkWord(Body, 0) != 0 && jValidName(Body.substr(4)))
-            return jAddPhantom(L, LinkWord(Body, 0), Body.substr(4), pWhy);
+        if (Body.size() > 12 && LinkWord(Body, 0) != 0 && LinkWord(Body, 2) >= sizeof(uint32_t) &&
+            LinkWord(Body, 2) <= LINXD_MAX_SIGNAL_BYTES && jValidName(Body.substr(12)))
+            return jAddPhantom(L, LinkWord(Body, 0), LinkWord(Body, 1), LinkWord(Body, 2), Body.substr(12), pWhy);
         *pWhy = "an endpoint frame that does not hold together";
         return false;
     case LinkFrame::Gone:
@@ -417,6 +418,8 @@ void Service::jLinkDown(Link &L, const std::string &Why)
     L.Departed.clear();
     L.GonesDue.clear();
     L.Credits.clear();
+    L.OwnerInFlight.clear();
+    L.Groups.clear();
     L.Asked.clear();
     const std::set<std::string> Wanted = std::move(L.Wanted);
     L.Wanted.clear();
@@ -440,9 +443,13 @@ bool Service::jAnnounce(Link &L, uint32_t Spid, std::string *pWhy)
 {
     const Socket *pS = jFindSocket(Spid);
     const std::string *pName = pS != nullptr ? &pS->Name : nullptr;
+    uint32_t Owner = pS != nullptr ? pS->Owner : 0;
+    const uint32_t Largest = pS != nullptr ? pS->Largest : jLargestSignal();
     for (const GoneAfterRings &Gone : L.GonesDue)
-        if (pName == nullptr && Gone.Spid == Spid)
+        if (pName == nullptr && Gone.Spid == Spid) {
             pName = &Gone.Name;
+            Owner = Gone.Owner;
+        }
     char Why[96];
     if (pName == nullptr)
         snprintf(Why, sizeof Why, "its sender 0x%x is not open", Spid);
@@ -453,7 +460,7 @@ bool Service::jAnnounce(Link &L, uint32_t Spid, std::string *pWhy)
     *pWhy = Why;
     if (!pWhy->empty())
         return false;
-    jSendFrame(L, LinkFrame::Endpoint, LinkWords({Spid}) + *pName);
+    jSendFrame(L, LinkFrame::Endpoint, LinkWords({Spid, Owner, Largest}) + *pName);
     L.Told.insert(Spid);
     return true;
 }
@@ -554,13 +561,21 @@ void Service::jTickLinks()
 }
 
 // Tells the peer how much of what it sent left here, by destination, in
-// steps of a quarter window: it may send that much more to each.  A sender
-// is stopped only with a whole window on its way, so what is held back
-// here never keeps it waiting, and a few pings cost no credit frames.
+// steps of a quarter window: it may send that much more to each.  The
+// credits of one owner's endpoints go out together once they come to a
+// quarter window between them, so that its shared window never stays
+// shut for what was passed on unsaid.  A sender is stopped only with a
+// whole window on its way, so what is held back here never keeps it
+// waiting, and a few pings cost no credit frames.
 void Service::jSendCredits(Link &L)
 {
+    std::map<uint32_t, uint64_t> ByOwner;
+    for (const auto &Credit : L.Credits)
+        if (const Socket *pS = jFindSocket(Credit.first))
+            ByOwner[pS->Owner] += Credit.second;
     for (auto It = L.Credits.begin(); It != L.Credits.end();) {
-        if (It->second < kLinkCreditStep) {
+        const Socket *pS = jFindSocket(It->first);
+        if (It->second < kLinkCreditStep && (pS == nullptr || ByOwner[pS->Owner] < kLinkCreditStep)) {
             ++It;
             continue;
         }

@@ -30,17 +30,6 @@
 
 namespace {
 
-// Whether the link takes another signal for the phantom now.  A link that
-// holds too much is marked throttled: its phantoms are read again once it
-// has drained (a destination's full window is reopened by the peer's
-// credit instead).
-bool jLinkTakes(Link &L, const Socket &Phantom)
-{
-    if (LinkOutBytes(L.Conn) > kLinkOutHighBytes)
-        L.bThrottled = true;
-    return L.bUp && !L.bThrottled && Phantom.InFlight < kLinkWindowBytes;
-}
-
 void jCountTaken(Socket &Phantom, uint32_t Size)
 {
     linxd_counters &Counters = Phantom.pReady->counters;
@@ -51,7 +40,22 @@ void jCountTaken(Socket &Phantom, uint32_t Size)
 
 } // namespace
 
-bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy)
+// Whether the link takes another signal for the phantom now: the link is
+// up and not too full, and neither the endpoint's window nor its owner's
+// is.  A link that holds too much is marked throttled: its phantoms are
+// read again once it has drained (a full window is reopened by the peer's
+// credit instead).
+bool Service::jLinkTakes(Link &L, const Socket &Phantom)
+{
+    if (LinkOutBytes(L.Conn) > kLinkOutHighBytes)
+        L.bThrottled = true;
+    auto Owner = L.OwnerInFlight.find(Phantom.RemoteOwner);
+    const uint64_t OwnerInFlight = Owner == L.OwnerInFlight.end() ? 0 : Owner->second;
+    return L.bUp && !L.bThrottled && Phantom.InFlight < kLinkWindowBytes && OwnerInFlight < kLinkOwnerWindowBytes;
+}
+
+bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, uint32_t RemoteOwner, uint32_t Largest, const std::string &Name,
+                          std::string *pWhy)
 {
     L.Asked.erase(Name);
     if (L.Phantoms.count(RemoteSpid) != 0)
@@ -69,6 +73,13 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name,
     }
     pS->Link = L.Id;
     pS->RemoteSpid = RemoteSpid;
+    pS->RemoteOwner = RemoteOwner;
+    pS->Largest = std::min(pS->Largest, Largest);
+    mpSlots[pS->Slot].largest_signal = pS->Largest;
+    auto Group = L.Groups.find(RemoteOwner);
+    if (Group == L.Groups.end())
+        Group = L.Groups.emplace(RemoteOwner, 0x80000000u | (++mNextGroup & 0x7FFFFFFFu)).first;
+    pS->Owner = Group->second; // never a pid: those stay below 2^22
     L.Phantoms[RemoteSpid] = pS->Spid;
     RingSetUse(&pS->Reading, pS->pReady);
     jWatch(Watch::Bell, pS->BellFd, pS->Spid, EPOLLIN, EPOLL_CTL_ADD);
@@ -88,6 +99,7 @@ void Service::jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPay
     }
     jSendFrame(L, LinkFrame::Signal, LinkWords({From, Phantom.RemoteSpid, Attributes}), pPayload, Size);
     Phantom.InFlight += Size;
+    L.OwnerInFlight[Phantom.RemoteOwner] += Size;
 }
 
 // Forwards what one of the phantom's rings holds, as far as the link takes
@@ -109,7 +121,10 @@ bool Service::jForwardRing(Socket &Phantom, Link &L, uint32_t Index)
            (State = linxd_ring_peek(&pE->Reader, Phantom.Spid, &Header, &pWhy)) == LINXD_PEEK_SIGNAL) {
         if (!jLinkTakes(L, Phantom))
             return false;
-        jForward(Phantom, L, Header.from, linxd_ring_payload(&pE->Reader), Header.size, Header.attributes);
+        if (Header.size <= Phantom.Largest)
+            jForward(Phantom, L, Header.from, linxd_ring_payload(&pE->Reader), Header.size, Header.attributes);
+        else
+            jRefuseLarge(Phantom, "process " + std::to_string(pE->Writer), Header.size);
         linxd_ring_advance(&pE->Reader, Header.size);
         jCountTaken(Phantom, Header.size);
     }
@@ -198,17 +213,59 @@ void Service::jRingBell(uint32_t Spid)
 }
 
 // The peer passed on Bytes of what was sent for its endpoint RemoteSpid:
-// the phantom may send that much more.
+// the phantom, and the other endpoints of its owner, may send that much
+// more.
 void Service::jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes)
 {
     auto It = L.Phantoms.find(RemoteSpid);
     Socket *pS = It == L.Phantoms.end() ? nullptr : jFindSocket(It->second);
     if (pS == nullptr)
         return;
+    const uint64_t OwnerWas = L.OwnerInFlight[pS->RemoteOwner];
     const bool bWasFull = pS->InFlight >= kLinkWindowBytes;
-    pS->InFlight -= std::min<uint64_t>(Bytes, pS->InFlight);
-    if (bWasFull && pS->InFlight < kLinkWindowBytes)
+    jFreeWindow(L, *pS, Bytes);
+    if (OwnerWas >= kLinkOwnerWindowBytes && OwnerWas - std::min<uint64_t>(Bytes, OwnerWas) < kLinkOwnerWindowBytes)
+        jDrainOwner(L, pS->RemoteOwner);
+    else if (bWasFull && pS->InFlight < kLinkWindowBytes)
         jDrainPhantom(*pS);
+}
+
+// Bytes the phantom had in flight that count no more: the peer passed
+// them on, or the endpoint closed (their credit will never come).
+void Service::jFreeWindow(Link &L, Socket &Phantom, uint64_t Bytes)
+{
+    Bytes = std::min(Bytes, Phantom.InFlight);
+    Phantom.InFlight -= Bytes;
+    auto Owner = L.OwnerInFlight.find(Phantom.RemoteOwner);
+    if (Owner == L.OwnerInFlight.end())
+        return;
+    Owner->second -= std::min(Bytes, Owner->second);
+    if (Owner->second == 0)
+        L.OwnerInFlight.erase(Owner);
+}
+
+// The window of an owner behind the link reopened: its phantoms are read
+// again.
+void Service::jDrainOwner(Link &L, uint32_t RemoteOwner)
+{
+    std::vector<uint32_t> Phantoms;
+    for (const auto &Entry : L.Phantoms)
+        if (const Socket *pS = jFindSocket(Entry.second))
+            if (pS->RemoteOwner == RemoteOwner)
+                Phantoms.push_back(Entry.second);
+    for (const uint32_t Spid : Phantoms)
+        if (Socket *pS = jFindSocket(Spid))
+            jDrainPhantom(*pS);
+}
+
+// A signal larger than its receiver takes (a sender that ignored the
+// largest signal its slot says, or a peer node that ignored what it was
+// told) is dropped with a line, and never holds back the ones after it.
+void Service::jRefuseLarge(const Socket &To, const std::string &Source, uint32_t Size)
+{
+    const std::string Why = "larger than " + To.Name + " takes (" + std::to_string(To.Largest) + " bytes)";
+    RefusalSay(&mRefusals, Source, Why,
+               "linxd: dropped a signal of " + std::to_string(Size) + " bytes from " + Source + ": " + Why);
 }
 
 // A signal that came over a link has left its backlog here (for socket
@@ -287,7 +344,7 @@ void Service::jGoneBehindRings(Link &L, const Socket &S, std::vector<PhantomMark
         jSayGone(L, S.Spid);
         return;
     }
-    L.GonesDue.push_back({S.Spid, S.Name, std::move(Marks)});
+    L.GonesDue.push_back({S.Spid, S.Owner, S.Name, std::move(Marks)});
 }
 
 // Tells the peer of the closes whose rings have been read far enough.

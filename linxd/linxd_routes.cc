@@ -202,10 +202,11 @@ int Service::jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int Ring
 {
     if (Receiver.Link != 0) {
         const char *pWhy = nullptr;
-        if (RingSetAdopt(&Receiver.Reading, Index, RingFd, -1, Writer, mOptions.QueueBytes, &pWhy))
-            return 0;
-        jRefuse(Writer, "a request", pWhy);
-        return EINVAL;
+        if (!RingSetAdopt(&Receiver.Reading, Index, RingFd, -1, Writer, mOptions.QueueBytes, &pWhy)) {
+            jRefuse(Writer, "a request", pWhy);
+            return EINVAL;
+        }
+        return jFirstFits(Receiver, Index, Writer) ? 0 : EMSGSIZE;
     }
     jFlushBacklog(Receiver);
     if (!Receiver.Backlog.empty())
@@ -234,6 +235,24 @@ void Service::jNudge(Socket &Receiver)
     const uint64_t One = 1;
     if (Receiver.Link == 0 && !Receiver.Rings.Retiring.empty())
         (void)!write(Receiver.BellFd, &One, sizeof One);
+}
+
+// The first signal in a new ring into a phantom (a sender writes it
+// before it hands the ring over) must fit what the endpoint's node takes:
+// a sender learns so before its send returns, and the ring is not kept.
+bool Service::jFirstFits(Socket &Phantom, uint32_t Index, pid_t Writer)
+{
+    linxd_signal_header First;
+    const char *pWhy = nullptr;
+    RingSetEntry *pE = RingSetFind(&Phantom.Reading, Index);
+    if (linxd_ring_peek(&pE->Reader, Phantom.Spid, &First, &pWhy) != LINXD_PEEK_SIGNAL || First.size <= Phantom.Largest)
+        return true;
+    char Why[160];
+    snprintf(Why, sizeof Why, "its signal of %u bytes is larger than %s takes (%u bytes)", First.size,
+             Phantom.Name.c_str(), Phantom.Largest);
+    jRefuse(Writer, "a ring", Why);
+    RingSetDrop(&Phantom.Reading, Index);
+    return false;
 }
 
 void Service::jRetireRing(Socket &Receiver, uint32_t Index)

@@ -86,6 +86,14 @@ constexpr size_t kLinkOutHighBytes = 1u << 20;
 // stays small.
 constexpr uint64_t kLinkWindowBytes = 4u << 20;
 constexpr uint64_t kLinkCreditStep = kLinkWindowBytes / 4;
+// The endpoints of one owner (a process of the peer's node, or the
+// endpoints of one process further on) share a window of the same size:
+// a process that never reads any of its many sockets has at most 4 MiB
+// waiting for it on its node from each link, and cannot make its node
+// stop reading the link for everyone.  The peer's credits for the
+// endpoints of one owner go out together once they come to a quarter
+// window, so that what waits unsaid never holds the owner's window shut.
+constexpr uint64_t kLinkOwnerWindowBytes = kLinkWindowBytes;
 // Frames a peer leaves unread beyond this (its node's own senders stop at
 // the high-water mark, but what other links bring for it does not): the
 // link is dropped as one whose peer is stuck, and its attaches fire.
@@ -218,10 +226,13 @@ struct Socket {
     std::deque<Waiting> LinkBacklog;
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
     uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
+    uint32_t Largest = 0;            // the largest payload a signal to it may have
+    uint32_t Owner = 0;              // whose it is, as peers are told: its pid, or a phantom's group
     // A phantom: an endpoint behind a link.  It has no client and no
     // outlet; linxd reads the rings of its senders.
     uint32_t Link = 0;               // the link's id; 0: a socket of this node
     uint32_t RemoteSpid = 0;         // the endpoint's SPID on the node behind the link
+    uint32_t RemoteOwner = 0;        // its owner as the peer said
     RingSet Reading;                 // its rings, mapped here
     uint64_t InFlight = 0;           // bytes sent to it that the peer has not passed on
 };
@@ -239,6 +250,7 @@ struct PhantomMark {
 // from an endpoint it knows.
 struct GoneAfterRings {
     uint32_t Spid;
+    uint32_t Owner;
     std::string Name;                // to announce it if one of them is its first
     std::vector<PhantomMark> Marks;
 };
@@ -267,12 +279,14 @@ struct Link {
     uint64_t ConnSerial = 0;         // which connection (counted over all links): credits
                                      // for signals of an earlier one are not this one's
     std::map<uint32_t, uint32_t> Phantoms; // the peer's SPID -> phantom here
+    std::map<uint32_t, uint64_t> OwnerInFlight; // bytes in flight to the endpoints of each owner there
     uint32_t NextTurn = 0;           // phantoms are read in turn from the one after this
     std::set<uint32_t> Told;         // sockets of ours the peer knows
     std::set<uint32_t> Departed;     // sockets of ours whose close the peer has not confirmed
     std::vector<GoneAfterRings> GonesDue; // closes waiting behind their process's rings
     std::map<uint32_t, uint64_t> Credits; // bytes of the peer's signals that left here, by
                                      // our SPID they were for, not yet told to the peer
+    std::map<uint32_t, uint32_t> Groups; // the peer's owners -> their group here, as told onwards
     std::set<std::string> Asked;     // names asked of the peer, not yet answered
     std::set<std::string> Wanted;    // names the peer waits for here
 };
@@ -416,7 +430,13 @@ private:
 
     // Phantoms: their rings, relays and windows, and closes that wait
     // behind rings (linxd_phantoms.cc)
-    bool jAddPhantom(Link &L, uint32_t RemoteSpid, const std::string &Name, std::string *pWhy);
+    bool jAddPhantom(Link &L, uint32_t RemoteSpid, uint32_t RemoteOwner, uint32_t Largest, const std::string &Name,
+                     std::string *pWhy);
+    bool jLinkTakes(Link &L, const Socket &Phantom);
+    void jDrainOwner(Link &L, uint32_t RemoteOwner);
+    void jRefuseLarge(const Socket &To, const std::string &Source, uint32_t Size);
+    void jFreeWindow(Link &L, Socket &Phantom, uint64_t Bytes);
+    uint32_t jLargestSignal() const;
     void jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPayload, uint32_t Size,
                   uint32_t Attributes);
     bool jForwardRing(Socket &Phantom, Link &L, uint32_t Index);
@@ -442,6 +462,7 @@ private:
     Reply jCloseRoute(Client &C, uint32_t Target, uint32_t Index);
     int jPlaceRing(Socket &Receiver, pid_t Writer, uint32_t Index, int RingFd, int RoomFd = -1);
     uint32_t jTakeRingIndex(Socket &Receiver);
+    bool jFirstFits(Socket &Phantom, uint32_t Index, pid_t Writer);
     void jRetireRing(Socket &Receiver, uint32_t Index);
     void jNudge(Socket &Receiver);
     void jSocketOpened(const Socket &S);
@@ -507,6 +528,7 @@ private:
     bool mWasIdle = true;
     std::map<uint32_t, Link> mLinks;  // by id
     uint32_t mNextLinkId = 0;
+    uint32_t mNextGroup = 0;          // groups of owners behind links, counted
     uint64_t mConnSerials = 0;        // connections of links, counted
     std::map<int, bool> mLinkListeners; // descriptor -> takes TCP (else Unix)
     LinkSecret mSecret = {};

@@ -224,7 +224,7 @@ TEST(HostileWriters, PeersThatDoNotBelongAreRefused)
     Kill(Stranger);
 
     const std::string Ping = Frame((uint32_t)LinkFrame::Signal, Words({7, 0x10001, 0}) + "ping");
-    const std::string Known = Frame((uint32_t)LinkFrame::Endpoint, Words({7}) + "x");
+    const std::string Known = Frame((uint32_t)LinkFrame::Endpoint, Words({7, 7, 64}) + "x");
     const struct {
         std::string Bytes;
         const char *pLine;

@@ -43,8 +43,8 @@
  * (a phantom) has no outlet: linxd reads the rings of its senders itself.
  *
  * Slots: linxd shares one memory region of slots with every client, read
- * only (sealed against writes but linxd's own): a socket's SPID, queue
- * limit and hints only linxd writes.  A socket's statistics live in its
+ * only (sealed against writes but linxd's own): a socket's SPID, largest
+ * signal and hints only linxd writes.  A socket's statistics live in its
  * ready set, where only the socket's owner and senders reach them.  Every
  * value a process reads from shared memory written by others is checked
  * before it is used: a sender can break only its own ring, and what it
@@ -145,7 +145,9 @@ struct linxd_signal_header {
  * when it hands the slot out (0 once the socket closed). */
 struct linxd_slot {
     uint32_t spid;
-    uint32_t queue_limit;     /* bytes the socket's queue holds */
+    uint32_t largest_signal;  /* the largest payload a signal to the socket
+                                 may have (less for an endpoint behind a
+                                 link whose node takes less) */
     uint32_t outlet_signals;  /* datagrams linxd put in the outlet (a hint
                                  that saves the owner a system call) */
     uint32_t routes_gone;     /* sockets closed that the owner's process had
@@ -313,12 +315,16 @@ static inline void *linxd_map_region(int Fd, uint64_t Bytes)
     return p == MAP_FAILED ? NULL : p;
 }
 
-/* The ring of a socket whose queue holds QueueBytes, in bytes with header. */
+/* The room for entries in the ring of a socket whose queue holds
+ * QueueBytes: the queue and two entry headers, so that the largest signal
+ * (below) of the default queue is 256 KiB. */
 static inline uint64_t linxd_ring_capacity(uint32_t QueueBytes)
 {
-    return ((uint64_t)QueueBytes + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1);
+    const uint64_t Queue = ((uint64_t)QueueBytes + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1);
+    return Queue + 2 * sizeof(struct linxd_signal_header);
 }
 
+/* The ring in bytes, with its header. */
 static inline uint64_t linxd_ring_bytes(uint32_t QueueBytes)
 {
     return sizeof(struct linxd_ring_header) + linxd_ring_capacity(QueueBytes);
@@ -328,6 +334,18 @@ static inline uint64_t linxd_ring_bytes(uint32_t QueueBytes)
 static inline uint64_t linxd_entry_bytes(uint64_t Size)
 {
     return sizeof(struct linxd_signal_header) + ((Size + LINXD_RING_ENTRY_ALIGN - 1) & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1));
+}
+
+/* The largest payload of a signal to a socket whose queue holds
+ * QueueBytes: an entry of at most half the ring fits in it once it is
+ * empty, wherever its writer stands (a larger one might never: the part
+ * of the ring before the end would be too short for it, and so would the
+ * part after the start). */
+static inline uint32_t linxd_largest_signal(uint32_t QueueBytes)
+{
+    const uint64_t Half = linxd_ring_capacity(QueueBytes) / 2 & ~(uint64_t)(LINXD_RING_ENTRY_ALIGN - 1);
+    const uint64_t Largest = Half - sizeof(struct linxd_signal_header);
+    return (uint32_t)(Largest < LINXD_MAX_SIGNAL_BYTES ? Largest : LINXD_MAX_SIGNAL_BYTES);
 }
 
 /* The receiving side of one ring.  Only the reader's own copies of the

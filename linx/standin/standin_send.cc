@@ -263,10 +263,6 @@ bool jWriteEntry(Route &R, const linxd_signal_header &Header, const void *pPaylo
 
 int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
 {
-    if (linxd_entry_bytes(pRec->size) > linxd_ring_capacity(S.QueueBytes)) {
-        errno = EMSGSIZE; // larger than the receiver's whole queue
-        return -1;
-    }
     const linxd_signal_header Header = {pRec->from, pRec->to, pRec->size, pRec->attributes};
     const void *pPayload = (const void *)(uintptr_t)pRec->buffer;
     bool bSent = false;
@@ -276,10 +272,16 @@ int jSendRemote(StandinSocket &S, const struct linx_transfer_rec *pRec)
     Route &R = *pRoute;
     linxd_counters &Target = R.pReady->counters;
     // A slot that no longer names the receiver was cleared or handed on by
-    // linxd: the receiver closed.
-    if (!bSent && (R.bGone || __atomic_load_n(&S.pSlots[R.Slot].spid, __ATOMIC_ACQUIRE) != pRec->to)) {
+    // linxd: the receiver closed.  An endpoint behind a link may take less
+    // than this node (its slot says how much; linxd checked a first signal).
+    const linxd_slot &Slot = S.pSlots[R.Slot];
+    if (!bSent && (R.bGone || __atomic_load_n(&Slot.spid, __ATOMIC_ACQUIRE) != pRec->to)) {
         jForgetRoute({S.Generation, pRec->to}, pRoute);
         errno = ECONNRESET;
+        return -1;
+    }
+    if (!bSent && pRec->size > __atomic_load_n(&Slot.largest_signal, __ATOMIC_RELAXED)) {
+        errno = EMSGSIZE;
         return -1;
     }
     if (bSent) {
@@ -334,8 +336,8 @@ int StandinSend(StandinSocket &S, const struct linx_transfer_rec *pRec)
         errno = ENOTCONN;
         return -1;
     }
-    if (pRec->size > LINXD_MAX_SIGNAL_BYTES) {
-        errno = EMSGSIZE;
+    if (pRec->size > linxd_largest_signal(S.QueueBytes)) {
+        errno = EMSGSIZE; // larger than half a queue of this instance
         return -1;
     }
     // The socket of this process sent to last is kept: a thread that talks
