@@ -375,6 +375,7 @@ void Service::jCloseSocket(uint32_t Spid)
     }
     memset(&mpSlots[S.Slot], 0, sizeof(linxd_slot));
     mFreeSlots.push_back(S.Slot);
+    mMutedBells.erase(Spid);
     mSockets.erase(It);
     mFreedSome = true;
 
@@ -462,6 +463,9 @@ int Service::jNextTimeoutMs()
         const int64_t IdleLeft = std::max<int64_t>(0, mIdleSinceMs + mOptions.IdleExitSeconds * 1000LL - Now);
         Wait = Wait < 0 ? IdleLeft : std::min(Wait, IdleLeft);
     }
+    const int64_t MutedDue = jMutedDueMs();
+    if (MutedDue >= 0)
+        Wait = Wait < 0 ? MutedDue : std::min(Wait, MutedDue);
     const int SummaryDue = RefusalNextMs(&mRefusals);
     if (SummaryDue >= 0)
         Wait = Wait < 0 ? SummaryDue : std::min<int64_t>(Wait, SummaryDue);
@@ -516,6 +520,7 @@ int Service::Step(int TimeoutMs)
     }
     try {
         jFireTimers();
+        jUnmuteBells();
         if (!mLinks.empty()) {
             jResumeLinks();
             jTickLinks();
@@ -588,7 +593,7 @@ bool Service::HoldsNothing() const
     return mClients.empty() && mSockets.empty() && mNames.empty() && mHunts.empty() && mAttaches.empty() &&
            mTimers.empty() && mTimerOrder.empty() && mNewLinks.empty() && mAfterReply.empty() && mLinks.empty() &&
            mHuntsAcross.empty() && mNamesBehind.empty() &&
-           mBacklogBytes == 0 && mFreeSlots.size() == mUnusedSlots && mProcesses.empty();
+           mBacklogBytes == 0 && mFreeSlots.size() == mUnusedSlots && mProcesses.empty() && mMutedBells.empty();
 }
 
 Service::~Service()

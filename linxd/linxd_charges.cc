@@ -4,7 +4,8 @@
 // the rings it made, wherever they are read; and what a receiving process
 // maps of others' rings.  Each has a cap (linxd_service.h); a request
 // beyond one is refused with ENOBUFS and a line of its own, so that a
-// process that misbehaves is the one that is refused.
+// process that misbehaves is the one that is refused.  The time linxd
+// spends on bells rung for nothing is bounded too (muted bells, below).
 //
 // A ring stays charged to its writer until its reader let it go: a
 // retired ring that a receiving process has not read yet (its index is
@@ -12,8 +13,8 @@
 // announcement still waits in the receiver's outlet.  Whether a retired
 // ring was let go is seen lazily, when an index of the socket is taken or
 // when its writer reaches a cap.  Everything runs on the service's thread.
-#include <fcntl.h>
 #include <stdio.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,15 @@
 #include "linxd_service.h"
 
 namespace {
+
+// A bell that rang for nothing this many times in a row (a process that
+// writes it in a loop: the phantoms' bells are every sender's, the room
+// bell of linxd's ring its reader's) is not listened to for kBellMuteMs;
+// linxd then looks itself and listens again.  What one process can make
+// linxd spend on bells is a few looks every 10 ms; an honest sender rings
+// only after it wrote, so it never comes to that.
+constexpr uint32_t kIdleBellsBeforeMute = 4;
+constexpr int64_t kBellMuteMs = 10;
 
 // Mappings linxd keeps apart from rings: the ready and retired sets of a
 // full instance, and room for the allocator, the stacks and the libraries.
@@ -258,4 +268,56 @@ void Service::jUnchargeAllInto(Socket &Receiver)
     for (const auto &Draining : Table.Draining)
         jUnchargeRing(Draining.second.Writer, Receiver);
     Table = RingTable();
+}
+
+// Listens to a bell of S (its room bell, or a phantom's bell), or stops;
+// a muted one is listened to again only once it is due.
+void Service::jHearBell(Socket &S, int Fd, Watch Kind, bool bOn)
+{
+    const uint32_t Events = bOn && mMutedBells.count(S.Spid) == 0 ? EPOLLIN : 0;
+    jWatch(Kind, Fd, S.Spid, Events, EPOLL_CTL_MOD);
+}
+
+// A bell of S rang, and brought work (bUseful) or not.
+void Service::jBellRang(Socket &S, int Fd, bool bUseful)
+{
+    S.IdleBells = bUseful ? 0 : S.IdleBells + 1;
+    if (S.IdleBells < kIdleBellsBeforeMute)
+        return;
+    mMutedBells[S.Spid] = jNowMs() + kBellMuteMs;
+    jWatch(S.Link != 0 ? Watch::Bell : Watch::Room, Fd, S.Spid, 0, EPOLL_CTL_MOD);
+}
+
+// Muted bells that are due: linxd looks at what they stand for itself,
+// and listens to them again.
+void Service::jUnmuteBells()
+{
+    const int64_t Now = jNowMs();
+    for (auto It = mMutedBells.begin(); It != mMutedBells.end();) {
+        if (It->second > Now) {
+            ++It;
+            continue;
+        }
+        const uint32_t Spid = It->first;
+        It = mMutedBells.erase(It);
+        Socket *pS = jFindSocket(Spid);
+        if (pS == nullptr)
+            continue;
+        pS->IdleBells = 0;
+        if (pS->Link != 0) {
+            jHearBell(*pS, pS->BellFd, Watch::Bell, true);
+            jDrainPhantom(*pS);
+        } else if (pS->RoomFd >= 0) {
+            jFlushLinkRing(*pS); // listens to the room bell again if it still waits
+        }
+    }
+}
+
+// Milliseconds until a muted bell is due, or -1.
+int64_t Service::jMutedDueMs() const
+{
+    int64_t Due = -1;
+    for (const auto &Entry : mMutedBells)
+        Due = Due < 0 ? Entry.second : std::min(Due, Entry.second);
+    return Due < 0 ? -1 : std::max<int64_t>(0, Due - jNowMs());
 }

@@ -192,22 +192,31 @@ void Service::jFlushLinkRing(Socket &S)
         if (!jWriteLinkRing(S, Header, pPayload)) {
             __atomic_store_n(&S.LinkRing.header->writer_waits, 1u, __ATOMIC_SEQ_CST);
             __atomic_thread_fence(__ATOMIC_SEQ_CST);
-            if (!jWriteLinkRing(S, Header, pPayload))
+            if (!jWriteLinkRing(S, Header, pPayload)) {
+                S.RoomHeadSeen = __atomic_load_n(&S.LinkRing.header->head, __ATOMIC_ACQUIRE);
+                jHearBell(S, S.RoomFd, Watch::Room, true);
                 return;
+            }
         }
         jPopBacklog(S, S.LinkBacklog);
     }
     __atomic_store_n(&S.LinkRing.header->writer_waits, 0u, __ATOMIC_RELAXED);
+    jHearBell(S, S.RoomFd, Watch::Room, false);
 }
 
-// The owner of socket Spid took from linxd's ring while linxd waited.
+// The owner of socket Spid rang the room bell of linxd's ring: it is
+// acted on only when the owner took something since linxd began to wait
+// (a room bell rung for nothing counts towards muting it).
 void Service::jRoomRang(uint32_t Spid)
 {
     Socket *pS = jFindSocket(Spid);
     if (pS == nullptr)
         return;
     linxd_bell_silence(pS->RoomFd);
-    jFlushLinkRing(*pS);
+    const bool bTook = __atomic_load_n(&pS->LinkRing.header->head, __ATOMIC_ACQUIRE) != pS->RoomHeadSeen;
+    if (bTook)
+        jFlushLinkRing(*pS);
+    jBellRang(*pS, pS->RoomFd, bTook);
 }
 
 // Makes linxd's ring into the socket and announces it to the owner, as a
@@ -247,6 +256,6 @@ bool Service::jOpenLinkRing(Socket &S)
     S.LinkRing = {pHeader, (char *)(pHeader + 1), Capacity, 0};
     S.LinkRingIndex = Index;
     S.RoomFd = RoomFd;
-    jWatch(Watch::Room, RoomFd, S.Spid, EPOLLIN, EPOLL_CTL_ADD);
+    jWatch(Watch::Room, RoomFd, S.Spid, 0, EPOLL_CTL_ADD); // listened to while linxd waits for room
     return true;
 }

@@ -203,13 +203,18 @@ void Service::jResumePhantoms(Link &L)
     }
 }
 
+// A sender rang the phantom's bell: one that brought nothing counts
+// towards muting it.
 void Service::jRingBell(uint32_t Spid)
 {
     Socket *pS = jFindSocket(Spid);
     if (pS == nullptr)
         return;
     linxd_bell_silence(pS->BellFd);
-    jDrainPhantom(*pS);
+    const uint64_t Before = __atomic_load_n(&pS->pReady->counters.received_signals, __ATOMIC_RELAXED);
+    const bool bStopped = !jDrainPhantom(*pS);
+    jBellRang(*pS, pS->BellFd, bStopped || __atomic_load_n(&pS->pReady->counters.received_signals,
+                                                              __ATOMIC_RELAXED) != Before);
 }
 
 // The peer passed on Bytes of what was sent for its endpoint RemoteSpid:

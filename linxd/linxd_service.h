@@ -223,6 +223,8 @@ struct Socket {
     linxd_ring_writer LinkRing = {};
     uint32_t LinkRingIndex = 0;
     int RoomFd = -1;
+    uint64_t RoomHeadSeen = 0;       // the ring's head when linxd began to wait for room
+    uint32_t IdleBells = 0;          // its bells (room, or a phantom's) that rang for nothing, in a row
     std::deque<Waiting> LinkBacklog;
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
     uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
@@ -484,6 +486,10 @@ private:
     void jLetGoAllRead(Socket &Receiver);
     void jSweepRetired(Process &W, uint32_t Only);
     void jUnchargeAllInto(Socket &Receiver);
+    void jHearBell(Socket &S, int Fd, Watch Kind, bool bOn);
+    void jBellRang(Socket &S, int Fd, bool bUseful);
+    void jUnmuteBells();
+    int64_t jMutedDueMs() const;
 
     // Hunts that go across links (linxd.cc)
     bool jMayHuntAcross(const Client &C, const std::string &Name);
@@ -506,6 +512,7 @@ private:
     pid_t mSelf = 0;                     // linxd's own pid: the writer of its rings into sockets
     uint32_t mRingsMapped = 0;           // rings linxd maps: its own into sockets, and phantoms'
     uint32_t mRingBudget = 0;            // at most that many (jRingBudget)
+    std::map<uint32_t, int64_t> mMutedBells; // sockets whose bell rang for nothing, until when
     std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
     std::multimap<std::string, Hunt> mHunts;              // pending, by name
     std::map<pid_t, uint32_t> mHuntsAcross;               // of a process, for names with a slash
