@@ -274,7 +274,7 @@ void Service::jUnchargeAllInto(Socket &Receiver)
 // a muted one is listened to again only once it is due.
 void Service::jHearBell(Socket &S, int Fd, Watch Kind, bool bOn)
 {
-    const uint32_t Events = bOn && mMutedBells.count(S.Spid) == 0 ? EPOLLIN : 0;
+    const uint32_t Events = bOn && mMutedBells.count(S.Spid) == 0 ? (uint32_t)EPOLLIN : 0u;
     jWatch(Kind, Fd, S.Spid, Events, EPOLL_CTL_MOD);
 }
 

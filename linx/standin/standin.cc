@@ -364,6 +364,23 @@ void jReleaseSocket(StandinSocket &S)
     StandinCloseIf(S.OutletFd);
 }
 
+// What a receive waits for, in one epoll set made once (a poll of the four
+// would register and unregister each at every wait): the outlet, a local
+// arrival, the bell and the connection to linxd, by their order here.
+bool jMakeWaitSet(StandinSocket &S, int OutletFd, int BellFd)
+{
+    S.WaitFd = epoll_create1(EPOLL_CLOEXEC);
+    const int Fds[4] = {OutletFd, S.ArrivalFd, BellFd, S.ConnFd};
+    for (uint32_t i = 0; i < 4 && S.WaitFd >= 0; i++) {
+        struct epoll_event Event = {};
+        Event.events = EPOLLIN;
+        Event.data.u32 = i;
+        if (epoll_ctl(S.WaitFd, EPOLL_CTL_ADD, Fds[i], &Event) != 0)
+            return false;
+    }
+    return S.WaitFd >= 0;
+}
+
 int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
 {
     if (S.Spid != 0) {
@@ -390,7 +407,7 @@ int jRegister(StandinSocket &S, const struct linx_register_rec *pRec)
     if (C.Fds[0] < 0 || C.Fds[2] < 0 || pSlots == MAP_FAILED || !bReady || C.Reply.value[1] >= LINXD_MAX_SOCKETS ||
         C.Reply.data_len != sizeof S.Generation || C.Reply.value[2] < LINXD_RING_ENTRY_ALIGN ||
         epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[0], &Event) != 0 ||
-        epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[2], &Event) != 0) {
+        epoll_ctl(S.PollFd, EPOLL_CTL_ADD, C.Fds[2], &Event) != 0 || !jMakeWaitSet(S, C.Fds[0], C.Fds[2])) {
         StandinCloseIf(C.Fds[0]);
         StandinCloseIf(C.Fds[2]);
         if (pSlots != MAP_FAILED)

@@ -3,11 +3,11 @@
 // of this process handed over, and what a receive set aside unselected),
 // the rings the socket reads, the outlet, and waiting for the bell.
 #include <errno.h>
-#include <poll.h>
 #include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <time.h>
 
 #include <algorithm>
@@ -507,23 +507,25 @@ int jWait(StandinSocket &S, int TimeoutMs, uint64_t Seen, bool *pOutletReady, bo
             return 1;
         S.bWaiting = true;
     }
-    struct pollfd Fds[4] = {
-        {S.OutletFd, POLLIN, 0}, {S.ArrivalFd, POLLIN, 0}, {S.BellFd, POLLIN, 0}, {S.ConnFd, POLLIN, 0}};
-    const int Ready = poll(Fds, 4, TimeoutMs);
+    struct epoll_event Events[4];
+    const int Ready = epoll_wait(S.WaitFd, Events, 4, TimeoutMs);
     {
         std::lock_guard<std::mutex> Lock(S.Mutex);
         S.bWaiting = false;
     }
     if (Ready < 0)
         return -1;
-    if (Fds[1].revents != 0)
+    bool bReady[4] = {false, false, false, false}; // outlet, arrival, bell, linxd's connection
+    for (int i = 0; i < Ready; i++)
+        bReady[Events[i].data.u32 & 3] = true;
+    if (bReady[1])
         linxd_bell_silence(S.ArrivalFd);
-    *pOutletReady = Fds[0].revents != 0;
-    *pRang = Fds[2].revents != 0;
+    *pOutletReady = bReady[0];
+    *pRang = bReady[2];
     // What reached the queues before linxd went is still taken.
-    if (Fds[0].revents != 0 || Fds[1].revents != 0 || Fds[2].revents != 0)
+    if (bReady[0] || bReady[1] || bReady[2])
         return 1;
-    if (Fds[3].revents != 0) {
+    if (bReady[3]) {
         errno = ENOTCONN; // linxd never writes unasked: it is gone
         return -1;
     }

@@ -69,6 +69,7 @@ struct StandinSocket {
     int BellFd = -1;     // eventfd senders ring when this socket armed it
     int ReadyFd = -1;    // eventfd, readable while Queue is not empty (once watched)
     int ArrivalFd = -1;  // eventfd, wakes a receive waiting for a local send
+    int WaitFd = -1;     // epoll of what a receive waits for: Outlet, Arrival, Bell, Conn
     uint32_t Spid = 0;
     uint32_t Slot = 0;
     uint32_t QueueBytes = 0;
@@ -111,7 +112,7 @@ struct StandinSocket {
     // what they touch lives until the last of them lets go.
     ~StandinSocket()
     {
-        for (int Fd : {ReadyFd, ArrivalFd, BellFd})
+        for (int Fd : {ReadyFd, ArrivalFd, BellFd, WaitFd})
             if (Fd >= 0)
                 close(Fd);
         if (pSlots != nullptr)
