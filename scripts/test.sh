@@ -3,9 +3,11 @@
 # Runs every test: the plain build, then the same tests under
 # AddressSanitizer+UndefinedBehaviorSanitizer, then under ThreadSanitizer,
 # then the project built for i386 with its demo run under qemu-i386
-# (and the 64-bit client against its 32-bit server and relay), then
-# every test case under valgrind memcheck, then a
-# short run of each fuzz harness.  Stops at the first failing stage.
+# (and the 64-bit client against its 32-bit server and relay), then the
+# library, linxd, the demo and the LINX suite built for arm64 and run
+# under qemu-aarch64 beside x86-64 processes, then every test case under
+# valgrind memcheck, then a short run of each fuzz harness.  Stops at the
+# first failing stage.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
@@ -25,6 +27,8 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run_stage "tests under TSan" build-tsan -DORVANE_SANITIZE=thread
 echo "== the whole project for i386"
 "$root/scripts/i386.sh"
+echo "== the library, linxd, the demo and the LINX suite for arm64"
+"$root/scripts/arm64.sh"
 echo "== tests under valgrind memcheck"
 "$root/scripts/memcheck.sh"
 echo "== fuzz harnesses, a few seconds each"
