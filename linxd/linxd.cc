@@ -499,7 +499,7 @@ bool Service::Start()
     }
     mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     mSelf = getpid();
-    mRingBudget = jRingBudget();
+    mRingBudget = mOptions.MappedRings != 0 ? mOptions.MappedRings : jRingBudget();
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     mIdleSinceMs = jNowMs();
     return mEpollFd >= 0 && jMapRegion();

@@ -39,6 +39,7 @@ struct LinxdOptions {
     int IdleExitSeconds = 30;       // 0: never exit for lack of clients
     uint32_t QueueBytes = 512 * 1024;
     uint32_t RingsPerSocket = 4096; // rings (one per sending process) a socket reads at most
+    uint32_t MappedRings = 0;       // rings linxd maps at most; 0: what vm.max_map_count leaves
     uint32_t VersionWord;           // reported to clients; tests may change it
     std::string Node;               // this node's name as peers see it (default: Instance)
     std::vector<LinxdLinkOption> Links; // links this node dials

@@ -37,6 +37,10 @@ void jUsage(FILE *pOut)
             "  --rings-per-socket N rings one socket reads at most, live or retired and not read\n"
             "                       yet: each of --queue-bytes (default 4096, at most 65536);\n"
             "                       beyond, a new sender gets ENOBUFS\n"
+            "  --mapped-rings N     rings linxd maps itself at most (those into endpoints behind\n"
+            "                       links, and its own into sockets); beyond, a sender gets\n"
+            "                       ENOBUFS (default: what vm.max_map_count leaves, 28666 of\n"
+            "                       the kernel's default 65530)\n"
             "  --module-version V   version to report to clients, as X.Y.Z (default 2.5.1)\n"
             "\nLinks to other nodes (hunt \"LINK/NAME\" to reach endpoint NAME behind LINK):\n"
             "  --link NAME=ADDRESS  dial a link: ADDRESS is unix:INSTANCE (an instance of this\n"
@@ -223,6 +227,9 @@ int main(int argc, char **argv)
             i++;
         } else if (Arg == "--rings-per-socket" && pValue && jParseNumber(pValue, 1, LINXD_MAX_RINGS_PER_SOCKET, &Number)) {
             Options.RingsPerSocket = (uint32_t)Number;
+            i++;
+        } else if (Arg == "--mapped-rings" && pValue && jParseNumber(pValue, 1, 1L << 30, &Number)) {
+            Options.MappedRings = (uint32_t)Number;
             i++;
         } else if (Arg == "--module-version" && pValue && jParseVersion(pValue, &Options.VersionWord)) {
             i++;

@@ -83,10 +83,10 @@ void MakePair(Pair &P, bool bTcp, const std::string &Tag)
     if (bTcp) {
         const std::string Secret = MakeSecret(Tag);
         const std::string Address = "127.0.0.1:" + std::to_string(FreePort());
-        P.B.Args = {"--secret", Secret, "--listen", "tcp:" + Address};
-        P.A.Args = {"--secret", Secret, "--link", "b=tcp:" + Address};
+        P.B.Args.insert(P.B.Args.end(), {"--secret", Secret, "--listen", "tcp:" + Address});
+        P.A.Args.insert(P.A.Args.end(), {"--secret", Secret, "--link", "b=tcp:" + Address});
     } else {
-        P.A.Args = {"--link", "b=unix:" + P.B.Instance};
+        P.A.Args.insert(P.A.Args.end(), {"--link", "b=unix:" + P.B.Instance});
     }
     unlink(("/tmp/" + P.A.Instance + ".log").c_str());
     unlink(("/tmp/" + P.B.Instance + ".log").c_str());
@@ -114,6 +114,14 @@ std::string Words(std::initializer_list<uint32_t> List)
     for (const uint32_t Word : List)
         Bytes.append((const char *)&Word, sizeof Word);
     return Bytes;
+}
+
+uint32_t WordOf(const std::string &Bytes, size_t Index)
+{
+    uint32_t Word = 0;
+    if (Bytes.size() >= (Index + 1) * sizeof Word)
+        memcpy(&Word, Bytes.data() + Index * sizeof Word, sizeof Word);
+    return Word;
 }
 
 std::string Hello(const std::string &Node)

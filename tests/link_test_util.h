@@ -34,7 +34,7 @@ void Start(Node &N);
 void Kill(Node &N);
 
 // Two nodes: "a" dials "b" over the transport under test (Unix, or TCP
-// with TLS and a secret of its own).
+// with TLS and a secret of its own), each with the arguments it was given.
 struct Pair {
     Node A, B;
 };
@@ -57,6 +57,7 @@ std::string MakeSecret(const std::string &Tag);
 int ConnectUnixLink(const std::string &Instance);
 std::string Frame(uint32_t Type, const std::string &Body);
 std::string Words(std::initializer_list<uint32_t> List);
+uint32_t WordOf(const std::string &Bytes, size_t Index);
 std::string Hello(const std::string &Node);
 // Writes Bytes to a link connection and reads until the node closes it.
 void SendAndAwaitClose(int Fd, const std::string &Bytes);

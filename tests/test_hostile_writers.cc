@@ -1,18 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 // Hostile writers of this user and hostile peer nodes against real linxd
 // nodes and real processes: rings kept full into an endpoint behind a link
-// and into one that never reads, hunts across a link beyond the bound, a
-// ring kept full into a receiver that waits for another number while its
-// writer scribbles on the receiver's ready set, and peers that do not
-// belong (no secret, garbage, a signal for an endpoint never announced to
-// them, connections that never finish their handshake).  Each checks the
-// bound (through /proc), the refusal, and that an honest pair beside it
-// keeps working.
+// and into the sockets of one that never reads, hunts across a link beyond
+// the bound, bells written in a loop, a ring kept full into a receiver
+// that waits for another number while its writer scribbles on the
+// receiver's ready set, a sender that makes ring after ring, writers into
+// endpoints behind a link that die beyond what linxd maps, and peers that
+// do not belong (no secret, garbage, a signal for an endpoint never
+// announced to them, connections that never finish their handshake).
+// Each checks the bound (through /proc), the refusal, and that an honest
+// pair beside it keeps working.
 #include "test_kit.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
+
+#include <filesystem>
 
 #include "link_test_util.h"
 #include "linxd_link.h"
@@ -32,16 +36,21 @@ constexpr bool kRssIsMemory =
 
 constexpr uint32_t kFlood = 0x99;
 
-// A process on the node that keeps its ring to Target full of 64 KiB
-// signals until it is killed; it tells once a send was refused, after
-// running Then.
-pid_t StartFlooder(const Node &N, const char *pTarget, const Pipe &Told, void (*pThen)() = nullptr)
+// A process on the node that keeps its rings to the targets (the socket
+// Target, or Target0 to Target<Count - 1>) full of 64 KiB signals until it
+// is killed; it tells once a send was refused, after running Then.
+pid_t StartFlooder(const Node &N, const std::string &Target, const Pipe &Told, void (*pThen)() = nullptr,
+                   int Count = 0)
 {
-    return StartChild([&N, pTarget, &Told, pThen] {
+    return StartChild([&N, Target, &Told, pThen, Count] {
         LINX *pLinx = OpenOn(N, "flooder");
-        const LINX_SPID To = HuntAndWait(pLinx, pTarget, 10000);
-        for (bool bRefused = false; To != 0;) {
-            if (SendSignal(pLinx, To, kFlood, 0, 65536) != 0 && errno == ENOBUFS && !bRefused) {
+        std::vector<LINX_SPID> To;
+        for (int i = 0; i < std::max(Count, 1); i++)
+            To.push_back(HuntAndWait(pLinx, (Target + (Count > 0 ? std::to_string(i) : "")).c_str(), 10000));
+        for (bool bRefused = false; std::count(To.begin(), To.end(), 0u) == 0;) {
+            for (const LINX_SPID Each : To) {
+                if (SendSignal(pLinx, Each, kFlood, 0, 65536) != ENOBUFS || bRefused)
+                    continue;
                 bRefused = true;
                 if (pThen != nullptr)
                     pThen();
@@ -49,6 +58,28 @@ pid_t StartFlooder(const Node &N, const char *pTarget, const Pipe &Told, void (*
             }
         }
         return 1;
+    });
+}
+
+// A process on the node with socket Name that sends a signal to Target
+// (or waits for one when it is ""), then writes every eventfd it has, in a
+// loop, until it is killed.
+pid_t StartRinger(const Node &N, const char *pName, const std::string &Target)
+{
+    return StartChild([&N, pName, Target] {
+        LINX *pLinx = OpenOn(N, pName);
+        if (Target.empty() ? ReceiveOne(pLinx, 10000) == 0
+                           : SendSignal(pLinx, HuntAndWait(pLinx, Target.c_str(), 10000), kFlood, 0) != 0)
+            return 1;
+        std::vector<int> Bells;
+        for (const auto &Entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code Error;
+            if (std::filesystem::read_symlink(Entry.path(), Error).string().find("eventfd") != std::string::npos)
+                Bells.push_back(std::stoi(Entry.path().filename().string()));
+        }
+        for (const uint64_t One = 1;;)
+            for (const int Bell : Bells)
+                (void)!write(Bell, &One, sizeof One);
     });
 }
 
@@ -73,11 +104,13 @@ void ExpectAnswered(LINX *pLinx, LINX_SPID Echo, uint32_t Value)
 // A process on node a hunts for more absent names behind the link to b
 // than it may: it is refused beyond the bound with a line, and another
 // process's hunt across the link is answered meanwhile.  Then a floods b:
-// one process keeps its ring to a reader full, another its ring to a
-// process that never reads.  Both are refused (ENOBUFS) and cost each node
-// a bounded amount, which a goes back to once they leave; honest pings
-// across the same link are all answered, also once the receiver that never
-// read is killed.  The link stays up throughout.
+// one process keeps its ring to a reader full, another its rings to the
+// twelve sockets of a process that never reads.  Both are refused
+// (ENOBUFS) and cost each node a bounded amount, which a goes back to once
+// they and the receiver that never read are gone; honest pings across the
+// same link are all answered throughout, and so they are while processes
+// on both nodes write every bell they hold in a loop, which costs their
+// linxd little.  The link stays up throughout.
 TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
 {
     Pair P;
@@ -89,7 +122,8 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
         return linx_close(pLinx);
     });
     const pid_t Deaf = StartChild([&] {
-        OpenOn(P.B, "deaf");
+        for (int i = 0; i < 12; i++)
+            OpenOn(P.B, ("deaf" + std::to_string(i)).c_str());
         pause();
         return 0;
     });
@@ -119,7 +153,7 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
     ExpectAnswered(pHonest, EchoSpid, 0);
     const long BeforeA = RssKiB(P.A.Pid), BeforeB = RssKiB(P.B.Pid);
     const Pipe Refused(O_NONBLOCK);
-    const pid_t Flooders[2] = {StartFlooder(P.A, "b/sink", Refused), StartFlooder(P.A, "b/deaf", Refused)};
+    const pid_t Flooders[2] = {StartFlooder(P.A, "b/sink", Refused), StartFlooder(P.A, "b/deaf", Refused, nullptr, 12)};
     ASSERT_TRUE(AwaitRefusals(Refused, 2));
     long MostA = 0, MostB = 0;
     for (uint32_t i = 1; i <= 50; i++) {
@@ -133,14 +167,31 @@ TEST(HostileWriters, FloodsAndHuntsAcrossALinkStopOnlyTheirOwn)
     if (kRssIsMemory) {
         EXPECT_LT(MostA - BeforeA, 16 * 1024) << "linxd of a grew by KiB";
         EXPECT_LT(MostB - BeforeB, 16 * 1024) << "linxd of b grew by KiB";
+    }
+
+    // The receiver that never read dies with linxd's ring into it full and
+    // signals waiting for room: its node lets them go and serves on, and
+    // a lets go what the flooder had written for it.
+    StopChild(Deaf);
+    ExpectAnswered(pHonest, EchoSpid, 51);
+    if (kRssIsMemory) {
         EXPECT_TRUE(WaitFor([&] { return RssKiB(P.A.Pid) - BeforeA < 4 * 1024; }, 5000))
             << "linxd of a keeps " << RssKiB(P.A.Pid) - BeforeA << " KiB";
     }
 
-    // The receiver that never read dies with linxd's ring into it full and
-    // signals waiting for room: its node lets them go and serves on.
-    StopChild(Deaf);
-    ExpectAnswered(pHonest, EchoSpid, 51);
+    // Processes that write every bell they hold in a loop: one on b that
+    // linxd's ring reaches (its room bell), one on a that sent to b's echo
+    // (the phantom's bell).  Neither linxd spends much on them.
+    const pid_t Ringers[2] = {StartRinger(P.B, "ringer", ""), StartRinger(P.A, "ringer", "b/echo")};
+    ASSERT_EQ(0, SendSignal(pHonest, HuntAndWait(pHonest, "b/ringer", 5000), kPing, 0));
+    usleep(200 * 1000);
+    const long TicksA = CpuTicks(P.A.Pid), TicksB = CpuTicks(P.B.Pid);
+    usleep(500 * 1000);
+    EXPECT_LT(CpuTicks(P.A.Pid) - TicksA, 10) << "linxd of a on bells, in ticks of 500";
+    EXPECT_LT(CpuTicks(P.B.Pid) - TicksB, 10) << "linxd of b on bells, in ticks of 500";
+    ExpectAnswered(pHonest, EchoSpid, 52);
+    for (const pid_t Ringer : Ringers)
+        StopChild(Ringer);
     EXPECT_EQ(std::string::npos, ReadFile(P.A.LogPath).find("is down")) << ReadFile(P.A.LogPath);
     linx_close(pHonest);
     for (const pid_t Child : {Sink, Echo}) {
@@ -196,6 +247,111 @@ TEST(HostileWriters, AFullRingAndScribblesCannotKeepAReceiverFromItsSignal)
     EXPECT_EQ(0, WaitChild(Picky));
     StopChild(Flooder);
     linx_close(pHonest);
+}
+
+// One process opens a socket, sends a 64 KiB signal and closes it, again
+// and again, to a receiver that waits for another number (it sets the
+// signals aside until its queue is full, then holds the rings) and to one
+// that never reads its outlet (the rings wait there, announced).  Every
+// ring stays charged to the cycler until its reader lets it go: it is
+// refused once four of its rings into a socket are not read, with a line;
+// neither receiver ever maps more of them; an honest signal of the
+// awaited number still gets through; and once the cycler is gone and the
+// receiver has read what it left, its mappings are what they were.
+TEST(HostileWriters, ASenderCyclingRingsIsRefusedAfterAFewAndLeavesNothing)
+{
+    Node N;
+    N.Instance = TestInstance() + "-cycle";
+    Start(N);
+    const Pipe Ready, Drain;
+    const pid_t Picky = StartChild([&] {
+        LINX *pLinx = OpenOn(N, "picky");
+        Ready.Say();
+        static const LINX_SIGSELECT kOnlyA[] = {1, 0xA};
+        const uint32_t Got = ReceiveOne(pLinx, 20000, nullptr, nullptr, kOnlyA);
+        Drain.Hear();
+        while (ReceiveOne(pLinx, 300) != 0) {
+        }
+        Ready.Say();
+        return Got == 0xA && Drain.Hear() ? linx_close(pLinx) : 1;
+    });
+    const pid_t Deaf = StartChild([&] {
+        OpenOn(N, "deaf");
+        Ready.Say();
+        return pause();
+    });
+    ASSERT_TRUE(Ready.Hear() && Ready.Hear());
+    const int Before = RingMappings(Picky);
+    const pid_t Cycler = StartChild([&] {
+        int Taken[2] = {0, 0};
+        for (int i = 0; i < 200; i++) {
+            LINX *pLinx = OpenOn(N, "cycler");
+            const LINX_SPID To = HuntAndWait(pLinx, i % 2 ? "picky" : "deaf", 5000);
+            Taken[i % 2] += SendSignal(pLinx, To, 0xB, i, 65536) == 0;
+            linx_close(pLinx);
+        }
+        return Taken[0] == 4 && Taken[1] <= 8 + 4 ? 0 : 1; // 8 fill the picky one's queue set aside
+    });
+    int Most = 0;
+    while (!WaitFor([&] { return waitpid(Cycler, nullptr, WNOHANG) != 0; }, 10))
+        Most = std::max(Most, RingMappings(Picky) - Before);
+    EXPECT_LE(Most, 4) << "rings of the cycler mapped at once";
+    int Lines = 0;
+    EXPECT_TRUE(WaitFor([&] { return Refusals(ReadFile(N.LogPath), "rings into socket", &Lines) >= 150; }, 3000))
+        << ReadFile(N.LogPath);
+    EXPECT_LE(Lines, 8);
+    LINX *pHonest = OpenOn(N, "honest");
+    ASSERT_EQ(0, SendSignal(pHonest, HuntAndWait(pHonest, "picky", 5000), 0xA, 1));
+    linx_close(pHonest);
+    ASSERT_TRUE(Drain.Say() && Ready.Hear());
+    EXPECT_EQ(Before, RingMappings(Picky)) << "the picky receiver let every ring go once it read them";
+    Drain.Say();
+    EXPECT_EQ(0, WaitChild(Picky));
+    StopChild(Deaf);
+}
+
+// Writers hand node a rings into endpoints behind the link (linxd maps
+// those itself), more than it maps, and die one by one: linxd refuses the
+// rings beyond what it maps with a line, never maps more, lets every ring
+// go as its writer dies, and serves on.
+TEST(HostileWriters, DyingWritersIntoPhantomsNeverTakeLinxdPastItsMappings)
+{
+    Pair P;
+    P.A.Args = {"--mapped-rings", "40"};
+    MakePair(P, false, "map");
+    const Pipe Ready;
+    const pid_t Owner = StartChild([&] {
+        for (int i = 0; i < 30; i++)
+            OpenOn(P.B, ("e" + std::to_string(i)).c_str());
+        Ready.Say();
+        return pause();
+    });
+    ASSERT_TRUE(Ready.Hear());
+    const pid_t Echo = StartEcho(P.B, "echo");
+    std::vector<pid_t> Writers;
+    for (int w = 0; w < 4; w++) {
+        Writers.push_back(StartChild([&] {
+            LINX *pLinx = OpenOn(P.A, "writer");
+            for (int i = 0; i < 30; i++)
+                SendSignal(pLinx, HuntAndWait(pLinx, ("b/e" + std::to_string(i)).c_str(), 5000), 0xB, i);
+            Ready.Say();
+            return pause();
+        }));
+        ASSERT_TRUE(Ready.Hear());
+    }
+    int Most = RingMappings(P.A.Pid);
+    for (const pid_t Writer : Writers) {
+        StopChild(Writer);
+        Most = std::max(Most, RingMappings(P.A.Pid));
+    }
+    EXPECT_LE(Most, 40);
+    EXPECT_TRUE(WaitFor([&] { return RingMappings(P.A.Pid) == 0; }, 5000)) << "rings linxd still maps";
+    EXPECT_NE(std::string::npos, ReadFile(P.A.LogPath).find("linxd maps 40 rings already"));
+    LINX *pHonest = OpenOn(P.A, "honest");
+    ExpectAnswered(pHonest, HuntAndWait(pHonest, "b/echo", 5000), 7);
+    linx_close(pHonest);
+    StopChild(Owner);
+    StopChild(Echo);
 }
 
 // Peers that do not belong: a TCP peer with another secret never gets a

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // linxd instances joined by links, on this host over Unix sockets and over
 // TCP with TLS: hunts across one and two hops, ordered signals and answers,
-// deaths seen across a link, a link cut and its return, and heartbeats.
+// signals larger than the far node takes, deaths seen across a link, a
+// link cut and its return, and heartbeats.
 // (Peers that do not belong are the hostile writers' suite's.)  Every node
 // and every endpoint process is a real process.
 #include "test_kit.h"
@@ -10,6 +11,7 @@
 #include <netinet/in.h>
 
 #include "link_test_util.h"
+#include "linxd_link.h"
 
 namespace {
 
@@ -141,10 +143,35 @@ TEST(LinkLoss, EveryAttachFiresOnceAndTheLinkReturns)
     linx_close(pClient);
 }
 
+// The frames that come from a node over a raw link connection until one
+// of type Type; its body ("" when the node closed first).
+std::string AwaitFrame(int Fd, uint32_t Type)
+{
+    std::string In;
+    for (char Buffer[4096];;) {
+        while (In.size() >= 8) {
+            const uint32_t Got = WordOf(In, 0), Bytes = WordOf(In, 1);
+            if (In.size() < 8 + Bytes)
+                break;
+            if (Got == Type)
+                return In.substr(8, Bytes);
+            In.erase(0, 8 + Bytes);
+        }
+        const ssize_t Read = read(Fd, Buffer, sizeof Buffer);
+        if (Read <= 0)
+            return "";
+        In.append(Buffer, (size_t)Read);
+    }
+}
+
 // Three nodes in a row, a - b - c (b's link declared in a configuration
-// file): a hunts "b/c/gamma", its signals cross two links and the answers
-// come back; c names the sender by the path back.
-TEST(LinkHops, TwoHopsThereAndBack)
+// file), c with queues of 64 KiB: a hunts "b/c/gamma", its signals cross
+// two links and the answers come back; c names the sender by the path
+// back.  A signal larger than c takes (half its queue) is refused to its
+// sender at once, the first to a new endpoint and later ones alike, with a
+// line; one that a peer sends anyway is dropped by c with a line, and the
+// signals after it arrive.
+TEST(LinkHops, TwoHopsThereAndBackWithinWhatTheFarNodeTakes)
 {
     Node A, B, C;
     A.Instance = TestInstance() + "-hopa";
@@ -154,6 +181,7 @@ TEST(LinkHops, TwoHopsThereAndBack)
     const std::string Config = "/tmp/" + B.Instance + ".conf"; // b's link comes from a file
     std::ofstream(Config) << "# b's links\n\nlink c=unix:" << C.Instance << "\n";
     B.Args = {"--config", Config};
+    C.Args = {"--queue-bytes", "65536"};
     for (Node *pN : {&C, &B, &A}) {
         unlink(("/tmp/" + pN->Instance + ".log").c_str());
         Start(*pN);
@@ -162,12 +190,32 @@ TEST(LinkHops, TwoHopsThereAndBack)
     LINX *pClient = OpenOn(A, "far");
     const LINX_SPID Gamma = HuntAndWait(pClient, "b/c/gamma", 10000);
     ASSERT_NE(0u, Gamma) << ReadFile(A.LogPath) << ReadFile(B.LogPath);
+    EXPECT_EQ(EMSGSIZE, SendSignal(pClient, Gamma, kPing, 0, 32769));
+    EXPECT_TRUE(AwaitText(A.LogPath, "its signal of 32769 bytes is larger than b/c/gamma takes (32768 bytes)"));
     for (uint32_t i = 0; i < 50; i++) {
         ASSERT_EQ(0, SendSignal(pClient, Gamma, kPing, i));
         uint32_t Value = 0;
         ASSERT_EQ(kPing, ReceiveOne(pClient, 5000, &Value));
         ASSERT_EQ(i + kAnswerOffset, Value);
     }
+    EXPECT_EQ(EMSGSIZE, SendSignal(pClient, Gamma, kPing, 0, 32769));
+    EXPECT_EQ(0, SendSignal(pClient, Gamma, kPing, 50, 32768));
+    EXPECT_EQ(kPing, ReceiveOne(pClient, 5000));
+    const int Rogue = ConnectUnixLink(C.Instance);
+    const std::string Hunted = Hello("rogue") + Frame((uint32_t)LinkFrame::Hunt, "gamma");
+    ASSERT_EQ((ssize_t)Hunted.size(), write(Rogue, Hunted.data(), Hunted.size()));
+    const std::string Announced = AwaitFrame(Rogue, (uint32_t)LinkFrame::Endpoint);
+    ASSERT_GT(Announced.size(), 12u);
+    EXPECT_EQ(32768u, WordOf(Announced, 2)) << "the largest signal gamma takes";
+    const std::string Large(40000, 'x'), Ping = Words({kPing, 0});
+    const std::string Sent = Frame((uint32_t)LinkFrame::Endpoint, Words({7, 7, 1024}) + "x") +
+                             Frame((uint32_t)LinkFrame::Signal, Words({7, WordOf(Announced, 0), 0}) + Large) +
+                             Frame((uint32_t)LinkFrame::Signal, Words({7, WordOf(Announced, 0), 0}) + Ping);
+    ASSERT_EQ((ssize_t)Sent.size(), write(Rogue, Sent.data(), Sent.size()));
+    EXPECT_EQ(kPing, WordOf(AwaitFrame(Rogue, (uint32_t)LinkFrame::Signal), 3)) << "the ping after it was answered";
+    EXPECT_NE(std::string::npos,
+              ReadFile(C.LogPath).find("dropped a signal of 40000 bytes from link rogue: larger than gamma takes"));
+    close(Rogue);
     ASSERT_NE(0u, linx_attach(pClient, nullptr, Gamma));
     ASSERT_EQ(0, SendSignal(pClient, Gamma, kStop, 0));
     EXPECT_EQ(0, WaitChild(Echo));

@@ -259,8 +259,9 @@ TEST_F(LinxdRobustness, AClientThatNeverReadsCannotGrowLinxd)
     EXPECT_EQ(linx_get_spid(pLinx), HuntAndWait(pLinx, "robust", 2000)) << "served again once read";
 }
 
-// It exits when idle (a node with a link to keep up stays), serves only its
-// user, and a client never talks to an impostor of another user.
+// It exits when idle (a node with a link to keep up stays), stops on
+// SIGINT whatever it inherited, serves only its user, and a client never
+// talks to an impostor of another user.
 TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
 {
     const std::string Instance = TestInstance() + "-idle";
@@ -312,23 +313,19 @@ TEST(LinxdLifetime, ExitsWhenIdleAndServesOnlyItsUser)
     }
     EXPECT_EQ(0, RawRequest(Fd, LINXD_OP_VERSION, 0).Header.result);
     close(Fd);
+    // Started with SIGINT ignored (a background job of a script), it stops
+    // on SIGINT all the same, and says so.
+    const std::string Stoppable = TestInstance() + "-int";
+    signal(SIGINT, SIG_IGN); // inherited by the linxd started now
+    const pid_t Ignoring = StartLinxd(Stoppable, {}, "/tmp/" + Stoppable + ".log");
+    signal(SIGINT, SIG_DFL);
+    EXPECT_EQ(0, StopChild(Ignoring, SIGINT));
+    EXPECT_NE(std::string::npos, ReadFile("/tmp/" + Stoppable + ".log").find("linxd: stopped by SIGINT"));
     // No client left: it exits by itself after a second.
     EXPECT_EQ(0, WaitChild(Linxd));
     usleep(500 * 1000); // the node started with it: it would be gone by now
     EXPECT_EQ(0, waitpid(Linked, nullptr, WNOHANG)) << "the node with a link stays";
     StopChild(Linked);
-}
-
-// User and system CPU time of a process, in clock ticks.
-long CpuTicks(pid_t Pid)
-{
-    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
-    std::string Field;
-    long Ticks = 0;
-    for (int i = 1; i <= 15 && Stat >> Field; i++)
-        if (i >= 14)
-            Ticks += std::stol(Field);
-    return Ticks;
 }
 
 TEST(LinxdLimits, OutOfDescriptorsNewClientsFailAtOnceAndLinxdRests)

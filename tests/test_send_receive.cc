@@ -166,4 +166,54 @@ TEST_F(SendReceive, MalformedSignalsAreRefusedOrRepaired)
     EXPECT_NE(std::string::npos, Log.find("signal number 0x55, size 0, from remote ep 0x"));
 }
 
+// Internal messages (of the open/close range, which the receive loop
+// consumes itself) and user messages of two types, interleaved, from a
+// socket of this process and from another process that is killed once it
+// sent them, while receives that take one user type and receives that take
+// anything alternate: no receive takes what it was not asked for or loses
+// anything.  Every internal message reaches the loop's callbacks once,
+// every user message one receive.
+TEST_F(SendReceive, InternalAndUserMessagesFromLocalAndRemoteSendersEachArriveOnce)
+{
+    constexpr int kRounds = 300;
+    int Internal = 0;
+    const auto Count = [](void *pCount, MSG_Msg *) -> uint32_t { return ++*(int *)pCount, 0u; };
+    ASSERT_EQ(0u, MSG_RegisterCallbackHelper("client", Count, &Internal, 0x1F000001, 0x1F0000FF, 0));
+    const uint32_t Client = FindSpid("client", "client");
+    const auto SendMixed = [Client](LINX *pLinx) {
+        for (uint32_t i = 0; i < kRounds; i++)
+            for (const MSG_Type Type : {0x1F000001 + 2 * (i % 64), i % 2 ? 0x55u : 0x66u}) {
+                MSG_Msg Header = {};
+                Header.MsgType = Type | MSG_TYPE_USER_SHIFT;
+                Header.Sequence = i;
+                Header.InUseMagic = MAGIC_NUM_MSG_ALLOC;
+                SendRaw(pLinx, Client, &Header, sizeof Header);
+            }
+    };
+    const Pipe Sent;
+    const pid_t Remote = StartChild([&] {
+        SendMixed(linx_open("remote", 0, nullptr));
+        Sent.Say();
+        return pause();
+    });
+    LINX *pLocal = linx_open("local", 0, nullptr);
+    SendMixed(pLocal);
+    ASSERT_TRUE(Sent.Hear());
+    StopChild(Remote);
+    int Users = 0;
+    for (int i = 0; (Users < 2 * kRounds || Internal < 2 * kRounds) && i < 40 * kRounds; i++) {
+        MSG_Msg *pMsg = i % 3 == 0 ? MSG_RecvMsg("client", 0x55, 1) : MSG_RecvAnyMsg("client", 1);
+        if (pMsg == nullptr)
+            continue;
+        EXPECT_TRUE(MSG_GetType(pMsg) == 0x55 || MSG_GetType(pMsg) == 0x66) << std::hex << MSG_GetType(pMsg);
+        Users++;
+        MSG_ReleaseMsg(pMsg);
+    }
+    EXPECT_EQ(nullptr, MSG_RecvAnyMsg("client", 100));
+    EXPECT_EQ(2 * kRounds, Users);
+    EXPECT_EQ(2 * kRounds, Internal);
+    EXPECT_EQ(0, MSG_GetNumMsgsPending("client", 0));
+    linx_close(pLocal);
+}
+
 } // namespace
