@@ -10,8 +10,13 @@
 //  - a process that keeps its ring to an endpoint behind a link full of
 //    64 KiB signals: its node's linxd's memory during and after, and an
 //    honest pair's pings across the same link;
-//  - a receiver behind a link that never reads, flooded across it: the
-//    pings of an honest pair across the same link;
+//  - a process behind a link with twelve sockets it never reads, each
+//    flooded across it: the same;
+//  - bystanders: an unrelated pair's round trips across a link while one
+//    process on either node misbehaves (never reads its twelve sockets,
+//    keeps its ring to a reader behind the link full, or writes every bell
+//    it holds in a loop), against none, in alternating blocks, with what
+//    each node's linxd spends;
 //  - 70000 hunts for absent names behind a link from one process: how many
 //    were taken, whether the link stayed up, and another process's hunt;
 //  - 3000 TCP connections to a node that never finish the TLS hello:
@@ -57,19 +62,58 @@ pid_t StartEcho(const std::string &Instance, const char *pName)
     return Start(Instance, pName, [](LINX *p) { LinxPeerLoop(p, true); });
 }
 
-// Sends 64 KiB signals of kFlood to the socket Name for kFloodSeconds as
-// fast as they are taken; says how many were accepted and refused on Told.
-pid_t StartFlooder(const std::string &Instance, const char *pName, const Pipe &Told)
+// Sends 64 KiB signals of kFlood to the socket Name (or Name0 to
+// Name<Count - 1> in turn) for Seconds as fast as they are taken; says how
+// many were accepted and refused on Told.
+pid_t StartFlooder(const std::string &Instance, const char *pName, const Pipe &Told, int Count = 0,
+                   double Seconds = kFloodSeconds)
 {
-    return Start(Instance, "flooder", [pName, &Told](LINX *p) {
-        const LINX_SPID Target = Hunt(p, pName);
+    return Start(Instance, "flooder", [pName, &Told, Count, Seconds](LINX *p) {
+        std::vector<LINX_SPID> Targets;
+        for (int i = 0; i < std::max(Count, 1); i++)
+            Targets.push_back(Hunt(p, (pName + (Count > 0 ? std::to_string(i) : "")).c_str()));
         long Counts[2] = {0, 0}; // accepted, refused
-        for (const double End = NowUs() + kFloodSeconds * 1e6; NowUs() < End;) {
+        for (const double End = NowUs() + Seconds * 1e6; NowUs() < End;) {
             union LINX_SIGNAL *pSig = linx_alloc(p, 65536, kFlood);
             memset((char *)pSig + 4, 0, 65536 - 4);
-            Counts[linx_send(p, &pSig, Target) == 0 ? 0 : 1]++;
+            Counts[linx_send(p, &pSig, Targets[(Counts[0] + Counts[1]) % Targets.size()]) == 0 ? 0 : 1]++;
         }
         Told.Say(Counts);
+    });
+}
+
+// A process of socket Name that opens Count more (Name0 to Name<Count - 1>)
+// and never reads any of them.
+pid_t StartDeaf(const std::string &Instance, const char *pName, int Count)
+{
+    return Start(Instance, pName, [pName, Count](LINX *) {
+        for (int i = 0; i < Count; i++)
+            linx_open((pName + std::to_string(i)).c_str(), 0, nullptr);
+        pause();
+    });
+}
+
+// A process of socket Name that sends a signal to Target (or waits for one
+// when it is null), then writes every eventfd it has in a loop: its
+// receivers' bells, its own, and the room bell of linxd's ring into it.
+pid_t StartRinger(const std::string &Instance, const char *pName, const char *pTarget)
+{
+    return Start(Instance, pName, [pTarget](LINX *p) {
+        union LINX_SIGNAL *pSig = nullptr;
+        if (pTarget != nullptr)
+            SendWaiting(p, Hunt(p, pTarget), 64, kFlood);
+        else if (linx_receive(p, &pSig, nullptr) <= 0)
+            return;
+        std::vector<int> Bells;
+        for (int Fd = 3; Fd < 1024; Fd++) {
+            char Path[64], Target[64] = {};
+            snprintf(Path, sizeof Path, "/proc/self/fd/%d", Fd);
+            if (readlink(Path, Target, sizeof Target - 1) > 0 && strstr(Target, "eventfd") != nullptr)
+                Bells.push_back(Fd);
+        }
+        for (const uint64_t One = 1;;)
+            for (const int Bell : Bells)
+                (void)!write(Bell, &One, sizeof One);
     });
 }
 
@@ -219,6 +263,80 @@ void FloodAcrossLink(const char *pTitle, const std::string &Tag, const char *pTa
     StopLinked(N, {Sink, Echo});
 }
 
+// Round trips of 64 B across the link in one second, as fast as they go.
+double TripsASecond(LINX *pLinx, LINX_SPID Echo)
+{
+    int Trips = 0;
+    for (const double End = NowUs() + 1e6; NowUs() < End; Trips++) {
+        union LINX_SIGNAL *pSig = linx_alloc(pLinx, 64, kPing);
+        if (linx_send(pLinx, &pSig, Echo) != 0 || linx_receive_w_tmo(pLinx, &pSig, 1000, nullptr) <= 0)
+            Fail("bystander's round trip");
+        linx_free_buf(pLinx, &pSig);
+    }
+    return Trips;
+}
+
+// An unrelated pair's round trips across the link while one process on
+// either node misbehaves, against none, in alternating blocks: each block
+// starts the misbehaving processes, lets them settle for 200 ms, counts the
+// pair's round trips for a second and stops them.  What both nodes' linxd
+// spend meanwhile is added up by scenario.
+void Bystanders(const std::string &Tag)
+{
+    LinkedNodes N = StartLinked(Tag);
+    const pid_t Echo = StartEcho(N.B.Instance, "echo"), Sink = Start(N.B.Instance, "sink", [](LINX *p) {
+        LinxPeerLoop(p, false);
+    });
+    LINX *pLinx = OpenOn(N.A.Instance, "honest");
+    const LINX_SPID EchoSpid = Hunt(pLinx, "b/echo");
+    const Pipe Told(O_NONBLOCK);
+    struct Scenario {
+        const char *pName;
+        std::function<std::vector<pid_t>()> Begin;
+        long Ticks = 0; // of both linxd, over its blocks
+        int Blocks = 0;
+    };
+    std::vector<Scenario> Scenarios = {
+        {"nobody misbehaves", [] { return std::vector<pid_t>(); }},
+        {"twelve sockets on b never read, flooded from a",
+         [&] { return std::vector<pid_t>{StartDeaf(N.B.Instance, "deaf", 12),
+                                         StartFlooder(N.A.Instance, "b/deaf", Told, 12, 60)}; }},
+        {"a ring into a reader on b kept full from a",
+         [&] { return std::vector<pid_t>{StartFlooder(N.A.Instance, "b/sink", Told, 0, 60)}; }},
+        {"every bell held written in a loop, on b",
+         [&] {
+             const pid_t Ringer = StartRinger(N.B.Instance, "ringer", nullptr);
+             SendWaiting(pLinx, Hunt(pLinx, "b/ringer"), 64, kFlood);
+             return std::vector<pid_t>{Ringer};
+         }},
+        {"every bell held written in a loop, on a",
+         [&] { return std::vector<pid_t>{StartRinger(N.A.Instance, "ringer", "b/echo")}; }},
+    };
+    std::vector<Mechanism> Mechanisms;
+    for (Scenario &S : Scenarios)
+        Mechanisms.push_back({S.pName,
+                              [&] {
+                                  const std::vector<pid_t> Misbehaving = S.Begin();
+                                  usleep(200000);
+                                  const long Ticks = CpuTicks(N.A.Pid) + CpuTicks(N.B.Pid);
+                                  const double Trips = TripsASecond(pLinx, EchoSpid);
+                                  S.Ticks += CpuTicks(N.A.Pid) + CpuTicks(N.B.Pid) - Ticks;
+                                  S.Blocks++;
+                                  for (const pid_t Child : Misbehaving)
+                                      Stop(Child);
+                                  return Trips;
+                              },
+                              {Echo}});
+    Compare("Bystanders: an unrelated pair's round trips a second across a link while one process misbehaves",
+            "/s", 5, Mechanisms, false);
+    printf("  linxd of a and b together, CPU while the pair ran:");
+    for (const Scenario &S : Scenarios)
+        printf(" %.0f%%", 100.0 * S.Ticks / (sysconf(_SC_CLK_TCK) * (double)S.Blocks));
+    printf(" (in the order above)\n");
+    linx_close(pLinx);
+    StopLinked(N, {Echo, Sink});
+}
+
 void HuntsBeyondTheBound(const std::string &Tag)
 {
     LinkedNodes N = StartLinked(Tag);
@@ -317,6 +435,7 @@ int main()
                     "b/sink", [](LINX *p) { LinxPeerLoop(p, false); });
     FloodAcrossLink("A receiver behind a link that never reads, flooded across it", Tag + "-deaf", "b/deaf",
                     [](LINX *) { pause(); });
+    Bystanders(Tag + "-by");
     HuntsBeyondTheBound(Tag + "-hunts");
     HalfOpenConnections(Tag + "-tls");
     return 0;

@@ -362,7 +362,7 @@ void Service::jCloseSocket(uint32_t Spid)
     jFreeRingSets(S);
     if (Link *pL = jLinkOf(S)) {
         pL->Phantoms.erase(S.RemoteSpid);
-        jFreeWindow(*pL, S, S.InFlight);
+        jFreeWindow(S, S.InFlight);
     }
     for (auto &Entry : mLinks) {
         Link &L = Entry.second;
@@ -549,7 +549,7 @@ void Service::jServeEvent(Watch Kind, uint32_t Id)
     } else if (Kind == Watch::Link) {
         jServeLink(Id);
     } else if (Kind == Watch::Bell) {
-        jRingBell(Id);
+        jRingBell((pid_t)Id);
     } else if (Kind == Watch::Room) {
         jRoomRang(Id);
     } else if (Kind == Watch::Stop) {
@@ -606,6 +606,9 @@ Service::~Service()
         close(Entry.second.BellFd);
         jFreeRingSets(Entry.second);
     }
+    for (const auto &Entry : mProcesses)
+        if (Entry.second.BellFd >= 0)
+            close(Entry.second.BellFd);
     for (auto &Entry : mLinks)
         LinkClose(&Entry.second.Conn);
     for (const auto &Entry : mLinkListeners)

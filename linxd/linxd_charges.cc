@@ -67,9 +67,15 @@ Process *Service::jProcessOf(pid_t Pid)
 void Service::jForgetIfIdle(pid_t Pid)
 {
     const Process *pP = jProcessOf(Pid);
-    if (pP != nullptr && pP->Sockets.empty() && pP->Rings == 0 && pP->RingsIn == 0 && pP->Held == 0 &&
-        pP->BacklogBytes == 0)
-        mProcesses.erase(Pid);
+    if (pP == nullptr || !pP->Sockets.empty() || pP->Rings != 0 || pP->RingsIn != 0 || pP->Held != 0 ||
+        pP->BacklogBytes != 0)
+        return;
+    if (pP->BellFd >= 0) {
+        epoll_ctl(mEpollFd, EPOLL_CTL_DEL, pP->BellFd, nullptr);
+        close(pP->BellFd);
+    }
+    mMutedBells.erase(jWatchKey(Watch::Bell, (uint32_t)Pid));
+    mProcesses.erase(Pid);
 }
 
 bool Service::jMayOpenSocket(const Client &C)
@@ -270,22 +276,23 @@ void Service::jUnchargeAllInto(Socket &Receiver)
     Table = RingTable();
 }
 
-// Listens to a bell of S (its room bell, or a phantom's bell), or stops;
-// a muted one is listened to again only once it is due.
-void Service::jHearBell(Socket &S, int Fd, Watch Kind, bool bOn)
+// Listens to a bell (a socket's room bell, or a process's), or stops; a
+// muted one is listened to again only once it is due.
+void Service::jHearBell(Watch Kind, uint32_t Id, int Fd, bool bOn)
 {
-    const uint32_t Events = bOn && mMutedBells.count(S.Spid) == 0 ? (uint32_t)EPOLLIN : 0u;
-    jWatch(Kind, Fd, S.Spid, Events, EPOLL_CTL_MOD);
+    const uint32_t Events = bOn && mMutedBells.count(jWatchKey(Kind, Id)) == 0 ? (uint32_t)EPOLLIN : 0u;
+    jWatch(Kind, Fd, Id, Events, EPOLL_CTL_MOD);
 }
 
-// A bell of S rang, and brought work (bUseful) or not.
-void Service::jBellRang(Socket &S, int Fd, bool bUseful)
+// A bell rang, and brought work (bUseful) or not; *pIdle counts those that
+// did not, in a row.
+void Service::jBellRang(Watch Kind, uint32_t Id, int Fd, uint32_t *pIdle, bool bUseful)
 {
-    S.IdleBells = bUseful ? 0 : S.IdleBells + 1;
-    if (S.IdleBells < kIdleBellsBeforeMute)
+    *pIdle = bUseful ? 0 : *pIdle + 1;
+    if (*pIdle < kIdleBellsBeforeMute)
         return;
-    mMutedBells[S.Spid] = jNowMs() + kBellMuteMs;
-    jWatch(S.Link != 0 ? Watch::Bell : Watch::Room, Fd, S.Spid, 0, EPOLL_CTL_MOD);
+    mMutedBells[jWatchKey(Kind, Id)] = jNowMs() + kBellMuteMs;
+    jWatch(Kind, Fd, Id, 0, EPOLL_CTL_MOD);
 }
 
 // Muted bells that are due: linxd looks at what they stand for itself,
@@ -298,16 +305,17 @@ void Service::jUnmuteBells()
             ++It;
             continue;
         }
-        const uint32_t Spid = It->first;
+        const Watch Kind = (Watch)(It->first >> 32);
+        const uint32_t Id = (uint32_t)It->first;
         It = mMutedBells.erase(It);
-        Socket *pS = jFindSocket(Spid);
-        if (pS == nullptr)
-            continue;
-        pS->IdleBells = 0;
-        if (pS->Link != 0) {
-            jHearBell(*pS, pS->BellFd, Watch::Bell, true);
-            jDrainPhantom(*pS);
-        } else if (pS->RoomFd >= 0) {
+        Process *pP = Kind == Watch::Bell ? jProcessOf((pid_t)Id) : nullptr;
+        Socket *pS = Kind == Watch::Room ? jFindSocket(Id) : nullptr;
+        if (pP != nullptr && pP->BellFd >= 0) {
+            pP->IdleBells = 0;
+            jHearBell(Kind, Id, pP->BellFd, true);
+            jRingBell((pid_t)Id);
+        } else if (pS != nullptr && pS->RoomFd >= 0) {
+            pS->IdleBells = 0;
             jFlushLinkRing(*pS); // listens to the room bell again if it still waits
         }
     }

@@ -194,14 +194,14 @@ void Service::jFlushLinkRing(Socket &S)
             __atomic_thread_fence(__ATOMIC_SEQ_CST);
             if (!jWriteLinkRing(S, Header, pPayload)) {
                 S.RoomHeadSeen = __atomic_load_n(&S.LinkRing.header->head, __ATOMIC_ACQUIRE);
-                jHearBell(S, S.RoomFd, Watch::Room, true);
+                jHearBell(Watch::Room, S.Spid, S.RoomFd, true);
                 return;
             }
         }
         jPopBacklog(S, S.LinkBacklog);
     }
     __atomic_store_n(&S.LinkRing.header->writer_waits, 0u, __ATOMIC_RELAXED);
-    jHearBell(S, S.RoomFd, Watch::Room, false);
+    jHearBell(Watch::Room, S.Spid, S.RoomFd, false);
 }
 
 // The owner of socket Spid rang the room bell of linxd's ring: it is
@@ -216,7 +216,7 @@ void Service::jRoomRang(uint32_t Spid)
     const bool bTook = __atomic_load_n(&pS->LinkRing.header->head, __ATOMIC_ACQUIRE) != pS->RoomHeadSeen;
     if (bTook)
         jFlushLinkRing(*pS);
-    jBellRang(*pS, pS->RoomFd, bTook);
+    jBellRang(Watch::Room, Spid, pS->RoomFd, &pS->IdleBells, bTook);
 }
 
 // Makes linxd's ring into the socket and announces it to the owner, as a

@@ -22,6 +22,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,9 +50,8 @@ bool Service::jLinkTakes(Link &L, const Socket &Phantom)
 {
     if (LinkOutBytes(L.Conn) > kLinkOutHighBytes)
         L.bThrottled = true;
-    auto Owner = L.OwnerInFlight.find(Phantom.RemoteOwner);
-    const uint64_t OwnerInFlight = Owner == L.OwnerInFlight.end() ? 0 : Owner->second;
-    return L.bUp && !L.bThrottled && Phantom.InFlight < kLinkWindowBytes && OwnerInFlight < kLinkOwnerWindowBytes;
+    return L.bUp && !L.bThrottled && Phantom.InFlight < kLinkWindowBytes &&
+           *Phantom.pOwnerInFlight < kLinkOwnerWindowBytes;
 }
 
 bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, uint32_t RemoteOwner, uint32_t Largest, const std::string &Name,
@@ -80,9 +80,9 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, uint32_t RemoteOwner, ui
     if (Group == L.Groups.end())
         Group = L.Groups.emplace(RemoteOwner, 0x80000000u | (++mNextGroup & 0x7FFFFFFFu)).first;
     pS->Owner = Group->second; // never a pid: those stay below 2^22
+    pS->pOwnerInFlight = &L.OwnerInFlight[RemoteOwner];
     L.Phantoms[RemoteSpid] = pS->Spid;
-    RingSetUse(&pS->Reading, pS->pReady);
-    jWatch(Watch::Bell, pS->BellFd, pS->Spid, EPOLLIN, EPOLL_CTL_ADD);
+    RingSetUse(&pS->Reading, pS->pReady); // its writers ring bells of their own (jBellOf)
     jNameAppeared(Full, pS->Spid, false);
     return true;
 }
@@ -99,7 +99,7 @@ void Service::jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPay
     }
     jSendFrame(L, LinkFrame::Signal, LinkWords({From, Phantom.RemoteSpid, Attributes}), pPayload, Size);
     Phantom.InFlight += Size;
-    L.OwnerInFlight[Phantom.RemoteOwner] += Size;
+    *Phantom.pOwnerInFlight += Size;
 }
 
 // Forwards what one of the phantom's rings holds, as far as the link takes
@@ -203,18 +203,39 @@ void Service::jResumePhantoms(Link &L)
     }
 }
 
-// A sender rang the phantom's bell: one that brought nothing counts
-// towards muting it.
-void Service::jRingBell(uint32_t Spid)
+// A process rang its bell: it wrote into a phantom whose rings linxd had
+// read to the end.  Its phantoms are read; a ring that brought nothing
+// counts towards muting its bell.
+void Service::jRingBell(pid_t Writer)
 {
-    Socket *pS = jFindSocket(Spid);
-    if (pS == nullptr)
+    Process *pP = jProcessOf(Writer);
+    if (pP == nullptr || pP->BellFd < 0)
         return;
-    linxd_bell_silence(pS->BellFd);
-    const uint64_t Before = __atomic_load_n(&pS->pReady->counters.received_signals, __ATOMIC_RELAXED);
-    const bool bStopped = !jDrainPhantom(*pS);
-    jBellRang(*pS, pS->BellFd, bStopped || __atomic_load_n(&pS->pReady->counters.received_signals,
-                                                              __ATOMIC_RELAXED) != Before);
+    linxd_bell_silence(pP->BellFd);
+    bool bUseful = false;
+    std::vector<uint32_t> Phantoms;
+    for (const auto &Ring : pP->RingInto)
+        Phantoms.push_back(Ring.first);
+    for (const uint32_t Spid : Phantoms) {
+        Socket *pS = jFindSocket(Spid);
+        if (pS == nullptr || pS->Link == 0)
+            continue;
+        const uint64_t Before = __atomic_load_n(&pS->pReady->counters.received_signals, __ATOMIC_RELAXED);
+        bUseful |= !jDrainPhantom(*pS) ||
+                   __atomic_load_n(&pS->pReady->counters.received_signals, __ATOMIC_RELAXED) != Before;
+    }
+    if ((pP = jProcessOf(Writer)) != nullptr)
+        jBellRang(Watch::Bell, (uint32_t)Writer, pP->BellFd, &pP->IdleBells, bUseful);
+}
+
+// The bell process Pid rings for its rings into phantoms, made when it
+// hands over its first; -1 with errno when it cannot be.
+int Service::jBellOf(pid_t Pid)
+{
+    Process &P = mProcesses[Pid];
+    if (P.BellFd < 0 && (P.BellFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) >= 0)
+        jWatch(Watch::Bell, P.BellFd, (uint32_t)Pid, EPOLLIN, EPOLL_CTL_ADD);
+    return P.BellFd;
 }
 
 // The peer passed on Bytes of what was sent for its endpoint RemoteSpid:
@@ -226,9 +247,9 @@ void Service::jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes)
     Socket *pS = It == L.Phantoms.end() ? nullptr : jFindSocket(It->second);
     if (pS == nullptr)
         return;
-    const uint64_t OwnerWas = L.OwnerInFlight[pS->RemoteOwner];
+    const uint64_t OwnerWas = *pS->pOwnerInFlight;
     const bool bWasFull = pS->InFlight >= kLinkWindowBytes;
-    jFreeWindow(L, *pS, Bytes);
+    jFreeWindow(*pS, Bytes);
     if (OwnerWas >= kLinkOwnerWindowBytes && OwnerWas - std::min<uint64_t>(Bytes, OwnerWas) < kLinkOwnerWindowBytes)
         jDrainOwner(L, pS->RemoteOwner);
     else if (bWasFull && pS->InFlight < kLinkWindowBytes)
@@ -237,16 +258,11 @@ void Service::jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes)
 
 // Bytes the phantom had in flight that count no more: the peer passed
 // them on, or the endpoint closed (their credit will never come).
-void Service::jFreeWindow(Link &L, Socket &Phantom, uint64_t Bytes)
+void Service::jFreeWindow(Socket &Phantom, uint64_t Bytes)
 {
     Bytes = std::min(Bytes, Phantom.InFlight);
     Phantom.InFlight -= Bytes;
-    auto Owner = L.OwnerInFlight.find(Phantom.RemoteOwner);
-    if (Owner == L.OwnerInFlight.end())
-        return;
-    Owner->second -= std::min(Bytes, Owner->second);
-    if (Owner->second == 0)
-        L.OwnerInFlight.erase(Owner);
+    *Phantom.pOwnerInFlight -= std::min(Bytes, *Phantom.pOwnerInFlight);
 }
 
 // The window of an owner behind the link reopened: its phantoms are read

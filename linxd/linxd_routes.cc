@@ -147,6 +147,9 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
         jNudge(*pS);
         return jError(ENOBUFS);
     }
+    const int BellFd = pS->Link != 0 ? jBellOf(C.Pid) : pS->BellFd;
+    if (BellFd < 0)
+        return jError(errno);
     Process &P = mProcesses[C.Pid];
     auto Old = P.RingInto.find(Target);
     if (Old != P.RingInto.end())
@@ -163,7 +166,7 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
     Reply R;
     R.Header.value[0] = pS->Slot;
     R.Header.value[1] = Index;
-    R.Fds[0] = pS->BellFd;
+    R.Fds[0] = BellFd;
     R.Fds[1] = pS->ReadyFd;
     return R;
 }

@@ -141,12 +141,14 @@ int jSizedRegion(const char *pName, size_t Bytes);
 void *jMapShared(int Fd, size_t Bytes);
 
 // What epoll reports: a client connection, an inlet waiting to drain, a
-// link listener, a link's connection, the bell of a phantom's rings, the
-// room bell of linxd's ring into a socket, or a signal to stop.
+// link listener, a link's connection, the bell a process rings for its
+// rings into phantoms, the room bell of linxd's ring into a socket, or a
+// signal to stop.
 enum class Watch : uint32_t { Listener = 1, Client = 2, Inlet = 3, LinkListener = 4, Link = 5, Bell = 6, Room = 7, Stop = 8 };
 
 // The key epoll hands back: the kind, and the descriptor (listeners,
-// client), the link's id (link) or the socket's SPID (inlet, bells).
+// client), the link's id (link), the socket's SPID (inlet, room bell) or
+// the process's pid (its bell).
 inline uint64_t jWatchKey(Watch Kind, uint32_t Id)
 {
     return ((uint64_t)Kind << 32) | Id;
@@ -189,6 +191,11 @@ struct Process {
     uint32_t RingsIn = 0;      // rings of others into its sockets, which it maps
     uint32_t Held = 0;         // hunts, attaches, timeouts and tokens of its sockets
     size_t BacklogBytes = 0;   // linxd's signals waiting for its sockets
+    // The bell it rings when it wrote into a phantom whose reader, linxd,
+    // sleeps: its own, so that a process that rings it for nothing mutes
+    // only itself (-1 until its first ring into a phantom).
+    int BellFd = -1;
+    uint32_t IdleBells = 0;    // rings of it that brought nothing, in a row
 };
 
 // A signal waiting for room in its socket's queue: one of linxd's own, or
@@ -224,7 +231,7 @@ struct Socket {
     uint32_t LinkRingIndex = 0;
     int RoomFd = -1;
     uint64_t RoomHeadSeen = 0;       // the ring's head when linxd began to wait for room
-    uint32_t IdleBells = 0;          // its bells (room, or a phantom's) that rang for nothing, in a row
+    uint32_t IdleBells = 0;          // its room bell's rings that brought nothing, in a row
     std::deque<Waiting> LinkBacklog;
     bool bWatchingInlet = false;     // epoll waits for room in the inlet
     uint32_t Held = 0;               // hunts, attaches, timeouts, tokens it requested
@@ -235,6 +242,7 @@ struct Socket {
     uint32_t Link = 0;               // the link's id; 0: a socket of this node
     uint32_t RemoteSpid = 0;         // the endpoint's SPID on the node behind the link
     uint32_t RemoteOwner = 0;        // its owner as the peer said
+    uint64_t *pOwnerInFlight = nullptr; // what is in flight to that owner's endpoints (its link's)
     RingSet Reading;                 // its rings, mapped here
     uint64_t InFlight = 0;           // bytes sent to it that the peer has not passed on
 };
@@ -281,7 +289,8 @@ struct Link {
     uint64_t ConnSerial = 0;         // which connection (counted over all links): credits
                                      // for signals of an earlier one are not this one's
     std::map<uint32_t, uint32_t> Phantoms; // the peer's SPID -> phantom here
-    std::map<uint32_t, uint64_t> OwnerInFlight; // bytes in flight to the endpoints of each owner there
+    std::map<uint32_t, uint64_t> OwnerInFlight; // bytes in flight to the endpoints of each owner
+                                     // there (kept, and pointed at by their phantoms, until it goes down)
     uint32_t NextTurn = 0;           // phantoms are read in turn from the one after this
     std::set<uint32_t> Told;         // sockets of ours the peer knows
     std::set<uint32_t> Departed;     // sockets of ours whose close the peer has not confirmed
@@ -437,7 +446,7 @@ private:
     bool jLinkTakes(Link &L, const Socket &Phantom);
     void jDrainOwner(Link &L, uint32_t RemoteOwner);
     void jRefuseLarge(const Socket &To, const std::string &Source, uint32_t Size);
-    void jFreeWindow(Link &L, Socket &Phantom, uint64_t Bytes);
+    void jFreeWindow(Socket &Phantom, uint64_t Bytes);
     uint32_t jLargestSignal() const;
     void jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPayload, uint32_t Size,
                   uint32_t Attributes);
@@ -446,7 +455,8 @@ private:
     bool jFlushRelays(Socket &Phantom, Link &L);
     bool jDrainPhantom(Socket &Phantom);
     void jResumePhantoms(Link &L);
-    void jRingBell(uint32_t Spid);
+    void jRingBell(pid_t Writer);
+    int jBellOf(pid_t Pid);
     void jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes);
     void jCredit(const Waiting &W, uint32_t To);
     void jCreditLink(uint32_t LinkId, uint64_t ConnSerial, uint32_t To, uint32_t Bytes);
@@ -486,8 +496,8 @@ private:
     void jLetGoAllRead(Socket &Receiver);
     void jSweepRetired(Process &W, uint32_t Only);
     void jUnchargeAllInto(Socket &Receiver);
-    void jHearBell(Socket &S, int Fd, Watch Kind, bool bOn);
-    void jBellRang(Socket &S, int Fd, bool bUseful);
+    void jHearBell(Watch Kind, uint32_t Id, int Fd, bool bOn);
+    void jBellRang(Watch Kind, uint32_t Id, int Fd, uint32_t *pIdle, bool bUseful);
     void jUnmuteBells();
     int64_t jMutedDueMs() const;
 
@@ -512,7 +522,7 @@ private:
     pid_t mSelf = 0;                     // linxd's own pid: the writer of its rings into sockets
     uint32_t mRingsMapped = 0;           // rings linxd maps: its own into sockets, and phantoms'
     uint32_t mRingBudget = 0;            // at most that many (jRingBudget)
-    std::map<uint32_t, int64_t> mMutedBells; // sockets whose bell rang for nothing, until when
+    std::map<uint64_t, int64_t> mMutedBells; // bells that rang for nothing (by watch key), until when
     std::map<std::string, std::vector<uint32_t>> mNames; // sockets by name, oldest first
     std::multimap<std::string, Hunt> mHunts;              // pending, by name
     std::map<pid_t, uint32_t> mHuntsAcross;               // of a process, for names with a slash

@@ -2,8 +2,9 @@
 // What the tests and the benchmarks both ask of the host, written once:
 // the linxd program beside the library, a program started with its output
 // in files, a pipe between a process and its children, a free TCP port on
-// loopback, a process's resident memory and a file's text.  Header-only, so that the
-// benchmarks (built without the tests) include it as they are.
+// loopback, a process's resident memory and CPU time, and a file's text.
+// Header-only, so that the benchmarks (built without the tests) include it
+// as they are.
 #pragma once
 
 #include <arpa/inet.h>
@@ -79,6 +80,19 @@ inline long RssKiB(pid_t Pid)
         if (Word == "VmRSS:" && Status >> Word)
             return std::stol(Word);
     return -1;
+}
+
+// User and system CPU time a process has used, in clock ticks (0 when it
+// cannot be read).
+inline long CpuTicks(pid_t Pid)
+{
+    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
+    std::string Field;
+    long Ticks = 0;
+    for (int i = 1; i <= 15 && Stat >> Field; i++)
+        if (i >= 14)
+            Ticks += std::stol(Field);
+    return Ticks;
 }
 
 // What a file holds, as far as it can be read ("" when it cannot be

@@ -150,17 +150,6 @@ int RingMappings(pid_t Pid)
     return Count;
 }
 
-long CpuTicks(pid_t Pid)
-{
-    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
-    std::string Field;
-    long Ticks = 0;
-    for (int i = 1; i <= 15 && Stat >> Field; i++)
-        if (i >= 14)
-            Ticks += std::stol(Field);
-    return Ticks;
-}
-
 bool WaitFor(const std::function<bool()> &Done, int TimeoutMs)
 {
     for (int Waited = 0; Waited < TimeoutMs; Waited += 10) {

@@ -58,9 +58,6 @@ pid_t StartLinxd(const std::string &Instance, const std::vector<std::string> &Ar
 // its own it writes, and its spare.
 int RingMappings(pid_t Pid);
 
-// User and system CPU time of a process, in clock ticks.
-long CpuTicks(pid_t Pid);
-
 // Runs Body(0) to Body(Count - 1) in threads of their own, all at once,
 // and returns when every one has.
 void InThreads(int Count, const std::function<void(int)> &Body);

@@ -18,8 +18,6 @@
 
 namespace {
 
-// How long a receive waits awake for a signal across a link.
-constexpr int64_t kLinkSpinNs = 50000;
 
 constexpr uint32_t kForever = 0xFFFFFFFFu;
 // Rings this process refused, said once a second per sender and reason.
@@ -557,21 +555,17 @@ int64_t jNanosSince(const struct timespec &Start)
 
 // A peer that answers within microseconds is best waited for awake: it
 // spares both sides a sleep and a wake-up.  The clock is read every 16
-// looks; with bYield the processor is given up between looks.  Returns
-// true when something came.
-bool jSpin(StandinSocket &S, uint64_t Seen, int64_t BudgetNs, bool bYield)
+// looks.  Returns true when something came.
+bool jSpin(StandinSocket &S, uint64_t Seen, int64_t BudgetNs)
 {
     struct timespec Start;
     clock_gettime(CLOCK_MONOTONIC, &Start);
     for (int Look = 1;; Look++) {
         if (jSomethingCame(S, Seen))
             return true;
-        if ((bYield || Look % 16 == 0) && jNanosSince(Start) >= BudgetNs)
+        if (Look % 16 == 0 && jNanosSince(Start) >= BudgetNs)
             return false;
-        if (bYield)
-            sched_yield();
-        else
-            jRelax();
+        jRelax();
     }
 }
 
@@ -580,20 +574,19 @@ bool jSpin(StandinSocket &S, uint64_t Seen, int64_t BudgetNs, bool bYield)
 // sleeps, or preempts it when its signal rings the bell).  How long adapts
 // to the peers: a look that caught its signal doubles the next one, one
 // that did not halves it, down to an eighth, and every 64th sleep the
-// whole kStandinSpinNs is tried again, so that a peer answering across a
-// link (tens of microseconds) costs little processor time and a peer that
-// became quick is found out.  What comes across a link (in linxd's ring)
-// is waited for longer, yielding between looks: the answer needs both
-// nodes' linxd to run, takes tens of microseconds, and a yield returns as
-// soon as linxd went back to sleep.  Returns true when something came.
+// whole kStandinSpinNs is tried again, so that a peer that became quick
+// is found out.  What comes across a link (in linxd's ring) is not looked
+// for: its answer takes tens of microseconds and both nodes' linxd to run,
+// and a thread that spent that long looking is, to the kernel's EEVDF
+// scheduler, one that used its share: woken behind a busy process on its
+// CPU, it waits for that process's whole time slice (4 ms), where one that
+// slept at once is run in microseconds.  Returns true when something came.
 bool jLookBeforeSleeping(StandinSocket &S, uint64_t Seen)
 {
-    if (S.bPeerIsLinxd)
-        return jSpin(S, Seen, kLinkSpinNs, true);
-    if (S.PeerCpu == sched_getcpu())
+    if (S.bPeerIsLinxd || S.PeerCpu == sched_getcpu())
         return false;
     const int64_t Budget = (S.Sleeps % 64 == 0) ? kStandinSpinNs : S.SpinNs;
-    if (jSpin(S, Seen, Budget, false)) {
+    if (jSpin(S, Seen, Budget)) {
         S.SpinNs = std::min(Budget * 2, kStandinSpinNs);
         return true;
     }
