@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Messaging on the LINX stand-in against a raw AF_UNIX SOCK_SEQPACKET
-// socket pair.  Every comparison alternates its mechanisms in blocks in one
+// socket pair and ZeroMQ (a PAIR socket over ipc://), what a program would
+// pick instead.  Every comparison alternates its mechanisms in blocks in one
 // run (bench_util.h's Compare: a warm-up, then rounds of one block each,
 // each mechanism in the better of its two placements on the cores, ratios
 // as the median of the per-round ratios with their spread):
-//   - 64 B round trip between two processes: raw socket pair, linx_send/
-//     linx_receive, and MSG_SendMsg with the answer routed back by the
-//     sender stack;
+//   - 64 B round trip between two processes: raw socket pair, ZeroMQ,
+//     linx_send/linx_receive, and MSG_SendMsg with the answer routed back
+//     by the sender stack;
 //   - 64 B round trip between two threads of one process, against two
 //     processes;
 //   - one-way throughput of 64 B and 64 KiB: raw socket pair, linx_, MSG_;
@@ -14,7 +15,7 @@
 //     is not timed) and its answer, against a warm raw round trip;
 //   - the tail: 64 B requests at 100 a second (each side sleeps between
 //     them, as a daemon's peers do), the 99th percentile of the round trip
-//     in each block: raw socket pair, linx_, MSG_.
+//     in each block: raw socket pair, ZeroMQ, linx_, MSG_.
 #include <errno.h>
 #include <sched.h>
 #include <signal.h>
@@ -35,6 +36,7 @@
 #include "bench_util.h"
 #include "linx.h"
 #include "orvane.h"
+#include "zmq.h"
 
 namespace {
 
@@ -115,6 +117,53 @@ double RawOneWay(int Fd, uint32_t Size, uint32_t Count)
     if (send(Fd, "", 1, 0) != 1 || recv(Fd, &Taken, sizeof Taken, 0) != sizeof Taken || Taken != Count)
         Fail("raw one-way count");
     return Count / ((NowUs() - Start) / 1e6);
+}
+
+// ---- ZeroMQ ------------------------------------------------------------------------
+
+// A ZeroMQ PAIR socket connected over ipc:// to a peer process that echoes
+// every message.
+struct ZmqEcho {
+    void *pContext;
+    void *pSocket;
+    pid_t Pid;
+};
+
+ZmqEcho StartZmqEcho(const std::string &Endpoint)
+{
+    const pid_t Pid = StartPeer([&] {
+        void *pContext = zmq_ctx_new();
+        void *pSocket = zmq_socket(pContext, ZMQ_PAIR);
+        char Buffer[kPayload];
+        if (zmq_bind(pSocket, Endpoint.c_str()) != 0)
+            return 1;
+        for (int Got; (Got = zmq_recv(pSocket, Buffer, kPayload, 0)) > 0;)
+            zmq_send(pSocket, Buffer, (size_t)Got, 0);
+        return 1;
+    });
+    void *pContext = zmq_ctx_new();
+    void *pSocket = zmq_socket(pContext, ZMQ_PAIR);
+    if (zmq_connect(pSocket, Endpoint.c_str()) != 0)
+        Fail("zmq_connect");
+    return {pContext, pSocket, Pid};
+}
+
+void ZmqTrip(void *pSocket)
+{
+    char Buffer[kPayload] = {};
+    if (zmq_send(pSocket, Buffer, kPayload, 0) != (int)kPayload || zmq_recv(pSocket, Buffer, kPayload, 0) != (int)kPayload)
+        Fail("zmq round trip");
+}
+
+double ZmqRoundTrips(void *pSocket)
+{
+    std::vector<double> Samples;
+    for (int i = 0; i < kTripsPerBlock; i++) {
+        const double Start = NowUs();
+        ZmqTrip(pSocket);
+        Samples.push_back(NowUs() - Start);
+    }
+    return Median(Samples);
 }
 
 // ---- linx_ ------------------------------------------------------------------------
@@ -407,13 +456,15 @@ int main()
     const Peer RawEcho = StartRawPeer(kPayload, true);
     const Peer LinxEcho = StartLinxPeer(pLinx, "bench-echo", true);
     const Peer MsgEcho = StartMsgPeer(pLinx, "bench-msg-echo", true);
+    const ZmqEcho Zmq = StartZmqEcho("ipc:///tmp/" + Instance + ".zmq");
     const auto Trips =
         Compare("64 B round trip between two processes", "us", kRounds,
                 {{"raw AF_UNIX SOCK_SEQPACKET", [&] { return RawRoundTrips(RawEcho.Fd); }, {RawEcho.Pid}},
+                 {"ZeroMQ PAIR over ipc://", [&] { return ZmqRoundTrips(Zmq.pSocket); }, {Zmq.Pid}},
                  {"linx_send/linx_receive", [&] { return LinxRoundTrips(pLinx, LinxEcho.Spid); }, {LinxEcho.Pid}},
                  {"MSG_SendMsg/MSG_RecvMsg, answer by the stack", [&] { return MsgRoundTrips(MsgEcho.Spid); },
                   {MsgEcho.Pid}}});
-    PrintRatio("MSG_ / linx_", Trips[1], Trips[2]);
+    PrintRatio("MSG_ / linx_", Trips[2], Trips[3]);
 
     LINX *pA = linx_open("bench-a", 0, nullptr);
     LINX *pB = linx_open("bench-b", 0, nullptr);
@@ -458,10 +509,13 @@ int main()
              {"linx_, first signal to a new peer", [&] { return LinxFirstContacts(pLinx, &Serial); }, {}},
              {"MSG_, first request to a new peer", [&] { return MsgFirstContacts(&Serial); }, {}}});
     const auto Tails = PacedTails({{"raw AF_UNIX SOCK_SEQPACKET", [&] { RawTrip(RawEcho.Fd); }, {RawEcho.Pid}},
+                                   {"ZeroMQ PAIR over ipc://", [&] { ZmqTrip(Zmq.pSocket); }, {Zmq.Pid}},
                                    {"linx_send/linx_receive", [&] { LinxTrip(pLinx, LinxEcho.Spid); }, {LinxEcho.Pid}},
                                    {"MSG_SendMsg/MSG_RecvMsg", [&] { MsgTrip(MsgEcho.Spid); }, {MsgEcho.Pid}}},
                                   kRounds);
-    PrintRatio("MSG_ / linx_", Tails[1], Tails[2]);
+    PrintRatio("MSG_ / linx_", Tails[2], Tails[3]);
+    zmq_close(Zmq.pSocket);
+    zmq_ctx_term(Zmq.pContext);
     StopPeers();
     close(RawEcho.Fd);
     MSG_CloseLocal(kMsgClient);
