@@ -24,11 +24,12 @@
 namespace {
 
 // A bell that rang for nothing this many times in a row (a process that
-// writes it in a loop: the phantoms' bells are every sender's, the room
-// bell of linxd's ring its reader's) is not listened to for kBellMuteMs;
-// linxd then looks itself and listens again.  What one process can make
-// linxd spend on bells is a few looks every 10 ms; an honest sender rings
-// only after it wrote, so it never comes to that.
+// writes it in a loop: each process has its own bell for its rings into
+// phantoms, and the room bell of linxd's ring into a socket is its
+// reader's) is not listened to for kBellMuteMs; linxd then looks itself
+// and listens again.  What one process can make linxd spend on bells is a
+// few looks every 10 ms; an honest writer rings only after it wrote, so it
+// never comes to that.
 constexpr uint32_t kIdleBellsBeforeMute = 4;
 constexpr int64_t kBellMuteMs = 10;
 
@@ -52,9 +53,8 @@ uint32_t Service::jRingBudget()
             Most = Value;
         fclose(pIn);
     }
-    return (uint32_t)std::min<uint64_t>(UINT32_MAX, std::max<uint64_t>(kLeastRingBudget, Most > kMappingsBesideRings
-                                                                                             ? Most - kMappingsBesideRings
-                                                                                             : 0));
+    const uint64_t Left = Most > kMappingsBesideRings ? Most - kMappingsBesideRings : 0;
+    return (uint32_t)std::min<uint64_t>(UINT32_MAX, std::max<uint64_t>(kLeastRingBudget, Left));
 }
 
 Process *Service::jProcessOf(pid_t Pid)
@@ -130,11 +130,10 @@ void Service::jUnholdAll(Socket &S)
 // windows instead.
 void Service::jCountBacklog(Socket &S, const Waiting &W, int Sign)
 {
-    const size_t Bytes = W.Datagram.size();
-    S.BacklogBytes += Sign * Bytes;
-    mBacklogBytes += Sign * Bytes;
-    if (Process *pP = W.Link == 0 && S.Link == 0 ? jProcessOf(S.Pid) : nullptr)
-        pP->BacklogBytes += Sign * Bytes;
+    Process *pP = W.Link == 0 && S.Link == 0 ? jProcessOf(S.Pid) : nullptr;
+    for (size_t *pBytes : {&S.BacklogBytes, &mBacklogBytes, pP != nullptr ? &pP->BacklogBytes : nullptr})
+        if (pBytes != nullptr)
+            *pBytes = Sign > 0 ? *pBytes + W.Datagram.size() : *pBytes - W.Datagram.size();
 }
 
 bool Service::jRoomFor(uint32_t Spid, const std::string &Signal)
