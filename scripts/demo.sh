@@ -24,7 +24,7 @@ wait "$collector"
 cat "$log"
 echo
 echo "== The capture through tools/orvane.lua (first 12 records)"
-tshark -X lua_script:"$root/tools/orvane.lua" -r "$capture" 2>/dev/null | head -n 12
+tshark -X lua_script:"$root/tools/orvane.lua" -r "$capture" -c 12 2>/dev/null
 echo "   ... every field: tshark -X lua_script:tools/orvane.lua -r build/demo-telemetry.pcap -V"
 
 echo
