@@ -357,8 +357,10 @@ void Service::jCloseSocket(uint32_t Spid)
         epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.InletFd, nullptr);
         close(S.InletFd);
     }
-    epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.BellFd, nullptr);
-    close(S.BellFd);
+    if (S.BellFd >= 0) { // a phantom has none
+        epoll_ctl(mEpollFd, EPOLL_CTL_DEL, S.BellFd, nullptr);
+        close(S.BellFd);
+    }
     jFreeRingSets(S);
     if (Link *pL = jLinkOf(S)) {
         pL->Phantoms.erase(S.RemoteSpid);
@@ -603,7 +605,8 @@ Service::~Service()
     for (auto &Entry : mSockets) {
         if (Entry.second.InletFd >= 0)
             close(Entry.second.InletFd);
-        close(Entry.second.BellFd);
+        if (Entry.second.BellFd >= 0)
+            close(Entry.second.BellFd);
         jFreeRingSets(Entry.second);
     }
     for (const auto &Entry : mProcesses)

@@ -227,6 +227,7 @@ bool Service::jOpenLinkRing(Socket &S)
     const uint64_t Capacity = linxd_ring_capacity(mOptions.QueueBytes);
     const uint64_t Bytes = sizeof(linxd_ring_header) + Capacity;
     const RingTable &Table = S.Rings;
+    jLetGoAllRead(S);
     if (Table.Writers.size() + Table.Retiring.size() >= mOptions.RingsPerSocket || mRingsMapped >= mRingBudget)
         return false;
     const int Fd = jSealedRegion("linxd-ring", Bytes);

@@ -22,8 +22,10 @@ Socket *Service::jNewSocket(const std::string &Name, pid_t Pid, int *pError)
         return nullptr;
     }
     Socket S;
-    S.BellFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (S.BellFd < 0 || !jMakeReadySet(S)) {
+    // A phantom (a socket of linxd's own) has no bell: its writers ring
+    // bells of their own (jBellOf).
+    S.BellFd = Pid == mSelf ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if ((S.BellFd < 0 && Pid != mSelf) || !jMakeReadySet(S)) {
         *pError = errno;
         if (S.BellFd >= 0)
             close(S.BellFd);

@@ -139,8 +139,9 @@ Reply Service::jOpenRoute(Client &C, uint32_t Target, int RingFd)
                                        [&C](const std::pair<const uint32_t, DrainingRing> &D) {
                                            return D.second.Writer == C.Pid;
                                        });
-    char Draining[96];
-    snprintf(Draining, sizeof Draining, "its ring before into 0x%x still goes across", Target);
+    char Draining[96] = "";
+    if (bDraining)
+        snprintf(Draining, sizeof Draining, "its ring before into 0x%x still goes across", Target);
     const std::string Why = bDraining ? Draining : jRingOverCap(C.Pid, *pS);
     if (!Why.empty()) {
         jRefuse(C.Pid, "a ring", Why);
@@ -185,11 +186,10 @@ Reply Service::jCloseRoute(Client &C, uint32_t Target, uint32_t Index)
 }
 
 // The lowest index that is free: never handed out, or retired and let go
-// by the receiving process.
+// by the receiving process (the caller let those go it has read).
 uint32_t Service::jTakeRingIndex(Socket &Receiver)
 {
     RingTable &Table = Receiver.Rings;
-    jLetGoAllRead(Receiver);
     if (Table.Free.empty())
         return Table.Next++;
     const uint32_t Index = *Table.Free.begin();

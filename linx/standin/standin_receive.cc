@@ -18,7 +18,6 @@
 
 namespace {
 
-
 constexpr uint32_t kForever = 0xFFFFFFFFu;
 // Rings this process refused, said once a second per sender and reason.
 RefusalLog gRefusals;
