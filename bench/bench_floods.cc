@@ -104,16 +104,7 @@ pid_t StartRinger(const std::string &Instance, const char *pName, const char *pT
             SendWaiting(p, Hunt(p, pTarget), 64, kFlood);
         else if (linx_receive(p, &pSig, nullptr) <= 0)
             return;
-        std::vector<int> Bells;
-        for (int Fd = 3; Fd < 1024; Fd++) {
-            char Path[64], Target[64] = {};
-            snprintf(Path, sizeof Path, "/proc/self/fd/%d", Fd);
-            if (readlink(Path, Target, sizeof Target - 1) > 0 && strstr(Target, "eventfd") != nullptr)
-                Bells.push_back(Fd);
-        }
-        for (const uint64_t One = 1;;)
-            for (const int Bell : Bells)
-                (void)!write(Bell, &One, sizeof One);
+        RingEveryBell();
     });
 }
 

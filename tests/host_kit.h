@@ -2,7 +2,8 @@
 // What the tests and the benchmarks both ask of the host, written once:
 // the linxd program beside the library, a program started with its output
 // in files, a pipe between a process and its children, a free TCP port on
-// loopback, a process's resident memory and CPU time, and a file's text.
+// loopback, a process's resident memory and CPU time, a file's text, and
+// a process that writes its bells in a loop.
 // Header-only, so that the benchmarks (built without the tests) include it
 // as they are.
 #pragma once
@@ -11,6 +12,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -93,6 +96,23 @@ inline long CpuTicks(pid_t Pid)
         if (i >= 14)
             Ticks += std::stol(Field);
     return Ticks;
+}
+
+// Writes every eventfd this process holds (the bells of its sockets and of
+// those it sends to), in a loop, until it is killed: a process that
+// misbehaves so.
+[[noreturn]] inline void RingEveryBell()
+{
+    std::vector<int> Bells;
+    for (int Fd = 3; Fd < 1024; Fd++) {
+        char Path[64], Target[64] = {};
+        snprintf(Path, sizeof Path, "/proc/self/fd/%d", Fd);
+        if (readlink(Path, Target, sizeof Target - 1) > 0 && strstr(Target, "eventfd") != nullptr)
+            Bells.push_back(Fd);
+    }
+    for (const uint64_t One = 1;;)
+        for (const int Bell : Bells)
+            (void)!write(Bell, &One, sizeof One);
 }
 
 // What a file holds, as far as it can be read ("" when it cannot be

@@ -16,8 +16,6 @@
 #include <netinet/in.h>
 #include <sys/mman.h>
 
-#include <filesystem>
-
 #include "link_test_util.h"
 #include "linxd_link.h"
 #include "standin/protocol.h"
@@ -71,15 +69,7 @@ pid_t StartRinger(const Node &N, const char *pName, const std::string &Target)
         if (Target.empty() ? ReceiveOne(pLinx, 10000) == 0
                            : SendSignal(pLinx, HuntAndWait(pLinx, Target.c_str(), 10000), kFlood, 0) != 0)
             return 1;
-        std::vector<int> Bells;
-        for (const auto &Entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code Error;
-            if (std::filesystem::read_symlink(Entry.path(), Error).string().find("eventfd") != std::string::npos)
-                Bells.push_back(std::stoi(Entry.path().filename().string()));
-        }
-        for (const uint64_t One = 1;;)
-            for (const int Bell : Bells)
-                (void)!write(Bell, &One, sizeof One);
+        RingEveryBell();
     });
 }
 
