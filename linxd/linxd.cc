@@ -364,7 +364,7 @@ void Service::jCloseSocket(uint32_t Spid)
     jFreeRingSets(S);
     if (Link *pL = jLinkOf(S)) {
         pL->Phantoms.erase(S.RemoteSpid);
-        jFreeWindow(S, S.InFlight);
+        jLeaveOwner(*pL, S);
     }
     for (auto &Entry : mLinks) {
         Link &L = Entry.second;

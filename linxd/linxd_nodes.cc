@@ -418,8 +418,6 @@ void Service::jLinkDown(Link &L, const std::string &Why)
     L.Departed.clear();
     L.GonesDue.clear();
     L.Credits.clear();
-    L.OwnerInFlight.clear();
-    L.Groups.clear();
     L.Asked.clear();
     const std::set<std::string> Wanted = std::move(L.Wanted);
     L.Wanted.clear();

@@ -51,7 +51,7 @@ bool Service::jLinkTakes(Link &L, const Socket &Phantom)
     if (LinkOutBytes(L.Conn) > kLinkOutHighBytes)
         L.bThrottled = true;
     return L.bUp && !L.bThrottled && Phantom.InFlight < kLinkWindowBytes &&
-           *Phantom.pOwnerInFlight < kLinkOwnerWindowBytes;
+           Phantom.pOwner->InFlight < kLinkOwnerWindowBytes;
 }
 
 bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, uint32_t RemoteOwner, uint32_t Largest, const std::string &Name,
@@ -76,11 +76,11 @@ bool Service::jAddPhantom(Link &L, uint32_t RemoteSpid, uint32_t RemoteOwner, ui
     pS->RemoteOwner = RemoteOwner;
     pS->Largest = std::min(pS->Largest, Largest);
     mpSlots[pS->Slot].largest_signal = pS->Largest;
-    auto Group = L.Groups.find(RemoteOwner);
-    if (Group == L.Groups.end())
-        Group = L.Groups.emplace(RemoteOwner, 0x80000000u | (++mNextGroup & 0x7FFFFFFFu)).first;
-    pS->Owner = Group->second; // never a pid: those stay below 2^22
-    pS->pOwnerInFlight = &L.OwnerInFlight[RemoteOwner];
+    OwnerBehind &Owner = L.Owners[RemoteOwner];
+    if (Owner.Phantoms++ == 0)
+        Owner.Group = 0x80000000u | (++mNextGroup & 0x7FFFFFFFu);
+    pS->Owner = Owner.Group;
+    pS->pOwner = &Owner;
     L.Phantoms[RemoteSpid] = pS->Spid;
     RingSetUse(&pS->Reading, pS->pReady); // its writers ring bells of their own (jBellOf)
     jNameAppeared(Full, pS->Spid, false);
@@ -99,7 +99,7 @@ void Service::jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPay
     }
     jSendFrame(L, LinkFrame::Signal, LinkWords({From, Phantom.RemoteSpid, Attributes}), pPayload, Size);
     Phantom.InFlight += Size;
-    *Phantom.pOwnerInFlight += Size;
+    Phantom.pOwner->InFlight += Size;
 }
 
 // Forwards what one of the phantom's rings holds, as far as the link takes
@@ -247,7 +247,7 @@ void Service::jTakeCredit(Link &L, uint32_t RemoteSpid, uint32_t Bytes)
     Socket *pS = It == L.Phantoms.end() ? nullptr : jFindSocket(It->second);
     if (pS == nullptr)
         return;
-    const uint64_t OwnerWas = *pS->pOwnerInFlight;
+    const uint64_t OwnerWas = pS->pOwner->InFlight;
     const bool bWasFull = pS->InFlight >= kLinkWindowBytes;
     jFreeWindow(*pS, Bytes);
     if (OwnerWas >= kLinkOwnerWindowBytes && OwnerWas - std::min<uint64_t>(Bytes, OwnerWas) < kLinkOwnerWindowBytes)
@@ -262,7 +262,17 @@ void Service::jFreeWindow(Socket &Phantom, uint64_t Bytes)
 {
     Bytes = std::min(Bytes, Phantom.InFlight);
     Phantom.InFlight -= Bytes;
-    *Phantom.pOwnerInFlight -= std::min(Bytes, *Phantom.pOwnerInFlight);
+    Phantom.pOwner->InFlight -= std::min(Bytes, Phantom.pOwner->InFlight);
+}
+
+// The phantom closes: what it had in flight counts no more, and its owner
+// is forgotten with its last phantom.
+void Service::jLeaveOwner(Link &L, Socket &Phantom)
+{
+    jFreeWindow(Phantom, Phantom.InFlight);
+    if (--Phantom.pOwner->Phantoms == 0)
+        L.Owners.erase(Phantom.RemoteOwner);
+    Phantom.pOwner = nullptr;
 }
 
 // The window of an owner behind the link reopened: its phantoms are read

@@ -208,6 +208,15 @@ struct Waiting {
     uint64_t ConnSerial = 0;
 };
 
+// An owner of endpoints behind a link, while the link has phantoms of it:
+// what is in flight to them all, and the group the owner is told onwards
+// as (never a pid: those stay below 2^22).
+struct OwnerBehind {
+    uint64_t InFlight = 0;
+    uint32_t Phantoms = 0;
+    uint32_t Group = 0;
+};
+
 struct Socket {
     uint32_t Spid = 0;
     std::string Name;
@@ -242,7 +251,7 @@ struct Socket {
     uint32_t Link = 0;               // the link's id; 0: a socket of this node
     uint32_t RemoteSpid = 0;         // the endpoint's SPID on the node behind the link
     uint32_t RemoteOwner = 0;        // its owner as the peer said
-    uint64_t *pOwnerInFlight = nullptr; // what is in flight to that owner's endpoints (its link's)
+    OwnerBehind *pOwner = nullptr;   // that owner, in its link's table
     RingSet Reading;                 // its rings, mapped here
     uint64_t InFlight = 0;           // bytes sent to it that the peer has not passed on
 };
@@ -289,15 +298,13 @@ struct Link {
     uint64_t ConnSerial = 0;         // which connection (counted over all links): credits
                                      // for signals of an earlier one are not this one's
     std::map<uint32_t, uint32_t> Phantoms; // the peer's SPID -> phantom here
-    std::map<uint32_t, uint64_t> OwnerInFlight; // bytes in flight to the endpoints of each owner
-                                     // there (kept, and pointed at by their phantoms, until it goes down)
+    std::map<uint32_t, OwnerBehind> Owners; // the owners of the peer's endpoints known here
     uint32_t NextTurn = 0;           // phantoms are read in turn from the one after this
     std::set<uint32_t> Told;         // sockets of ours the peer knows
     std::set<uint32_t> Departed;     // sockets of ours whose close the peer has not confirmed
     std::vector<GoneAfterRings> GonesDue; // closes waiting behind their process's rings
     std::map<uint32_t, uint64_t> Credits; // bytes of the peer's signals that left here, by
                                      // our SPID they were for, not yet told to the peer
-    std::map<uint32_t, uint32_t> Groups; // the peer's owners -> their group here, as told onwards
     std::set<std::string> Asked;     // names asked of the peer, not yet answered
     std::set<std::string> Wanted;    // names the peer waits for here
 };
@@ -447,6 +454,7 @@ private:
     void jDrainOwner(Link &L, uint32_t RemoteOwner);
     void jRefuseLarge(const Socket &To, const std::string &Source, uint32_t Size);
     void jFreeWindow(Socket &Phantom, uint64_t Bytes);
+    void jLeaveOwner(Link &L, Socket &Phantom);
     uint32_t jLargestSignal() const;
     void jForward(Socket &Phantom, Link &L, uint32_t From, const char *pPayload, uint32_t Size,
                   uint32_t Attributes);
