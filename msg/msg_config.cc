@@ -3,6 +3,7 @@
 #include "msg_config.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
@@ -16,14 +17,37 @@
 
 namespace {
 
-const char kConfigPath[] = "/system/etc/orvane.pb";
+// The device's file, unless MSG_SetConfigFile chose another before the
+// one-time load.  gChooseMutex orders a choice against the load's start;
+// after the start the path is only read.
+char gConfigPath[PATH_MAX] = "/system/etc/orvane.pb";
+bool gbPathChosen = false, gbLoadStarted = false;
+MSG_Status gLoadStatus = MSG_OK;
+pthread_mutex_t gChooseMutex = PTHREAD_MUTEX_INITIALIZER;
 
 OrvaneCfg gConfig;
 pthread_once_t gConfigOnce = PTHREAD_ONCE_INIT;
 
-void jLoadDeviceConfig()
+void jLoadConfig()
 {
-    MSG_LoadConfigUnconditionally(kConfigPath, &gConfig);
+    pthread_mutex_lock(&gChooseMutex);
+    gbLoadStarted = true;
+    pthread_mutex_unlock(&gChooseMutex);
+    gLoadStatus = MSG_LoadConfigUnconditionally(gConfigPath, &gConfig);
+}
+
+// Takes pPath as the file of the one-time load, unless a path was chosen
+// or the load has started.
+bool jChoosePath(const char *pPath)
+{
+    pthread_mutex_lock(&gChooseMutex);
+    const bool bFree = !gbPathChosen && !gbLoadStarted;
+    if (bFree) {
+        snprintf(gConfigPath, sizeof gConfigPath, "%s", pPath);
+        gbPathChosen = true;
+    }
+    pthread_mutex_unlock(&gChooseMutex);
+    return bFree;
 }
 
 // Reads the whole file into a buffer and parses it; the file is open.
@@ -70,7 +94,7 @@ MSG_Status MSG_LoadConfigUnconditionally(const char *pPath, OrvaneCfg *pCfg)
 
 MSG_Status MSG_GetFullEndpointPath(const char *pName, char *pOut, uint32_t OutSize)
 {
-    pthread_once(&gConfigOnce, jLoadDeviceConfig);
+    pthread_once(&gConfigOnce, jLoadConfig);
     const size_t NameLen = strlen(pName);
     for (const Endpoint &Entry : gConfig.endpoint()) {
         if (Entry.name().size() != NameLen || memcmp(Entry.name().data(), pName, NameLen) != 0)
@@ -83,4 +107,21 @@ MSG_Status MSG_GetFullEndpointPath(const char *pName, char *pOut, uint32_t OutSi
     }
     snprintf(pOut, OutSize, "%s", pName);
     return MSG_OK;
+}
+
+MSG_Status MSG_SetConfigFile(const char *pPath)
+{
+    if (pPath == nullptr || pPath[0] == '\0' || strlen(pPath) >= PATH_MAX) {
+        MSG_LOG_OUTCOME(MSG_ERR_WRONG_PARAMETER, MSG_LOG_PREFIX "$func: $err: no configuration file named\n",
+                        MSG_ERR_WRONG_PARAMETER);
+        return MSG_ERR_WRONG_PARAMETER;
+    }
+    if (!jChoosePath(pPath)) {
+        MSG_LOG_OUTCOME(MSG_ERR_WRONG_PARAMETER,
+                        MSG_LOG_PREFIX "$func: $err: file %s refused: the configuration was loaded from %s already\n",
+                        MSG_ERR_WRONG_PARAMETER, pPath, gConfigPath);
+        return MSG_ERR_WRONG_PARAMETER;
+    }
+    pthread_once(&gConfigOnce, jLoadConfig);
+    return gLoadStatus;
 }

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
  * msg_config.h - remote endpoint names to LINX paths, from the device's
- * configuration file /system/etc/orvane.pb (one OrvaneCfg message).
+ * configuration file /system/etc/orvane.pb (one OrvaneCfg message), or
+ * the file a process chose with MSG_SetConfigFile before its first lookup.
  *
  * The file is read once per process, at the first lookup, under a
  * pthread_once guard so that threads making their first lookup together

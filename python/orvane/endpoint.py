@@ -33,6 +33,8 @@ _log = logging.getLogger("orvane")
 _MSG_ERR_MEMORY = 201
 _MSG_ERR_LINX = 202
 _MSG_ERR_NTFY_NOT_FOUND = 305
+_MSG_ERR_REMOTE_ALREADY_OPEN = 306
+_MSG_ERR_OPEN_IN_PROGRESS = 309
 _HELD_AT_MOST = 1024  # messages of other types that receives set aside
 _KEEPS_MESSAGE = {301, 302, 104, 307, 308}  # after these the caller still owns what it sent
 
@@ -231,11 +233,31 @@ class Endpoint:
 
     def open_remote_sync(self, name: str, timeout: Optional[float] = None) -> int:
         """Waits until the peer name exists (up to timeout seconds) and
-        returns its SPID; raises :class:`Timeout` when it did not appear."""
+        returns its SPID; raises :class:`Timeout` when it did not appear.
+        A peer this endpoint has open already gives its SPID at once; one
+        that :meth:`open_remote` is looking for is waited for through the
+        receive loop (its open callback runs; user messages that come
+        meanwhile are set aside for later receives)."""
         spid = ctypes.c_uint32()
-        check(lib.MSG_OpenRemoteSync(self._name, name.encode(), milliseconds(timeout), ctypes.byref(spid)),
-              f"opening {name!r}")
+        status = lib.MSG_OpenRemoteSync(self._name, name.encode(), milliseconds(timeout), ctypes.byref(spid))
+        if status == _MSG_ERR_REMOTE_ALREADY_OPEN:
+            return lib.MSG_GetRemoteId(self._name, name.encode())
+        if status == _MSG_ERR_OPEN_IN_PROGRESS:
+            return self._await_open(name, timeout)
+        check(status, f"opening {name!r}")
         return spid.value
+
+    def _await_open(self, name: str, timeout: Optional[float]) -> int:
+        deadline = None if timeout is None else time.monotonic() + timeout
+        while (spid := lib.MSG_GetRemoteId(self._name, name.encode())) == 0:
+            remaining = 0.05 if deadline is None else min(0.05, deadline - time.monotonic())
+            if remaining <= 0:
+                raise Timeout(101, f"{name!r} did not appear within {timeout} s")
+            try:
+                self.receive(types=(), timeout=remaining)  # takes nothing: runs the loop, sets aside the rest
+            except Timeout:
+                pass
+        return spid
 
     def close_remote(self, name: str) -> None:
         """Forgets the peer name and its callbacks."""

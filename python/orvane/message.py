@@ -21,7 +21,8 @@ class Message:
     """A message of a user type (0 .. 0xFFFFFF) with a payload.
 
     ``Message(0x100, b"question")`` allocates one; ``size`` makes room for
-    more payload than given.  ``sequence`` defaults to the process's next.
+    more payload than given, zero-filled.  ``sequence`` defaults to the
+    process's next.
     """
 
     __slots__ = ("_pointer", "_owned")
@@ -34,6 +35,8 @@ class Message:
         if not pointer:
             raise OrvaneError(_MSG_ERR_MEMORY, f"a message of type {type:#x} and {size} bytes")
         self._pointer, self._owned = pointer, True
+        # No bytes of earlier messages of this process leave it unasked.
+        ctypes.memset(lib.MSG_GetPayloadMutable(pointer), 0, size)
         self.payload[:len(payload)] = payload
 
     @classmethod
