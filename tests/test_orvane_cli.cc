@@ -124,12 +124,35 @@ protected:
     OrvaneCli() : MessageLayerTest({"cli-test"}) {}
 };
 
-// The command's own checks of its arguments (CLI11's are CLI11's).
-TEST_F(OrvaneCli, UsageErrorsExitWithTwoAndSayWhy)
+// The command's own checks of its arguments and of the instance it is
+// pointed at: each refusal with its status and what it says.
+TEST_F(OrvaneCli, RefusalsExitWithTheirStatusAndSayWhy)
 {
-    EXPECT_TRUE(Fails(Orvane({"send", "peer", "0x1000000"}), 2, "0 to 0xffffff"));
-    EXPECT_TRUE(Fails(Orvane({"send", "peer", "1", "--payload", "01:2g"}), 2, "'g' at position 5 is not a hex digit"));
-    EXPECT_EQ(2, Orvane({"subscribe", "peer", "0x300", "0x200"}).Status);
+    const std::string Duration = "a duration is a number with a unit";
+    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> Refusals = {
+        {{"send", "peer", "0x1000000"}, 2, "0 to 0xffffff"},
+        {{"send", "peer", "1", "--payload", "01:2g"}, 2, "'g' at position 5 is not a hex digit"},
+        {{"subscribe", "peer", "0x300", "0x200"}, 2, "FIRST must not exceed LAST"},
+        {{"capture", "x.pcap", "-t", "0"}, 2, Duration + ", as 500ms, 2s or 1m (a bare number is milliseconds), at most "
+                                                     "12 days, more than 0: not \"0\""},
+        {{"hunt", "x", "--timeout", "abc"}, 2, Duration},
+        {{"hunt", "x", "--timeout", "-2"}, 2, Duration},
+        {{"send", "x", "1", "--wait-response", "2h"}, 2, Duration},
+        {{"watch", "x", "--count", "-1"}, 2, "a count is a whole number from 0 up: not \"-1\""},
+        {{"capture", "x.pcap", "-c", "0"}, 2, "from 1 up"},
+        {{"send", "x", "1", "--config", "/nonexistent.pb"}, 2, "/nonexistent.pb"},
+    };
+    for (const auto &[Args, Status, Text] : Refusals)
+        EXPECT_TRUE(Fails(Orvane(Args), Status, Text)) << Args[0] << " " << Args[1];
+    // An instance that is not running is not started by a read-only verb;
+    // a name that cannot be one is called that.
+    for (const char *pVerb : {"list", "stat"}) {
+        setenv("LINXD_INSTANCE", "nothing-runs-here", 1);
+        EXPECT_TRUE(Fails(Orvane({pVerb}), 1, "no linxd instance \"nothing-runs-here\" is running")) << pVerb;
+        setenv("LINXD_INSTANCE", "no/such name", 1);
+        EXPECT_TRUE(Fails(Orvane({pVerb}), 1, "LINXD_INSTANCE=\"no/such name\" is not an instance name")) << pVerb;
+    }
+    setenv("LINXD_INSTANCE", TestInstance().c_str(), 1);
 }
 
 TEST_F(OrvaneCli, ListStatAndHuntShowEveryEndpoint)
@@ -137,6 +160,7 @@ TEST_F(OrvaneCli, ListStatAndHuntShowEveryEndpoint)
     const pid_t Alpha = StartPeer("alpha");
     const uint32_t AlphaSpid = FindSpid("cli-test", "alpha");
     ASSERT_NE(0u, AlphaSpid);
+    const pid_t Twin = StartPeer("alpha"); // LINX lets a second socket hold the name
     MSG_Callback Ignored = {[](void *, MSG_Msg *) { return 0u; }, nullptr, 0, 0, 0};
     ASSERT_EQ(0u, MSG_OpenRemoteAsync("cli-test", "nobody", &Ignored, nullptr));
     // Two signals wait for alpha, which never receives.
@@ -148,10 +172,11 @@ TEST_F(OrvaneCli, ListStatAndHuntShowEveryEndpoint)
     const json Endpoints = json::parse(Listed.Out);
     json Row;
     for (const json &E : Endpoints)
-        if (E["name"] == "alpha")
+        if (E["spid"] == Hex(AlphaSpid))
             Row = E;
     ASSERT_FALSE(Row.is_null()) << Listed.Out;
-    EXPECT_EQ(AlphaSpid, Row["spid"]);
+    EXPECT_EQ("alpha", Row["name"]);
+    EXPECT_EQ(true, Row["shared"]);
     EXPECT_EQ(Alpha, Row["pid"]);
     EXPECT_EQ(ReadFile("/proc/" + std::to_string(Alpha) + "/comm"), Row["process"].get<std::string>() + "\n");
     EXPECT_EQ(2, Row["queued"]);
@@ -164,25 +189,29 @@ TEST_F(OrvaneCli, ListStatAndHuntShowEveryEndpoint)
     EXPECT_EQ(Endpoints.size(), Totals["sockets"]);
     EXPECT_GE(Totals["queued_signals"].get<int>(), 2);
     EXPECT_GE(Totals["hunts"].get<int>(), 1) << "cli-test looks for nobody";
+    const std::string Table = Orvane({"list"}).Out;
+    EXPECT_NE(std::string::npos, Table.find("alpha *")) << Table;
+    EXPECT_NE(std::string::npos, Table.find("* more than one socket holds this name")) << Table;
     MSG_CloseRemote("cli-test", "nobody");
     StopChild(Alpha);
+    StopChild(Twin);
 
     // A hunt waits for a peer, or times out.
-    OrvaneRun Late({"hunt", "late", "--timeout", "10000", "--json"});
+    OrvaneRun Late({"hunt", "late", "--timeout", "10s", "--json"});
     usleep(100 * 1000);
     const pid_t Peer = StartPeer("late");
     const Outcome Found = Late.Finish();
     ASSERT_EQ(0, Found.Status) << Found.Err;
     const json Answer = json::parse(Found.Out);
     EXPECT_EQ("late", Answer["name"]);
-    EXPECT_EQ(FindSpid("cli-test", "late"), Answer["spid"]);
+    EXPECT_EQ(Hex(FindSpid("cli-test", "late")), Answer["spid"]);
     EXPECT_EQ(Peer, Answer["pid"]);
-    EXPECT_EQ(Hex(Answer["spid"]) + "\n", Orvane({"hunt", "late"}).Out);
+    EXPECT_EQ(Answer["spid"].get<std::string>() + "\n", Orvane({"hunt", "late", "--timeout", "forever"}).Out);
 
-    const Outcome Missing = Orvane({"hunt", "nobody", "--timeout", "100"});
+    const Outcome Missing = Orvane({"hunt", "nobody", "--timeout", "100"}); // a bare number is milliseconds
     EXPECT_EQ(1, Missing.Status);
     EXPECT_EQ("", Missing.Out);
-    EXPECT_NE(std::string::npos, Missing.Err.find("no endpoint named \"nobody\" appeared within 100 ms")) << Missing.Err;
+    EXPECT_NE(std::string::npos, Missing.Err.find("no endpoint named \"nobody\" appeared within 100 ")) << Missing.Err;
     StopChild(Peer);
 }
 
@@ -203,7 +232,7 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     const pid_t Later = StartPeer("later");
     ASSERT_TRUE(Watch.Shows("\"later\""));
     StopChild(Early);
-    ASSERT_TRUE(Watch.Shows("died"));
+    ASSERT_TRUE(Watch.Shows("ended"));
     const pid_t Again = StartPeer("early"); // a restart is seen as well
     const Outcome Watched = Watch.Finish();
     ASSERT_EQ(0, Watched.Status) << Watched.Err;
@@ -211,7 +240,7 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     const std::vector<json> Events = JsonLines(Watched.Out);
     ASSERT_EQ(4u, Events.size()) << Watched.Out;
     const std::vector<std::pair<std::string, pid_t>> Expected = {
-        {"appeared", Early}, {"appeared", Later}, {"died", Early}, {"appeared", Again}};
+        {"appeared", Early}, {"appeared", Later}, {"ended", Early}, {"appeared", Again}};
     for (size_t i = 0; i < Events.size(); i++) {
         EXPECT_EQ(Expected[i].first, Events[i]["event"]) << i;
         EXPECT_EQ(Expected[i].second, Events[i]["pid"]) << i;
@@ -220,12 +249,18 @@ TEST_F(OrvaneCli, WatchReportsAppearancesAndDeathsUntilStopped)
     EXPECT_EQ(Events[0]["spid"], Events[2]["spid"]);
     EXPECT_NE(Events[0]["spid"], Events[3]["spid"]);
 
-    // Without a count it runs until interrupted, and that is a success.
+    // Without a count it runs until interrupted, and that is a success.  A
+    // second socket of the name is followed too, and its close (its
+    // process lives on) is told from an end.
     OrvaneRun Endless({"watch", "later"});
     ASSERT_TRUE(Endless.Shows("appeared"));
+    LINX *pSecond = linx_open("later", 0, nullptr);
+    const std::string Second = Hex(linx_get_spid(pSecond));
+    EXPECT_TRUE(Endless.Shows("appeared  later  " + Second + "  pid " + std::to_string(getpid())));
+    linx_close(pSecond);
+    EXPECT_TRUE(Endless.Shows("closed    later  " + Second));
     const Outcome Interrupted = Endless.Finish(SIGINT);
     EXPECT_EQ(0, Interrupted.Status) << Interrupted.Err;
-    EXPECT_NE(std::string::npos, Interrupted.Out.find("  appeared  later  ")) << Interrupted.Out;
     StopChild(Later);
     StopChild(Again);
 }
@@ -234,12 +269,12 @@ TEST_F(OrvaneCli, SendPrintsTheResponseDecoded)
 {
     const pid_t Echo = StartChild([] { return ServeEcho("echo"); });
     const Outcome Json = Orvane({"send", "echo", "0x120", "--payload", "01:02:ab", "--sequence", "7",
-                                 "--wait-response", "5000", "--json"});
+                                 "--wait-response", "5s", "--json"});
     ASSERT_EQ(0, Json.Status) << Json.Err;
     const json Response = json::parse(Json.Out)["response"];
-    EXPECT_EQ(0x121, Response["type"]);
+    EXPECT_EQ("0x121", Response["type"]);
     EXPECT_EQ(7, Response["sequence"]);
-    EXPECT_EQ(0, Response["sender"]) << "a response's stack was popped on its way back";
+    EXPECT_EQ("0x0", Response["sender"]) << "a response's stack was popped on its way back";
     EXPECT_EQ(3, Response["bytes"]);
     EXPECT_EQ("0102ab", Response["payload"]);
 
@@ -256,7 +291,7 @@ TEST_F(OrvaneCli, SendPrintsTheResponseDecoded)
     EXPECT_TRUE(Fails(Orvane({"send", "echo", "0x130", "--file", "/nonexistent/payload"}), 1, "cannot read /nonexistent/payload: No such file"));
     EXPECT_TRUE(Fails(Orvane({"send", "nobody", "0x130", "--timeout", "100"}), 1, "no endpoint named \"nobody\""));
     const pid_t Mute = StartPeer("mute");
-    EXPECT_TRUE(Fails(Orvane({"send", "mute", "0x130", "--wait-response", "200"}), 1, "no response from \"mute\" within 200 ms"));
+    EXPECT_TRUE(Fails(Orvane({"send", "mute", "0x130", "--wait-response", "200ms"}), 1, "no response from \"mute\" within 200ms"));
     StopChild(Mute);
 
     EXPECT_EQ(0, Orvane({"send", "echo", std::to_string(kQuitType)}).Status);
@@ -271,18 +306,18 @@ TEST_F(OrvaneCli, SubscribePrintsNotificationsOfItsRangeUntilThePublisherGoes)
     ASSERT_EQ(0, Two.Status) << Two.Err;
     const std::vector<json> Notes = JsonLines(Two.Out);
     ASSERT_EQ(2u, Notes.size()) << Two.Out;
-    EXPECT_EQ(0x200, Notes[0]["type"]);
-    EXPECT_EQ(PublisherSpid, Notes[0]["sender"]);
-    EXPECT_EQ(0x201, Notes[1]["type"]);
+    EXPECT_EQ("0x200", Notes[0]["type"]);
+    EXPECT_EQ(Hex(PublisherSpid), Notes[0]["sender"]);
+    EXPECT_EQ("0x201", Notes[1]["type"]);
     EXPECT_EQ(1, Notes[1]["sequence"]);
-    EXPECT_EQ(0, Notes[1]["sender"]) << "a response type is routed like a response";
+    EXPECT_EQ("0x0", Notes[1]["sender"]) << "a response type is routed like a response";
     EXPECT_EQ("00000000", Notes[1]["payload"]);
 
     OrvaneRun Waiting({"subscribe", "publisher", "0x400", "0x4ff"});
     ASSERT_TRUE(Waiting.Shows("subscribed to types 0x400..0x4ff of publisher"));
     StopChild(Publisher);
     const Outcome Gone = Waiting.Finish();
-    EXPECT_EQ(1, Gone.Status);
+    EXPECT_EQ(0, Gone.Status) << "the publisher's end is the end of its notifications";
     EXPECT_NE(std::string::npos, Gone.Err.find("\"publisher\" went away")) << Gone.Err;
 }
 
@@ -328,9 +363,9 @@ TEST_F(OrvaneCli, UserLogDecodesADumpAndNamesTheByteWhereItBreaks)
     ASSERT_EQ(4u, Records.size()) << Json.Out; // two sent, then the same two received
     for (int Received = 0; Received < 2; Received++) {
         const json &R = Records[2 * Received];
-        EXPECT_EQ(0x160, R["type"]);
+        EXPECT_EQ("0x160", R["type"]);
         EXPECT_EQ(3, R["sequence"]);
-        EXPECT_EQ(Self, R["to"]);
+        EXPECT_EQ(Hex(Self), R["to"]);
         EXPECT_EQ(10, R["payload_bytes"]);
         EXPECT_EQ("3031323334353637", R["payload"]); // 8 bytes kept
         EXPECT_EQ("0000", Records[2 * Received + 1]["payload"]);

@@ -3,6 +3,7 @@
 // of records per type when standard error is a terminal.
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "cli.h"
@@ -14,7 +15,7 @@ namespace {
 struct CaptureArgs {
     std::string Path;
     long MaxRecords = 0;
-    long Seconds = 0;
+    std::string Duration; // empty: no limit
 };
 
 void jShowCounts(const struct CollectorTotals *pTotals, void *)
@@ -34,7 +35,9 @@ void jCapture(const CaptureArgs &Args)
                       "`orvane capture - | wireshark -k -i -`");
     CatchStopSignals();
     const bool bLive = isatty(STDERR_FILENO) != 0;
-    const struct CollectorOptions Options = {"orvane capture", Args.Path.c_str(), Args.MaxRecords, Args.Seconds,
+    // The collector counts whole seconds: a shorter duration is one.
+    const long Seconds = Args.Duration.empty() ? 0 : std::max(1, (ParseDurationMs(Args.Duration) + 999) / 1000);
+    const struct CollectorOptions Options = {"orvane capture", Args.Path.c_str(), Args.MaxRecords, Seconds,
                                              bLive ? jShowCounts : nullptr, nullptr};
     struct CollectorTotals Totals;
     const int Result = collector_run(&Options, &Totals);
@@ -50,10 +53,9 @@ void AddCaptureCommand(CLI::App &App)
     auto *pCapture = App.add_subcommand(
         "capture", "Collect the telemetry of every process into a pcap file for Wireshark (tools/orvane.lua)");
     pCapture->add_option("FILE", Capture->Path, "The capture file, or - for standard output")->required();
-    pCapture->add_option("-c,--count", Capture->MaxRecords, "Stop after this many records")
-        ->check(CLI::PositiveNumber);
-    pCapture->add_option("-t,--seconds", Capture->Seconds, "Stop after this many seconds")
-        ->check(CLI::PositiveNumber);
+    pCapture->add_option("-c,--count", Capture->MaxRecords, "Stop after this many records")->check(Count(1));
+    pCapture->add_option("-t,--duration", Capture->Duration, "Stop after this long: 30s, 2m ... (whole seconds)")
+        ->check(Duration(false));
     pCapture->footer("Stops on SIGINT or SIGTERM too.  Processes report to it when their DebugFlag has a telemetry bit set.");
     pCapture->callback([Capture] { jCapture(*Capture); });
 }

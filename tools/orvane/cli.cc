@@ -2,6 +2,7 @@
 // The helpers every subcommand shares: see cli.h.
 #include "cli.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -163,7 +164,58 @@ std::string jHexPayloadError(const std::string &Text, std::vector<uint8_t> *pByt
     return High >= 0 ? "odd number of hex digits" : "";
 }
 
+// Milliseconds of a duration, or -2 when Text is not one.
+long jDurationMs(const std::string &Text, bool bForever)
+{
+    if (bForever && (Text == "forever" || Text == "-1"))
+        return -1;
+    if (Text.empty() || !isdigit((unsigned char)Text[0]))
+        return -2;
+    char *pUnit = nullptr;
+    errno = 0;
+    const double Value = strtod(Text.c_str(), &pUnit);
+    const std::string Unit = pUnit;
+    const double Scale = Unit.empty() || Unit == "ms" ? 1 : Unit == "s" ? 1000 : Unit == "m" ? 60000 : -1;
+    const double Ms = Value * Scale;
+    if (errno != 0 || Scale < 0 || Ms > (double)(1 << 30))
+        return -2;
+    return (long)(Ms + 0.999);
+}
+
 } // namespace
+
+CLI::Validator Duration(bool bForever)
+{
+    return CLI::Validator(
+        [bForever](std::string &Text) -> std::string {
+            const long Ms = jDurationMs(Text, bForever);
+            if (bForever ? Ms >= -1 : Ms > 0)
+                return "";
+            return "a duration is a number with a unit, as 500ms, 2s or 1m (a bare number is milliseconds), "
+                   "at most 12 days" + std::string(bForever ? ", or forever (also -1)" : ", more than 0") + ": not \"" +
+                   Text + "\"";
+        },
+        bForever ? "DURATION|forever" : "DURATION");
+}
+
+int ParseDurationMs(const std::string &Text)
+{
+    return (int)jDurationMs(Text, true);
+}
+
+CLI::Validator Count(long Least)
+{
+    return CLI::Validator(
+        [Least](std::string &Text) -> std::string {
+            char *pEnd = nullptr;
+            errno = 0;
+            const long Value = Text.empty() || !isdigit((unsigned char)Text[0]) ? -1 : strtol(Text.c_str(), &pEnd, 10);
+            if (Value >= Least && errno == 0 && *pEnd == '\0')
+                return "";
+            return "a count is a whole number from " + std::to_string(Least) + " up: not \"" + Text + "\"";
+        },
+        "N");
+}
 
 uint32_t ParseNumber(const std::string &Text)
 {

@@ -56,6 +56,21 @@ constexpr int kSliceMs = 100;
 // a stop signal came.
 bool WaitInSlices(int TimeoutMs, const std::function<bool(int SliceMs)> &Try);
 
+// A duration: a number with a unit (500ms, 2s, 1.5s, 1m; a bare number is
+// milliseconds).  A timeout (bForever) may also be 0 (only what is there
+// now) or "forever" / -1 (read as -1); a period is more than 0.
+CLI::Validator Duration(bool bForever);
+int ParseDurationMs(const std::string &Text);
+// A whole number from Least up, with a message that says so.
+CLI::Validator Count(long Least);
+
+// Refuses a bad LINXD_INSTANCE, and on a host without the LINX kernel
+// module an instance that is not running (for the read-only verbs).
+void RequireRunningInstance();
+// Why opening LINX failed (errno Error, 0 when unknown), with the instance
+// it tried; Failure for a bad LINXD_INSTANCE.
+std::string WhyLinxFailed(int Error);
+
 // A user message type: a number below 0x1000000, decimal or 0x-hex.
 CLI::Validator UserType();
 uint32_t ParseNumber(const std::string &Text);

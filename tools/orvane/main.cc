@@ -5,12 +5,25 @@
 #include <stdio.h>
 
 #include "cli.h"
+#include "orvane.h"
 
 int main(int Argc, char **ppArgv)
 {
     CLI::App App{"orvane: look at and talk to the LINX endpoints of this host (or linxd instance)", "orvane"};
     App.set_version_flag("--version", std::string(ORVANE_VERSION));
     App.require_subcommand(1);
+    App.fallthrough(); // the options below are taken after the subcommand too
+    App.add_flag_callback("--debug", [] { MSG_DebugSetFlag(MSG_DebugGetFlag() | MSG_DEBUG_STDERR); },
+                          "Copy liborvane's diagnostic lines to standard error");
+    App.add_option_function<std::string>(
+           "--config",
+           [](const std::string &Path) {
+               if (MSG_SetConfigFile(Path.c_str()) != MSG_OK)
+                   throw CLI::ValidationError("--config", "cannot load the endpoint configuration " + Path +
+                                                              " (--debug says why)");
+           },
+           "Find peers through this endpoint configuration instead of /system/etc/orvane.pb")
+        ->check(CLI::ExistingFile);
     App.footer("Exit status: 0 done, 1 failed, 2 usage error.  The environment variable LINXD_INSTANCE\n"
                "names the linxd stand-in instance on a host without the LINX kernel module.\n"
                "Each subcommand has its own --help.");

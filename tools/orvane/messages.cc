@@ -3,6 +3,7 @@
 // through a public endpoint of their own, "orvane.<pid>", so that peers
 // are found by name through the endpoint configuration as the library's
 // programs find them, and answers come back along the sender stack.
+#include <errno.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -29,22 +30,22 @@ public:
     {
         const MSG_Status Status = MSG_OpenLocal(mName.c_str());
         if (Status != MSG_OK)
-            throw Failure("cannot open the endpoint \"" + mName + "\": " + MSG_DebugStrError(Status) +
-                          " (without the LINX kernel module, linxd must be installed beside liborvane or on PATH)");
+            throw Failure("cannot open the endpoint \"" + mName + "\": " + MSG_DebugStrError(Status) + ": " +
+                          WhyLinxFailed(0));
     }
     ~OwnEndpoint() { MSG_CloseLocal(mName.c_str()); }
     const char *Name() const { return mName.c_str(); }
 
-    // The peer's SPID once it exists, waiting at most TimeoutMs.
-    uint32_t Find(const std::string &Peer, int TimeoutMs) const
+    // The peer's SPID once it exists, waiting at most Timeout.
+    uint32_t Find(const std::string &Peer, const std::string &Timeout) const
     {
         uint32_t Spid = 0;
-        const MSG_Status Status = MSG_OpenRemoteSync(Name(), Peer.c_str(), TimeoutMs, &Spid);
-        if (Status == MSG_OK || Status == MSG_ERR_REMOTE_ALREADY_OPEN)
+        const MSG_Status Status = MSG_OpenRemoteSync(Name(), Peer.c_str(), ParseDurationMs(Timeout), &Spid);
+        if (Status == MSG_OK)
             return Spid;
         if (Status == MSG_ERR_OPEN_REMOTE_TIMEOUT)
-            throw Failure("no endpoint named \"" + Peer + "\" appeared within " + std::to_string(TimeoutMs) +
-                          " ms (`orvane list` shows the names in use)");
+            throw Failure("no endpoint named \"" + Peer + "\" appeared within " + Timeout +
+                          " (`orvane list` shows the names in use; --timeout forever waits without limit)");
         throw Failure("cannot look for \"" + Peer + "\": " + MSG_DebugStrError(Status));
     }
 
@@ -69,11 +70,11 @@ using Message = std::unique_ptr<MSG_Msg, MsgReleaser>;
 json jMessageJson(const MSG_Msg *pMsg)
 {
     const int32_t Bytes = MSG_GetPayloadBytes(pMsg);
-    return {{"type", MSG_GetType(pMsg)},
+    return {{"type", Hex(MSG_GetType(pMsg))},
             {"sequence", MSG_GetSequence(pMsg)},
             {"stack_size", MSG_GetSendStackSize(pMsg)},
-            {"sender", MSG_GetSender(pMsg)},
-            {"origin", MSG_GetOrigSender(pMsg)},
+            {"sender", Hex(MSG_GetSender(pMsg))},
+            {"origin", Hex(MSG_GetOrigSender(pMsg))},
             {"bytes", Bytes},
             {"payload", HexDigits((const uint8_t *)MSG_GetPayload(pMsg), (size_t)std::max(Bytes, 0))}};
 }
@@ -100,8 +101,8 @@ struct SendArgs {
     std::string PayloadHex;
     std::string File;
     uint32_t Sequence = 0;
-    int WaitResponseMs = -2; // -2: no response is awaited
-    int TimeoutMs = 5000;
+    std::string WaitResponse; // empty: no response is awaited
+    std::string Timeout = "5s";
     bool bJson = false;
 };
 
@@ -122,7 +123,7 @@ void jSend(const SendArgs &Args)
         throw Failure("a payload of " + std::to_string(Payload.size()) + " bytes is larger than a message carries (" +
                       std::to_string(kMostPayloadBytes) + ")");
     OwnEndpoint Own;
-    const uint32_t Peer = Own.Find(Args.Peer, Args.TimeoutMs);
+    const uint32_t Peer = Own.Find(Args.Peer, Args.Timeout);
     Message Msg(MSG_AllocMsg(ParseNumber(Args.Type), Args.Sequence, (int32_t)Payload.size()));
     if (!Msg)
         throw Failure("cannot allocate a message of " + std::to_string(Payload.size()) + " bytes");
@@ -139,21 +140,18 @@ void jSend(const SendArgs &Args)
     if (!Args.bJson)
         printf("sent type %s sequence %u, %zu bytes, to %s (%s)\n", Hex(ParseNumber(Args.Type)).c_str(),
                Args.Sequence, Payload.size(), Args.Peer.c_str(), Hex(Peer).c_str());
-    if (Args.WaitResponseMs == -2) {
+    const json Sent = {{"to", Hex(Peer)}, {"type", Hex(ParseNumber(Args.Type))}, {"bytes", Payload.size()}};
+    if (Args.WaitResponse.empty()) {
         if (Args.bJson)
-            printf("%s\n", json({{"sent", {{"to", Peer}, {"bytes", Payload.size()}}}}).dump().c_str());
+            printf("%s\n", json({{"sent", Sent}, {"response", nullptr}}).dump().c_str());
         return;
     }
-    Message Response(Own.Receive(Args.WaitResponseMs));
+    Message Response(Own.Receive(ParseDurationMs(Args.WaitResponse)));
     if (!Response)
         throw Failure(StopRequested() ? std::string("interrupted before a response arrived")
-                                      : "no response from \"" + Args.Peer + "\" within " +
-                                            std::to_string(Args.WaitResponseMs) + " ms");
+                                      : "no response from \"" + Args.Peer + "\" within " + Args.WaitResponse);
     if (Args.bJson)
-        printf("%s\n",
-               json({{"sent", {{"to", Peer}, {"bytes", Payload.size()}}}, {"response", jMessageJson(Response.get())}})
-                   .dump()
-                   .c_str());
+        printf("%s\n", json({{"sent", Sent}, {"response", jMessageJson(Response.get())}}).dump().c_str());
     else
         jPrintMessage("response", Response.get(), false);
 }
@@ -163,7 +161,7 @@ struct SubscribeArgs {
     std::string First;
     std::string Last;
     long MaxNotifications = 0;
-    int TimeoutMs = 5000;
+    std::string Timeout = "5s";
     bool bJson = false;
 };
 
@@ -180,7 +178,7 @@ void jSubscribe(const SubscribeArgs &Args)
         throw CLI::ValidationError("FIRST LAST", "the range " + Args.First + ".." + Args.Last + " is empty: FIRST must not exceed LAST");
     CatchStopSignals();
     OwnEndpoint Own;
-    const uint32_t Peer = Own.Find(Args.Peer, Args.TimeoutMs);
+    const uint32_t Peer = Own.Find(Args.Peer, Args.Timeout);
     bool bGone = false;
     MSG_Status Status = MSG_RegisterCloseCallback(Own.Name(), Args.Peer.c_str(), Peer, jPublisherGone, &bGone, 1);
     if (Status == MSG_OK)
@@ -194,8 +192,10 @@ void jSubscribe(const SubscribeArgs &Args)
     }
     for (long Count = 0; Args.MaxNotifications == 0 || Count < Args.MaxNotifications;) {
         Message Msg(Own.Receive(kSliceMs));
-        if (bGone)
-            throw Failure("\"" + Args.Peer + "\" went away");
+        if (bGone) { // the publisher's end is the end of its notifications: done
+            fprintf(stderr, "orvane: \"%s\" went away (%s)\n", Args.Peer.c_str(), Hex(Peer).c_str());
+            return;
+        }
         if (StopRequested())
             break;
         if (Msg) {
@@ -219,14 +219,16 @@ void AddMessageCommands(CLI::App &App)
                      ->check(HexPayload());
     pSend->add_option("--file", Send->File, "The payload: the bytes of this file")->excludes(pHex);
     pSend->add_option("--sequence", Send->Sequence, "The message's sequence number")->capture_default_str();
-    pSend->add_option("--wait-response", Send->WaitResponseMs,
-                      "Wait this many milliseconds for a response (-1: without limit) and print it decoded")
-        ->check(CLI::Range(-1, 1 << 30));
-    pSend->add_option("--timeout", Send->TimeoutMs, "Milliseconds to wait for NAME to appear")
+    pSend->add_option("--wait-response", Send->WaitResponse,
+                      "Wait this long for a response (500ms, 2s ... or forever) and print it decoded")
+        ->check(Duration(true));
+    pSend->add_option("--timeout", Send->Timeout, "How long to wait for NAME to appear: 500ms, 2s ... or forever")
         ->capture_default_str()
-        ->check(CLI::Range(0, 1 << 30));
-    pSend->add_flag("--json", Send->bJson, "Print one JSON object: sent {to, bytes}, response {type, sequence, "
-                                           "stack_size, sender, origin, bytes, payload}");
+        ->check(Duration(true));
+    pSend->add_flag("--json", Send->bJson,
+                    "Print one JSON object: sent {to, type, bytes}, response {type, sequence, stack_size, sender, "
+                    "origin, bytes, payload} or null when none was awaited; SPIDs and types in hex, payload as hex "
+                    "digits");
     pSend->callback([Send] { jSend(*Send); });
 
     auto Subscribe = std::make_shared<SubscribeArgs>();
@@ -236,15 +238,17 @@ void AddMessageCommands(CLI::App &App)
     pSubscribe->add_option("FIRST", Subscribe->First, "The first message type")->required()->check(UserType());
     pSubscribe->add_option("LAST", Subscribe->Last, "The last message type")->required()->check(UserType());
     pSubscribe->add_option("--count", Subscribe->MaxNotifications,
-                           "Stop after this many notifications (0: at SIGINT or SIGTERM)")
-        ->check(CLI::NonNegativeNumber);
-    pSubscribe->add_option("--timeout", Subscribe->TimeoutMs, "Milliseconds to wait for NAME to appear")
+                           "Stop after this many notifications (0: when the publisher goes, or at SIGINT or SIGTERM)")
+        ->check(Count(0));
+    pSubscribe->add_option("--timeout", Subscribe->Timeout,
+                           "How long to wait for NAME to appear: 500ms, 2s ... or forever")
         ->capture_default_str()
-        ->check(CLI::Range(0, 1 << 30));
+        ->check(Duration(true));
     pSubscribe->add_flag("--json", Subscribe->bJson,
-                         "One JSON object per line: time, type, sequence, stack_size, sender, origin, bytes, "
-                         "payload; sender and origin are the newest and oldest entry of the message's sender "
-                         "stack, 0 when it is empty (as for a response type)");
+                         "JSON Lines: one object per notification: time, type, sequence, stack_size, sender, "
+                         "origin, bytes, payload; sender and origin are the newest and oldest entry of the "
+                         "message's sender stack, 0x0 when it is empty (as for a response type)");
+    pSubscribe->footer("Exit status 0 also when the publisher goes (the end of its notifications).");
     pSubscribe->callback([Subscribe] { jSubscribe(*Subscribe); });
 }
 

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The LINX-level subcommands: list, hunt, watch and stat.  They speak
 // linx_ directly through one socket of their own, named "orvane", which
-// they leave out of what they show; names are LINX names as given.
+// they leave out of what they show; names are LINX names as given.  LINX
+// lets several sockets hold one name (a hunt finds one of them): list
+// marks such names and watch follows every socket of a name.
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -11,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -33,12 +37,8 @@ using LinxSocket = std::unique_ptr<LINX, LinxCloser>;
 LinxSocket jOpenLinx()
 {
     LINX *pLinx = linx_open("orvane", 0, nullptr);
-    if (pLinx == nullptr) {
-        const char *pInstance = getenv("LINXD_INSTANCE");
-        throw Failure(std::string("cannot open a LINX socket: ") + strerror(errno) +
-                      " (without the LINX kernel module, linxd must be installed beside liborvane or on PATH; "
-                      "instance \"" + (pInstance != nullptr && *pInstance ? pInstance : "default") + "\")");
-    }
+    if (pLinx == nullptr)
+        throw Failure("cannot open a LINX socket: " + WhyLinxFailed(errno));
     return LinxSocket(pLinx);
 }
 
@@ -97,22 +97,40 @@ void jPrintTable(const std::vector<std::vector<std::string>> &Rows)
     }
 }
 
+// How many of the endpoints hold each name.
+std::map<std::string, int> jNameCounts(const std::vector<Endpoint> &Found)
+{
+    std::map<std::string, int> Counts;
+    for (const Endpoint &E : Found)
+        Counts[E.Name]++;
+    return Counts;
+}
+
 void jList(bool bJson)
 {
+    RequireRunningInstance();
     LinxSocket Linx = jOpenLinx();
     const std::vector<Endpoint> Found = jEndpoints(Linx.get());
+    std::map<std::string, int> Counts = jNameCounts(Found);
     if (bJson) {
         json Out = json::array();
         for (const Endpoint &E : Found)
-            Out.push_back({{"spid", E.Spid}, {"name", E.Name}, {"pid", E.Pid}, {"process", E.Process},
-                           {"queued", E.Queued}});
+            Out.push_back({{"spid", Hex(E.Spid)}, {"name", E.Name}, {"pid", E.Pid}, {"process", E.Process},
+                           {"queued", E.Queued}, {"shared", Counts[E.Name] > 1}});
         printf("%s\n", Out.dump(2).c_str());
         return;
     }
     std::vector<std::vector<std::string>> Rows = {{"SPID", "NAME", "PID", "PROCESS", "QUEUED"}};
-    for (const Endpoint &E : Found)
-        Rows.push_back({Hex(E.Spid), E.Name, std::to_string(E.Pid), E.Process, std::to_string(E.Queued)});
+    bool bShared = false;
+    for (const Endpoint &E : Found) {
+        const bool bThisShared = Counts[E.Name] > 1;
+        bShared |= bThisShared;
+        Rows.push_back({Hex(E.Spid), E.Name + (bThisShared ? " *" : ""), std::to_string(E.Pid), E.Process,
+                        std::to_string(E.Queued)});
+    }
     jPrintTable(Rows);
+    if (bShared)
+        printf("* more than one socket holds this name: a hunt finds one of them\n");
 }
 
 // Sends a hunt for Name whose answer carries Index.
@@ -165,14 +183,14 @@ bool jNextAnswer(LINX *pLinx, const LINX_SIGSELECT *pSel, int TimeoutMs, uint32_
 
 struct HuntArgs {
     std::string Name;
-    int TimeoutMs = 5000;
+    std::string Timeout = "5s";
     bool bJson = false;
 };
 
 void jHuntCommand(const HuntArgs &Args)
 {
     const std::string &Name = Args.Name;
-    const int TimeoutMs = Args.TimeoutMs;
+    const int TimeoutMs = ParseDurationMs(Args.Timeout);
     CatchStopSignals();
     LinxSocket Linx = jOpenLinx();
     jHunt(Linx.get(), Name, 0);
@@ -180,12 +198,12 @@ void jHuntCommand(const HuntArgs &Args)
     Answer Found;
     if (!jNextAnswer(Linx.get(), Sel, TimeoutMs, 1, &Found))
         throw Failure(StopRequested() ? "interrupted before \"" + Name + "\" appeared"
-                                      : "no endpoint named \"" + Name + "\" appeared within " +
-                                            std::to_string(TimeoutMs) +
-                                            " ms (`orvane list` shows the names in use; --timeout -1 waits without limit)");
+                                      : "no endpoint named \"" + Name + "\" appeared within " + Args.Timeout +
+                                            " (`orvane list` shows the names in use; --timeout forever waits without "
+                                            "limit)");
     const LINX_SPID Spid = Found.Sender;
     if (Args.bJson)
-        printf("%s\n", json({{"name", Name}, {"spid", Spid}, {"pid", linx_get_owner(Linx.get(), Spid)}}).dump().c_str());
+        printf("%s\n", json({{"name", Name}, {"spid", Hex(Spid)}, {"pid", linx_get_owner(Linx.get(), Spid)}}).dump().c_str());
     else
         printf("%s\n", Hex(Spid).c_str());
 }
@@ -196,30 +214,25 @@ struct Watched {
     pid_t Pid = 0;
 };
 
-void jReport(const char *pEvent, const Watched &W, bool bJson)
+// Whether the process runs and is not on its way out: an endpoint whose
+// process still runs was closed, else its process ended (a clean exit and
+// a kill look the same to LINX).  The kernel marks an exiting task
+// (PF_EXITING, in the flags of /proc/PID/stat) before it closes its files.
+bool jProcessRuns(pid_t Pid)
 {
-    if (bJson)
-        printf("%s\n", json({{"time", TimeStamp()}, {"event", pEvent}, {"name", W.Name}, {"spid", W.Spid}, {"pid", W.Pid}})
-                           .dump()
-                           .c_str());
-    else
-        printf("%s  %-8s  %s  %s  pid %d\n", TimeStamp().c_str(), pEvent, W.Name.c_str(), Hex(W.Spid).c_str(),
-               (int)W.Pid);
-    fflush(stdout);
-}
-
-// One peer's appearance: report it and attach, so that its death comes
-// back as a signal carrying the same index.
-void jAppeared(LINX *pLinx, Watched &W, LINX_SPID Spid, uint32_t Index, bool bJson)
-{
-    W.Spid = Spid;
-    W.Pid = linx_get_owner(pLinx, Spid);
-    jReport("appeared", W, bJson);
-    union LINX_SIGNAL *pSig = linx_alloc(pLinx, 8, kDied);
-    if (pSig != nullptr)
-        memcpy((char *)pSig + 4, &Index, 4);
-    if (pSig == nullptr || linx_attach(pLinx, &pSig, Spid) == 0)
-        throw Failure("cannot watch \"" + W.Name + "\": " + strerror(errno));
+    std::ifstream Stat("/proc/" + std::to_string(Pid) + "/stat");
+    std::string Line;
+    if (!std::getline(Stat, Line) || Line.rfind(')') == std::string::npos)
+        return false;
+    std::istringstream Fields(Line.substr(Line.rfind(')') + 2));
+    std::string State, Skip;
+    unsigned long Flags = 0;
+    Fields >> State;
+    for (int i = 0; i < 5; i++)
+        Fields >> Skip;
+    Fields >> Flags;
+    constexpr unsigned long kExiting = 0x4;
+    return State != "Z" && State != "X" && (Flags & kExiting) == 0;
 }
 
 struct WatchArgs {
@@ -228,33 +241,86 @@ struct WatchArgs {
     bool bJson = false;
 };
 
+// What watch follows: every socket of the watched names it has seen.
+struct Follower {
+    const WatchArgs &Args;
+    LINX *pLinx;
+    std::map<LINX_SPID, Watched> Live;
+    long Events = 0;
+
+    bool Done() const { return Args.MaxEvents != 0 && Events >= Args.MaxEvents; }
+
+    void Report(const char *pEvent, const Watched &W)
+    {
+        if (Done())
+            return;
+        Events++;
+        if (Args.bJson)
+            printf("%s\n", json({{"time", TimeStamp()}, {"event", pEvent}, {"name", W.Name}, {"spid", Hex(W.Spid)},
+                                 {"pid", W.Pid}})
+                               .dump()
+                               .c_str());
+        else
+            printf("%s  %-8s  %s  %s  pid %d\n", TimeStamp().c_str(), pEvent, W.Name.c_str(), Hex(W.Spid).c_str(),
+                   (int)W.Pid);
+        fflush(stdout);
+    }
+
+    // Reports and attaches to every socket of a watched name not seen yet;
+    // its end comes back as a signal from it.
+    void Scan()
+    {
+        for (const Endpoint &E : jEndpoints(pLinx)) {
+            const auto Named = std::find(Args.Names.begin(), Args.Names.end(), E.Name);
+            if (Named == Args.Names.end() || Live.count(E.Spid) != 0)
+                continue;
+            union LINX_SIGNAL *pSig = linx_alloc(pLinx, 8, kDied);
+            const uint32_t Index = (uint32_t)(Named - Args.Names.begin());
+            if (pSig != nullptr)
+                memcpy((char *)pSig + 4, &Index, 4);
+            if (pSig == nullptr || linx_attach(pLinx, &pSig, E.Spid) == 0)
+                continue; // gone already
+            Live[E.Spid] = {E.Name, E.Spid, E.Pid};
+            Report("appeared", Live[E.Spid]);
+        }
+    }
+
+    void Ended(const Answer &A)
+    {
+        const auto Found = Live.find(A.Sender);
+        if (Found == Live.end())
+            return;
+        Report(jProcessRuns(Found->second.Pid) ? "closed" : "ended", Found->second);
+        Live.erase(Found);
+        jHunt(pLinx, Args.Names[A.Index], A.Index); // for its next appearance
+    }
+};
+
+// Hunts announce a name's first socket at once; a scan every second finds
+// the others that share a name.
 void jWatchCommand(const WatchArgs &Args)
 {
-    const std::vector<std::string> &Names = Args.Names;
-    const bool bJson = Args.bJson;
     CatchStopSignals();
     LinxSocket Linx = jOpenLinx();
-    std::vector<Watched> Peers(Names.size());
-    for (uint32_t i = 0; i < Names.size(); i++) {
-        Peers[i].Name = Names[i];
-        jHunt(Linx.get(), Names[i], i);
-    }
+    Follower W{Args, Linx.get(), {}, 0};
+    for (uint32_t i = 0; i < Args.Names.size(); i++)
+        jHunt(W.pLinx, Args.Names[i], i);
     const LINX_SIGSELECT Sel[] = {2, kAppeared, kDied};
-    for (long Events = 0; Args.MaxEvents == 0 || Events < Args.MaxEvents; Events++) {
+    constexpr int kScanMs = 1000;
+    while (!W.Done() && !StopRequested()) {
         Answer A;
-        if (!jNextAnswer(Linx.get(), Sel, -1, (uint32_t)Peers.size(), &A))
-            return; // stopped
-        if (A.bAppeared) {
-            jAppeared(Linx.get(), Peers[A.Index], A.Sender, A.Index, bJson);
-        } else {
-            jReport("died", Peers[A.Index], bJson);
-            jHunt(Linx.get(), Peers[A.Index].Name, A.Index); // for its next appearance
-        }
+        if (!jNextAnswer(W.pLinx, Sel, kScanMs, (uint32_t)Args.Names.size(), &A))
+            W.Scan();
+        else if (A.bAppeared)
+            W.Scan();
+        else
+            W.Ended(A);
     }
 }
 
 void jStat(bool bJson)
 {
+    RequireRunningInstance();
     LinxSocket Linx = jOpenLinx();
     struct linx_info_summary S = {};
     if (linx_get_summary(Linx.get(), &S) != 0)
@@ -285,30 +351,35 @@ void AddPeerCommands(CLI::App &App)
 {
     auto Json = std::make_shared<bool>(false);
     auto *pList = App.add_subcommand("list", "Every LINX endpoint: name, SPID, owning process, queued signals");
-    pList->add_flag("--json", *Json, "One JSON array, an object per endpoint: spid, name, pid, process, queued");
+    pList->add_flag("--json", *Json,
+                    "One JSON array, an object per endpoint: spid (hex), name, pid, process, queued, shared (more "
+                    "than one socket holds the name)");
     pList->callback([Json] { jList(*Json); });
 
     auto Hunt = std::make_shared<HuntArgs>();
     auto *pHunt = App.add_subcommand("hunt", "Wait for an endpoint of NAME and print its SPID");
     pHunt->add_option("NAME", Hunt->Name, "The LINX name")->required();
-    pHunt->add_option("--timeout", Hunt->TimeoutMs, "Milliseconds to wait; -1 waits without limit")
+    pHunt->add_option("--timeout", Hunt->Timeout, "How long to wait: 500ms, 2s ... or forever")
         ->capture_default_str()
-        ->check(CLI::Range(-1, 1 << 30));
-    pHunt->add_flag("--json", Hunt->bJson, "Print one JSON object: name, spid, pid");
+        ->check(Duration(true));
+    pHunt->add_flag("--json", Hunt->bJson, "Print one JSON object: name, spid (hex), pid");
     pHunt->callback([Hunt] { jHuntCommand(*Hunt); });
 
     auto Watch = std::make_shared<WatchArgs>();
     auto *pWatch = App.add_subcommand("watch", "Print each appearance and death of the named endpoints until interrupted");
     pWatch->add_option("NAME", Watch->Names, "LINX names")->required();
     pWatch->add_option("--count", Watch->MaxEvents, "Stop after this many events (0: at SIGINT or SIGTERM)")
-        ->check(CLI::NonNegativeNumber);
-    pWatch->add_flag("--json", Watch->bJson, "One JSON object per line: time, event, name, spid, pid");
+        ->check(Count(0));
+    pWatch->add_flag("--json", Watch->bJson,
+                     "JSON Lines: one object per event: time, event (appeared, closed: its process still runs, "
+                     "ended: its process ended), name, spid (hex), pid");
     pWatch->callback([Watch] { jWatchCommand(*Watch); });
 
     auto StatJson = std::make_shared<bool>(false);
     auto *pStat = App.add_subcommand("stat", "Totals of the LINX module or linxd instance: sockets, queued signals, "
                                              "pending hunts, attaches, timeouts and new-link requests");
-    pStat->add_flag("--json", *StatJson, "One JSON object");
+    pStat->add_flag("--json", *StatJson,
+                    "One JSON object: sockets, queued_signals, hunts, attaches, timeouts, new_link_requests");
     pStat->callback([StatJson] { jStat(*StatJson); });
 }
 

@@ -67,8 +67,8 @@ void jUserLog(const std::string &Path, bool bJson)
         const uint8_t *pKept = (const uint8_t *)Bytes.data() + Offset + kHeadBytes;
         const size_t Kept = std::min((size_t)std::max(R.PayloadBytes, 0), (size_t)R.StoredBytes);
         if (bJson)
-            Out.push_back({{"index", Index}, {"time_ms", R.TimeMsec}, {"from", R.From}, {"to", R.To},
-                           {"type", R.MsgType & ~kUserShift}, {"sequence", R.Sequence},
+            Out.push_back({{"index", Index}, {"time_ms", R.TimeMsec}, {"from", Hex(R.From)}, {"to", Hex(R.To)},
+                           {"type", Hex(R.MsgType & ~kUserShift)}, {"sequence", R.Sequence},
                            {"payload_bytes", R.PayloadBytes}, {"payload", HexDigits(pKept, Kept)}});
         else
             jPrintRecord(Index, R, pKept, Kept);
