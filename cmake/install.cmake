@@ -49,7 +49,16 @@ configure_package_config_file(cmake/orvaneConfig.cmake.in ${CMAKE_BINARY_DIR}/or
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/orvaneConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/orvaneConfig.cmake ${CMAKE_BINARY_DIR}/orvaneConfigVersion.cmake
         DESTINATION ${ORVANE_CMAKE_DIR})
+# Two pkg-config files: the installed one finds its prefix from where it
+# lies; the build tree's (build/orvane.pc, for PKG_CONFIG_PATH=build) points
+# at the source headers and the library in the build tree.
 file(RELATIVE_PATH ORVANE_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" ORVANE_PC_TO_PREFIX "${ORVANE_PC_TO_PREFIX}")
+set(ORVANE_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+set(ORVANE_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+configure_file(cmake/orvane.pc.in ${CMAKE_BINARY_DIR}/install/orvane.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/install/orvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(ORVANE_PC_TO_PREFIX ".")
+set(ORVANE_PC_LIBDIR "${CMAKE_BINARY_DIR}")
+set(ORVANE_PC_INCLUDEDIR "${PROJECT_SOURCE_DIR}/include")
 configure_file(cmake/orvane.pc.in ${CMAKE_BINARY_DIR}/orvane.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/orvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
