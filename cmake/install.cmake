@@ -5,7 +5,7 @@
 # (Debian: /usr/lib/x86_64-linux-gnu/wireshark/plugins with the /usr
 # prefix); bash completion; a pkg-config file and a CMake package, so that
 # find_package(orvane) gives the imported target orvane::orvane; the man
-# pages when `cmake --build build --target docs` made them; the systemd
+# pages the build made (when doxygen and help2man are there); the systemd
 # user unit linxd@.service.  The Debian packages are built from the same
 # install by debhelper (debian/, scripts/package.sh).
 include(CMakePackageConfigHelpers)

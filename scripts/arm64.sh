@@ -35,7 +35,7 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_SYSTEM_NA
   -DCMAKE_FIND_ROOT_PATH_MODE_PROGRAM=NEVER -DCMAKE_FIND_ROOT_PATH_MODE_LIBRARY=ONLY \
   -DCMAKE_FIND_ROOT_PATH_MODE_INCLUDE=ONLY -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=ONLY \
   -DCMAKE_CROSSCOMPILING_EMULATOR="$(IFS=';'; echo "${qemu[*]}")" -DProtobuf_PROTOC_EXECUTABLE=/usr/bin/protoc \
-  -DProtobuf_LIBRARY="$sysroot/usr/lib/aarch64-linux-gnu/libprotobuf-lite.so" -DORVANE_BENCH=OFF -DORVANE_CLI=OFF \
+  -DProtobuf_LIBRARY="$sysroot/usr/lib/aarch64-linux-gnu/libprotobuf-lite.so" -DORVANE_TESTS=ON -DORVANE_BENCH=OFF -DORVANE_CLI=OFF \
   >/dev/null
 rm -f "$build/linxd" # the script of an earlier run, which would pass for the program
 cmake --build "$build" -j"$(nproc)" --target orvane linxd orvane_demo test_linx_processes test_linx_buffers >/dev/null

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Sets up what is missing, builds, and runs the demo; then runs it again with
-# telemetry on, captured by the collector, and shows the capture as the
-# Wireshark dissector decodes it.
+# Installs what building and the demo need when it is missing, builds, and
+# runs the demo; then runs it again with telemetry on, captured by the
+# collector, and shows the capture as the Wireshark dissector decodes it;
+# last, the demo's client in Python.  The test command runs it too.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build="$root/build"
-"$root/scripts/setup.sh"
-"$root/scripts/build.sh" build >/dev/null
+"$root/scripts/setup.sh" demo
+echo "== Building into build/"
+"$root/scripts/build.sh" build
+echo
+echo "== The demo (examples/orvane_demo.c)"
 "$build/examples/orvane_demo"
 
 echo

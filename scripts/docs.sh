@@ -7,5 +7,5 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
 "$root/scripts/build.sh" build >/dev/null
-cmake --build "$root/build" --target docs
+cmake --build "$root/build" --target docs # part of the build; named for a tree configured earlier
 echo "API reference: $root/build/docs/api/html/index.html"

@@ -9,7 +9,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=$(mkdir -p "${1:-$root/build-deb}" && cd "${1:-$root/build-deb}" && pwd)
-"$root/scripts/setup.sh"
+"$root/scripts/setup.sh" test
 version=$(dpkg-parsechangelog -l "$root/debian/changelog" -S Version)
 tree="$out/orvane-$version"
 rm -rf "$tree" "$out"/*.deb "$out"/*.ddeb "$out"/*.buildinfo "$out"/*.changes
