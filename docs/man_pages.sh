@@ -26,9 +26,9 @@ subcommand_help() {
 [EXAMPLES]
 .nf
 orvane list
-orvane hunt weather-server --timeout 2000
-orvane watch weather-server relay
-orvane send weather-server 0x100 --payload 01:02 --wait-response 1000
+orvane hunt weather-server --timeout 2s
+orvane watch weather-server relay --json
+orvane send weather-server 0x100 --payload 01:02 --wait-response 1s
 orvane subscribe weather-server 0x200 0x2ff --json
 orvane capture - | wireshark -k -i -
 orvane config compile orvane.txt orvane.pb
