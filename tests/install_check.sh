@@ -105,8 +105,10 @@ check_package() {
     "${dpkg[@]}" -i "$work"/deb/"${package}"_*.deb >/dev/null
   done
   check_hello "$root/usr" "$root/usr/lib/$multiarch"
+  # stat does not start an instance; a hunt does (the packaged linxd).
+  LD_LIBRARY_PATH="$root/usr/lib/$multiarch" "$root/usr/bin/orvane" hunt nobody --timeout 0 >/dev/null 2>&1 || true
   grep -q "sockets" <<<"$(LD_LIBRARY_PATH="$root/usr/lib/$multiarch" "$root/usr/bin/orvane" stat 2>&1)" ||
-    fail "orvane stat of orvane-tools does not run"
+    fail "orvane stat of orvane-tools does not run: $(LD_LIBRARY_PATH="$root/usr/lib/$multiarch" "$root/usr/bin/orvane" stat 2>&1)"
   pkill -f "linxd --instance $instance" || true
   "${dpkg[@]}" --purge "${packages[@]}" >/dev/null
   [ -z "$(find "$root" -mindepth 1 -not -path "$root/var/lib/dpkg*" -type f)" ] || fail "files left after the purge"
