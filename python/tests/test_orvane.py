@@ -73,8 +73,19 @@ def test_every_error_is_its_exception_and_a_message_that_was_not_sent_stays_usab
                 endpoint.send(spid, orvane.Message(ECHO_REQ))
                 time.sleep(0.01)
         message.release()
+        # A recycled buffer's old bytes never leave: the payload beyond what is given is zero.
+        orvane.Message(ECHO_REQ, b"secret-password" * 4).release()
+        assert bytes(orvane.Message(ECHO_REQ, b"ab", size=60).payload) == b"ab" + bytes(58)
+        # The configuration was loaded by the first open: another file is refused with its reason.
+        with pytest.raises(orvane.OrvaneError) as late:
+            orvane.set_config_file("/nonexistent/orvane.pb")
+        assert late.value.code == 301
     with pytest.raises(orvane.NotOpen):
         endpoint.receive(timeout=0)
+    flags = orvane.debug_flags()
+    orvane.set_debug_flags(flags | orvane.DEBUG_STDERR)
+    assert orvane.debug_flags() == flags | orvane.DEBUG_STDERR
+    orvane.set_debug_flags(flags)
 
 
 def test_a_python_peer_answers_is_seen_dying_and_returning_and_a_raising_callback_is_logged(caplog):
