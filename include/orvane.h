@@ -601,12 +601,13 @@ MSG_API MSG_Status MSG_ResendToGlobalTelemetry(uint32_t Sender, uint32_t Receive
 MSG_API MSG_Status MSG_AnnounceLocalOpen(LocalEndpoint *pJustOpened);
 /** @} */
 
-/** Writes every local endpoint of the process, with its callbacks, subscriptions
- * and remote endpoints, written to the log at level 6 whatever DebugFlag
- * holds; the thread's own endpoint is marked " ***".  The first writes
- * begin and end lines around the second.  Both return 0. */
+/** Writes every local endpoint of the process, with its callbacks,
+ *  subscriptions and remote endpoints, to the log at level 6 whatever
+ *  DebugFlag holds, between a begin and an end line; the thread's own
+ *  endpoint is marked " ***".  Returns 0. */
 MSG_API MSG_Status MSG_DebugDumpAll(void);
-/** The endpoints' part of MSG_DebugDumpAll, without its begin and end lines. */
+/** The endpoints' part of MSG_DebugDumpAll, without its begin and end
+ *  lines; returns 0. */
 MSG_API MSG_Status MSG_DebugDumpLocalEndpoint(void);
 
 #ifdef __cplusplus
