@@ -224,16 +224,21 @@ uint32_t ParseNumber(const std::string &Text)
     return Value;
 }
 
-CLI::Validator UserType()
+CLI::Validator NumberUpTo(uint32_t Most, const std::string &What, const std::string &Name)
 {
     return CLI::Validator(
-        [](std::string &Text) -> std::string {
+        [=](std::string &Text) -> std::string {
             uint32_t Value;
-            if (!jParseNumber(Text, &Value) || Value > 0xFFFFFF)
-                return "a message type is a number from 0 to 0xffffff, decimal or 0x-hex: " + Text;
+            if (!jParseNumber(Text, &Value) || Value > Most)
+                return What + " is a number from 0 to " + Hex(Most) + ", decimal or 0x-hex: not \"" + Text + "\"";
             return "";
         },
-        "TYPE");
+        Name);
+}
+
+CLI::Validator UserType()
+{
+    return NumberUpTo(0xFFFFFF, "a message type", "TYPE");
 }
 
 CLI::Validator HexPayload()

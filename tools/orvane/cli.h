@@ -71,6 +71,8 @@ void RequireRunningInstance();
 // it tried; Failure for a bad LINXD_INSTANCE.
 std::string WhyLinxFailed(int Error);
 
+// A number from 0 to Most, decimal or 0x-hex; What names it in the refusal.
+CLI::Validator NumberUpTo(uint32_t Most, const std::string &What, const std::string &Name);
 // A user message type: a number below 0x1000000, decimal or 0x-hex.
 CLI::Validator UserType();
 uint32_t ParseNumber(const std::string &Text);

@@ -100,7 +100,7 @@ struct SendArgs {
     std::string Type;
     std::string PayloadHex;
     std::string File;
-    uint32_t Sequence = 0;
+    std::string Sequence = "0";
     std::string WaitResponse; // empty: no response is awaited
     std::string Timeout = "5s";
     bool bJson = false;
@@ -124,7 +124,7 @@ void jSend(const SendArgs &Args)
                       std::to_string(kMostPayloadBytes) + ")");
     OwnEndpoint Own;
     const uint32_t Peer = Own.Find(Args.Peer, Args.Timeout);
-    Message Msg(MSG_AllocMsg(ParseNumber(Args.Type), Args.Sequence, (int32_t)Payload.size()));
+    Message Msg(MSG_AllocMsg(ParseNumber(Args.Type), ParseNumber(Args.Sequence), (int32_t)Payload.size()));
     if (!Msg)
         throw Failure("cannot allocate a message of " + std::to_string(Payload.size()) + " bytes");
     if (!Payload.empty())
@@ -139,7 +139,7 @@ void jSend(const SendArgs &Args)
         throw Failure("cannot send to \"" + Args.Peer + "\": " + MSG_DebugStrError(Status));
     if (!Args.bJson)
         printf("sent type %s sequence %u, %zu bytes, to %s (%s)\n", Hex(ParseNumber(Args.Type)).c_str(),
-               Args.Sequence, Payload.size(), Args.Peer.c_str(), Hex(Peer).c_str());
+               ParseNumber(Args.Sequence), Payload.size(), Args.Peer.c_str(), Hex(Peer).c_str());
     const json Sent = {{"to", Hex(Peer)}, {"type", Hex(ParseNumber(Args.Type))}, {"bytes", Payload.size()}};
     if (Args.WaitResponse.empty()) {
         if (Args.bJson)
@@ -218,7 +218,9 @@ void AddMessageCommands(CLI::App &App)
     auto *pHex = pSend->add_option("--payload", Send->PayloadHex, "The payload as hex digits, e.g. 01ab or 01:ab")
                      ->check(HexPayload());
     pSend->add_option("--file", Send->File, "The payload: the bytes of this file")->excludes(pHex);
-    pSend->add_option("--sequence", Send->Sequence, "The message's sequence number")->capture_default_str();
+    pSend->add_option("--sequence", Send->Sequence, "The message's sequence number")
+        ->capture_default_str()
+        ->check(NumberUpTo(0xFFFFFFFF, "a sequence number", "N"));
     pSend->add_option("--wait-response", Send->WaitResponse,
                       "Wait this long for a response (500ms, 2s ... or forever) and print it decoded")
         ->check(Duration(true));
