@@ -4,13 +4,15 @@
 # when they are missing, with one line saying which.  "demo" (the default)
 # is what building the library, its tools and running the demo takes;
 # "test" adds the test toolchain (sanitizer, cross and fuzz compilers,
-# qemu, valgrind, the packaging checks, the benchmarks' peers).
+# qemu, valgrind, the packaging checks, the benchmarks' peers: ZeroMQ and
+# iceoryx).
 set -euo pipefail
 
 demo=(g++ cmake make libprotobuf-dev protobuf-compiler libssl-dev libcli11-dev nlohmann-json3-dev pkgconf
       tshark python3 doxygen help2man)
 test=(libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev clang libclang-rt-14-dev g++-12-multilib
-      g++-aarch64-linux-gnu qemu-user valgrind dpkg-dev python3-pytest debhelper dh-python lintian)
+      g++-aarch64-linux-gnu qemu-user valgrind dpkg-dev python3-pytest debhelper dh-python lintian
+      libiceoryx-posh-dev iceoryx)
 packages=("${demo[@]}")
 case "${1:-demo}" in
   demo) ;;
