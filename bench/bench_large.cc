@@ -26,6 +26,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -149,24 +150,37 @@ struct StreamSender : Sender {
     }
 };
 
-std::unique_ptr<Sender> StartStream(uint32_t Size)
+// A sender T on one end of a socket pair of Type, whose other end
+// Receive(Fd) serves in a process of its own.
+template <typename T> std::unique_ptr<T> StartOverPair(int Type, const std::function<int(int Fd)> &Receive)
 {
     int Pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, Pair) != 0)
+    if (socketpair(AF_UNIX, Type | SOCK_CLOEXEC, 0, Pair) != 0)
         Fail("socketpair");
-    auto S = std::make_unique<StreamSender>();
+    auto S = std::make_unique<T>();
     S->Pid = StartPeer([&] {
         close(Pair[0]);
-        std::vector<uint8_t> In(Size);
-        for (Head H = {}; ReadAll(Pair[1], In.data(), Size);) {
-            const double Latency = Consume(In.data(), Size, &H);
-            if ((H.Flags & kAckNow) && !WriteAll(Pair[1], &Latency, sizeof Latency))
-                break;
-        }
-        return 0;
+        return Receive(Pair[1]);
     });
     close(Pair[1]);
     S->Fd = Pair[0];
+    return S;
+}
+
+int StreamReceive(int Fd, uint32_t Size)
+{
+    std::vector<uint8_t> In(Size);
+    for (Head H = {}; ReadAll(Fd, In.data(), Size);) {
+        const double Latency = Consume(In.data(), Size, &H);
+        if ((H.Flags & kAckNow) && !WriteAll(Fd, &Latency, sizeof Latency))
+            break;
+    }
+    return 0;
+}
+
+std::unique_ptr<Sender> StartStream(uint32_t Size)
+{
+    auto S = StartOverPair<StreamSender>(SOCK_STREAM, [Size](int Fd) { return StreamReceive(Fd, Size); });
     S->Buffer.resize(Size);
     return S;
 }
@@ -243,16 +257,7 @@ int MemfdReceive(int Fd, uint32_t Size)
 
 std::unique_ptr<Sender> StartMemfd(uint32_t Size)
 {
-    int Pair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, Pair) != 0)
-        Fail("socketpair");
-    auto S = std::make_unique<MemfdSender>();
-    S->Pid = StartPeer([&] {
-        close(Pair[0]);
-        return MemfdReceive(Pair[1], Size);
-    });
-    close(Pair[1]);
-    S->Fd = Pair[0];
+    auto S = StartOverPair<MemfdSender>(SOCK_SEQPACKET, [Size](int Fd) { return MemfdReceive(Fd, Size); });
     S->Size = Size;
     for (uint32_t i = 0; i < 2 * kWindow; i++) { // warm: written once, as a pool is after its first use
         const int File = memfd_create("bench-large", MFD_CLOEXEC);
