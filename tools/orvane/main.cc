@@ -23,10 +23,12 @@ int main(int Argc, char **ppArgv)
                                                               " (--debug says why)");
            },
            "Find peers through this endpoint configuration instead of /system/etc/orvane.pb")
+        ->type_name("FILE")
         ->check(CLI::ExistingFile);
-    App.footer("Exit status: 0 done, 1 failed, 2 usage error.  The environment variable LINXD_INSTANCE\n"
-               "names the linxd stand-in instance on a host without the LINX kernel module.\n"
-               "Each subcommand has its own --help.");
+    App.footer("Exit status: 0 done, 1 failed, 2 usage error.  Durations take units (500ms, 2s, 1m; a bare\n"
+               "number is milliseconds); --json prints one JSON document (JSON Lines for watch and subscribe)\n"
+               "with SPIDs and types in hex.  The environment variable LINXD_INSTANCE names the linxd\n"
+               "stand-in instance on a host without the LINX kernel module.  Each subcommand has its own --help.");
     cli::AddPeerCommands(App);
     cli::AddMessageCommands(App);
     cli::AddCaptureCommand(App);

@@ -366,7 +366,7 @@ void AddPeerCommands(CLI::App &App)
     pHunt->callback([Hunt] { jHuntCommand(*Hunt); });
 
     auto Watch = std::make_shared<WatchArgs>();
-    auto *pWatch = App.add_subcommand("watch", "Print each appearance and death of the named endpoints until interrupted");
+    auto *pWatch = App.add_subcommand("watch", "Print each appearance and end of every socket of the named endpoints until interrupted");
     pWatch->add_option("NAME", Watch->Names, "LINX names")->required();
     pWatch->add_option("--count", Watch->MaxEvents, "Stop after this many events (0: at SIGINT or SIGTERM)")
         ->check(Count(0));
