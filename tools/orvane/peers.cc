@@ -14,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -57,9 +58,8 @@ struct Endpoint {
     uint64_t Queued;
 };
 
-// Every endpoint but our own; one that closes while it is asked about is
-// left out.
-std::vector<Endpoint> jEndpoints(LINX *pLinx)
+// The SPID of every endpoint but our own.
+std::vector<LINX_SPID> jSpids(LINX *pLinx)
 {
     std::vector<LINX_SPID> Spids(256);
     int Count;
@@ -67,18 +67,31 @@ std::vector<Endpoint> jEndpoints(LINX *pLinx)
         Spids.resize(Spids.size() * 2);
     if (Count < 0)
         throw Failure(std::string("cannot list the endpoints: ") + strerror(errno));
+    Spids.resize((size_t)Count);
+    Spids.erase(std::remove(Spids.begin(), Spids.end(), linx_get_spid(pLinx)), Spids.end());
+    return Spids;
+}
+
+// What an endpoint is; false when it closed while it was asked about.
+bool jDescribe(LINX *pLinx, LINX_SPID Spid, Endpoint *pE)
+{
+    char *pName = nullptr;
+    struct linx_info_stat *pStat = nullptr;
+    const bool bOpen = linx_get_name(pLinx, Spid, &pName) == 0 && linx_get_stat(pLinx, Spid, &pStat) == 0;
+    if (bOpen)
+        *pE = {Spid, pName, (pid_t)pStat->owner_pid, jProcessName((pid_t)pStat->owner_pid), pStat->queued_signals};
+    linx_free_name(pLinx, &pName);
+    linx_free_stat(pLinx, &pStat);
+    return bOpen;
+}
+
+std::vector<Endpoint> jEndpoints(LINX *pLinx)
+{
     std::vector<Endpoint> Found;
-    for (int i = 0; i < Count; i++) {
-        if (Spids[i] == linx_get_spid(pLinx))
-            continue;
-        char *pName = nullptr;
-        struct linx_info_stat *pStat = nullptr;
-        if (linx_get_name(pLinx, Spids[i], &pName) == 0 && linx_get_stat(pLinx, Spids[i], &pStat) == 0) {
-            const pid_t Pid = (pid_t)pStat->owner_pid;
-            Found.push_back({Spids[i], pName, Pid, jProcessName(Pid), pStat->queued_signals});
-        }
-        linx_free_name(pLinx, &pName);
-        linx_free_stat(pLinx, &pStat);
+    for (const LINX_SPID Spid : jSpids(pLinx)) {
+        Endpoint E;
+        if (jDescribe(pLinx, Spid, &E))
+            Found.push_back(E);
     }
     return Found;
 }
@@ -241,11 +254,14 @@ struct WatchArgs {
     bool bJson = false;
 };
 
-// What watch follows: every socket of the watched names it has seen.
+// What watch follows: every socket of the watched names it has seen.  A
+// scan asks only about SPIDs it has not seen before, so that a watch costs
+// linxd one listing a second on a busy system.
 struct Follower {
     const WatchArgs &Args;
     LINX *pLinx;
     std::map<LINX_SPID, Watched> Live;
+    std::set<LINX_SPID> Seen;
     long Events = 0;
 
     bool Done() const { return Args.MaxEvents != 0 && Events >= Args.MaxEvents; }
@@ -270,9 +286,16 @@ struct Follower {
     // its end comes back as a signal from it.
     void Scan()
     {
-        for (const Endpoint &E : jEndpoints(pLinx)) {
+        const std::vector<LINX_SPID> Spids = jSpids(pLinx);
+        std::set<LINX_SPID> Listed(Spids.begin(), Spids.end());
+        for (auto It = Seen.begin(); It != Seen.end();) // forget the closed
+            It = Listed.count(*It) != 0 ? std::next(It) : Seen.erase(It);
+        for (const LINX_SPID Spid : Spids) {
+            Endpoint E;
+            if (!Seen.insert(Spid).second || !jDescribe(pLinx, Spid, &E))
+                continue;
             const auto Named = std::find(Args.Names.begin(), Args.Names.end(), E.Name);
-            if (Named == Args.Names.end() || Live.count(E.Spid) != 0)
+            if (Named == Args.Names.end())
                 continue;
             union LINX_SIGNAL *pSig = linx_alloc(pLinx, 8, kDied);
             const uint32_t Index = (uint32_t)(Named - Args.Names.begin());
@@ -302,7 +325,7 @@ void jWatchCommand(const WatchArgs &Args)
 {
     CatchStopSignals();
     LinxSocket Linx = jOpenLinx();
-    Follower W{Args, Linx.get(), {}, 0};
+    Follower W{Args, Linx.get(), {}, {}, 0};
     for (uint32_t i = 0; i < Args.Names.size(); i++)
         jHunt(W.pLinx, Args.Names[i], i);
     const LINX_SIGSELECT Sel[] = {2, kAppeared, kDied};
