@@ -515,8 +515,9 @@ MSG_API MSG_Status MSG_PurgeNotifications(LocalEndpoint *pEndpoint, uint32_t Rem
 /** Sends pMsg from the endpoint pLocalName (public, or null for the
  *  thread's private one) to the LINX id Receiver (0 for a response: back to
  *  the most recent sender on its stack).  0 (the message is gone), 103 (the
- *  receiver is gone), 202 (LINX refused), or 301, 302, 104, 307, 308 (the
- *  caller still owns the message). */
+ *  receiver is gone), 202 (LINX refused), 300 (a private endpoint named: the
+ *  message is released), or 301, 302, 104, 307, 308 (the caller still owns
+ *  the message). */
 MSG_API MSG_Status MSG_SendMsg(const char *pLocalName, uint32_t Receiver, MSG_Msg *pMsg);
 /** Waits up to TimeoutMillisec (0 polls, -1 waits without limit) for a
  *  message of type MsgType on the endpoint pLocalName (null: the thread's
